@@ -1,0 +1,49 @@
+# One place for the language, the warnings and the sanitizers; every target links corvane_flags.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+find_program(CORVANE_CCACHE ccache)
+if(CORVANE_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CORVANE_CCACHE})
+endif()
+
+find_package(Threads REQUIRED)
+
+add_library(corvane_flags INTERFACE)
+target_compile_options(corvane_flags INTERFACE -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Woverloaded-virtual -Wshadow)
+if(CORVANE_WERROR)
+    target_compile_options(corvane_flags INTERFACE -Werror)
+endif()
+target_compile_definitions(corvane_flags INTERFACE
+    QT_NO_KEYWORDS QT_NO_CAST_TO_ASCII QT_NO_URL_CAST_FROM_STRING QT_USE_QSTRINGBUILDER
+    _FILE_OFFSET_BITS=64)
+target_link_libraries(corvane_flags INTERFACE Threads::Threads)
+if(CORVANE_SANITIZE)
+    target_compile_options(corvane_flags INTERFACE -fsanitize=${CORVANE_SANITIZE} -fno-omit-frame-pointer -O1)
+    target_link_options(corvane_flags INTERFACE -fsanitize=${CORVANE_SANITIZE})
+endif()
+
+# corvane_room(name SOURCES … PUBLIC … PRIVATE …): one static library a room (or part of one).
+# Rooms include each other as "room/File.h", so the include root is src/.
+function(corvane_room name)
+    cmake_parse_arguments(ROOM "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+    add_library(${name} STATIC ${ROOM_SOURCES})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC Qt6::Core ${ROOM_PUBLIC} PRIVATE corvane_flags ${ROOM_PRIVATE})
+endfunction()
+
+# corvane_test(name SOURCES … LIBS … [TIMEOUT s]): one QtTest program, run without a display.
+function(corvane_test name)
+    cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+    add_executable(${name} ${T_SOURCES})
+    target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+    target_link_libraries(${name} PRIVATE Qt6::Test corvane_flags ${T_LIBS})
+    add_test(NAME ${name} COMMAND ${name})
+    if(NOT T_TIMEOUT)
+        set(T_TIMEOUT 120)
+    endif()
+    set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT}
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;LC_ALL=C.UTF-8;TZ=UTC")
+endfunction()

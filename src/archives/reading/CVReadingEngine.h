@@ -1,0 +1,137 @@
+#pragma once
+
+#include "archives/reading/XADTypes.h"
+
+#include <QByteArrayView>
+#include <QStringList>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+/// Takes the data of one entry. Made by CVEntrySink::beginEntry, used by one thread, and ended by
+/// exactly one finish(); destroying it without finish() discards what was written.
+class CVEntryWriter
+{
+public:
+    enum class Flow {
+        Go,
+        SkipEntry, ///< this entry is lost (it is recorded already): stop feeding it, then call finish()
+        Stop,      ///< cancelled, disk full or limit reached: end the whole extraction
+    };
+
+    virtual ~CVEntryWriter() = default;
+
+    /// At most 1 MiB a call, so that a cancel takes effect within one block.
+    virtual Flow write(const char *data, qsizetype size) = 0;
+
+    /// A hole of this many zero bytes at the current place (sparse files).
+    virtual Flow writeHole(qint64 size) = 0;
+
+    /// Ends the entry. With None, the bytes received are compared with the declared size; any other
+    /// code discards them and records the failure. `detail` says why, for the log and the person.
+    /// Checksums are the engine's business: it passes Damaged when one does not fit.
+    /// Stop means that the delegate chose to abort.
+    virtual Flow finish(XADErrorCode code, const QString &detail = {}) = 0;
+};
+
+/// Where an engine delivers entries. One implementation stands above all engines and owns every
+/// rule of safety; engines only decode. All calls are safe from several threads at once.
+class CVEntrySink
+{
+public:
+    virtual ~CVEntrySink() = default;
+
+    /// Starts entry `index` of entries(). Null: the entry is not wanted, was refused (and recorded),
+    /// or needs no data (directory, link with a known target): pass over its data.
+    /// For a symbolic link whose linkTarget is empty the data written becomes the target.
+    virtual std::unique_ptr<CVEntryWriter> beginEntry(int index) = 0;
+
+    /// An entry that failed before any data came. Same answer as finish().
+    virtual CVEntryWriter::Flow entryFailed(int index, XADErrorCode code, const QString &detail = {}) = 0;
+
+    /// Polled between blocks by engines that work without writing (skipping through a solid archive).
+    virtual bool shouldStop() = 0;
+};
+
+/// What an engine may ask for while it opens or extracts.
+class CVEngineHost
+{
+public:
+    virtual ~CVEngineHost() = default;
+
+    /// The password, or nothing when the person gave none. Asked once an archive; cheap afterwards.
+    virtual std::optional<QString> password() = 0;
+
+    virtual bool shouldStop() = 0;
+};
+
+/// The first bytes and the surroundings of a file, read once for all bids.
+struct CVArchiveProbe
+{
+    QString path;
+    QByteArray head;        ///< the first 64 KiB, or all of a smaller file
+    QByteArray tail;        ///< the last 64 KiB + 22 bytes (overlaps head in small files)
+    qint64 fileSize = 0;
+};
+
+/// One open archive under one decoder.
+/// Thread: opened and used by one worker thread; extract() may use threads of its own and has ended
+/// them when it returns. Never throws across this interface.
+class CVReadingEngine
+{
+public:
+    virtual ~CVReadingEngine() = default;
+
+    /// The format in people's words and short: "ZIP", "7-Zip", "RAR 5", "tar (xz)".
+    virtual QString formatName() const = 0;
+
+    /// In the archive's order; the same entries that extract() gives.
+    virtual const std::vector<XADEntry> &entries() const = 0;
+
+    /// A password is needed for names or for the data of at least one entry.
+    virtual bool isEncrypted() const = 0;
+
+    /// The archive is one compressed stream whose only entry is an archive again, which another
+    /// engine has to open after unpacking (for example a tar in a stream that this engine cannot chain).
+    virtual bool entryIsArchive(int /*index*/) const { return false; }
+
+    /// Extracts the entries whose indices are given, ascending. `all` is true when that is every one.
+    /// None: the archive was gone through to its end (single entries may have failed towards the sink).
+    /// Damaged / NotSupported / Password: it could not be, and `detail` says why. Stopped: the sink said so.
+    /// Data after which something is missing (a truncated stream, a missing volume) is Damaged.
+    struct Outcome
+    {
+        XADErrorCode code = XADErrorCode::None;
+        QString detail;
+    };
+    virtual Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) = 0;
+
+    /// Progress of extraction in bytes that an engine can measure better than by what was written
+    /// (for example the position in a compressed file whose sizes are not stored). Total 0: none.
+    virtual qint64 declaredTotal() const { return 0; }
+
+    /// Files that were read beside the one opened (volumes), for the log.
+    virtual QStringList volumePaths() const { return {}; }
+};
+
+/// How an engine presents itself to XADArchive.
+struct CVEngineDescriptor
+{
+    const char *name;
+    /// 0: not mine or not installed; otherwise the higher bid is tried first. See the table of bids
+    /// in CVEngines.cpp. Looks only at the probe; must be cheap.
+    int (*bid)(const CVArchiveProbe &probe);
+    struct OpenOutcome
+    {
+        std::unique_ptr<CVReadingEngine> engine; ///< null on failure
+        XADErrorCode code = XADErrorCode::None;
+        QString detail;
+    };
+    OpenOutcome (*open)(const CVArchiveProbe &probe, CVEngineHost &host);
+};
+
+/// All engines, in no order that matters.
+std::span<const CVEngineDescriptor> cvReadingEngines();
