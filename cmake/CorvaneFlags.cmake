@@ -34,9 +34,10 @@ function(corvane_room name)
     target_link_libraries(${name} PUBLIC Qt6::Core ${ROOM_PUBLIC} PRIVATE corvane_flags ${ROOM_PRIVATE})
 endfunction()
 
-# corvane_test(name SOURCES … LIBS … [TIMEOUT s]): one QtTest program, run without a display.
+# corvane_test(name SOURCES … LIBS … [TIMEOUT s] [SLOW]): one QtTest program, run without a display.
+# SLOW tests run only where ./test --slow asks for them.
 function(corvane_test name)
-    cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+    cmake_parse_arguments(T "SLOW" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
     add_executable(${name} ${T_SOURCES})
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
     target_link_libraries(${name} PRIVATE Qt6::Test corvane_flags ${T_LIBS})
@@ -46,4 +47,7 @@ function(corvane_test name)
     endif()
     set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT}
         ENVIRONMENT "QT_QPA_PLATFORM=offscreen;LC_ALL=C.UTF-8;TZ=UTC")
+    if(T_SLOW)
+        set_tests_properties(${name} PROPERTIES LABELS slow)
+    endif()
 endfunction()
