@@ -72,8 +72,8 @@ public:
 struct CVArchiveProbe
 {
     QString path;
-    QByteArray head;        ///< the first 64 KiB, or all of a smaller file
-    QByteArray tail;        ///< the last 64 KiB + 22 bytes (overlaps head in small files)
+    QByteArray head; ///< the first 64 KiB, or all of a smaller file
+    QByteArray tail; ///< the last 64 KiB + 22 bytes (overlaps head in small files)
     qint64 fileSize = 0;
 };
 
@@ -89,7 +89,14 @@ public:
     virtual QString formatName() const = 0;
 
     /// In the archive's order; the same entries that extract() gives.
+    /// An engine whose entriesAreLazy() reads the archive to its end when this is asked for the first
+    /// time outside of extract(). While extract() of all entries runs without that, the list grows: it
+    /// holds the entries met so far, and entries()[index] is valid from before beginEntry(index) on.
     virtual const std::vector<XADEntry> &entries() const = 0;
+
+    /// entries() costs a pass over the whole archive (a compressed tar). Such an engine calls the sink
+    /// from one thread at a time, and extract(all) works without the pass; `indices` is empty then.
+    virtual bool entriesAreLazy() const { return false; }
 
     /// A password is needed for names or for the data of at least one entry.
     virtual bool isEncrypted() const = 0;
@@ -109,9 +116,12 @@ public:
     };
     virtual Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) = 0;
 
-    /// Progress of extraction in bytes that an engine can measure better than by what was written
-    /// (for example the position in a compressed file whose sizes are not stored). Total 0: none.
+    /// Sum of the sizes to extract where the engine knows it without a list; 0: not known.
     virtual qint64 declaredTotal() const { return 0; }
+
+    /// How far extract() is in the archive file, in bytes of the file, for archives whose sizes are not
+    /// known beforehand. False: not measured. Any thread.
+    virtual bool compressedProgress(qint64 & /*done*/, qint64 & /*total*/) const { return false; }
 
     /// Files that were read beside the one opened (volumes), for the log.
     virtual QStringList volumePaths() const { return {}; }
