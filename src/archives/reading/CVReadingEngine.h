@@ -54,6 +54,11 @@ public:
 
     /// Polled between blocks by engines that work without writing (skipping through a solid archive).
     virtual bool shouldStop() = 0;
+
+    /// A folder for engines that have to unpack to disk before they can deliver: private (mode 0700), empty,
+    /// not a link, and in the file system of the destination. The sink makes it at the first call and removes it
+    /// with all its contents when it goes. Empty: there is none, and the engine uses the temporary folder.
+    virtual QString stagingFolder() { return {}; }
 };
 
 /// What an engine may ask for while it opens or extracts.
