@@ -1,0 +1,44 @@
+#pragma once
+
+#include "util/LXResult.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+/// What the command line asks for. Parsing looks at nothing but the words: whether a path exists is
+/// found out when it is used.
+struct CVTerminalArguments
+{
+    enum class Command {
+        Open, ///< files without a command
+        Extract,
+        List,
+        Clean,
+        Help,
+        Version,
+    };
+
+    /// What becomes of an archive after it was extracted; the numbers are the setting's.
+    enum class Fate {
+        Keep = 0,
+        Trash = 1,
+        Delete = 2,
+    };
+
+    Command command = Command::Open;
+    QStringList paths; ///< as given, in order
+    std::optional<QString> destination;
+    QStringList entries;
+    std::optional<Fate> fate;
+    bool json = false;
+    std::optional<QString> passwordFile; ///< "-" for standard input
+
+    /// `words` without the program's own name. The error's description is one line that names the
+    /// word in question.
+    static LXResult<CVTerminalArguments> parse(const QStringList &words);
+
+    /// The text of --help.
+    static QString help();
+};
