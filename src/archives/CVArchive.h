@@ -1,5 +1,6 @@
 #pragma once
 
+#include "archives/CVArchiveException.h"
 #include "archives/reading/XADTypes.h"
 #include "filetree/CVFileNode.h"
 
@@ -10,21 +11,9 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <vector>
 
 class CVArchive;
-
-/// Raised inside a back end and caught by CVArchive::open(); never crosses it.
-class CVArchiveException : public std::runtime_error
-{
-public:
-    CVArchiveException(const char *name, const char *reason) : std::runtime_error(reason), m_name(name) {}
-    const char *name() const noexcept { return m_name; }
-
-private:
-    const char *m_name; ///< "DCArchiveNoPasswordException" or "DCArchiveInvalidFileException"
-};
 
 /// What a back end tells the job that drives it. The receiver outlives the archive's work; calls
 /// come on the job's worker thread, on the main thread or on a thread of the back end.
@@ -96,6 +85,8 @@ public:
 
     /// Any thread.
     virtual void cancelCreate();
+    /// A running extraction reports its end itself, once it has stopped writing: whoever removes the
+    /// destination on that report must not race with the writer.
     virtual void cancelExtract();
     void setCancelledStatus() { setStatus(Cancelled); }
 
@@ -109,8 +100,8 @@ public:
     std::int32_t status() const { return m_status.load(); }
     void setStatus(std::int32_t status) { m_status.store(status); }
 
-    double chunkSize = 0;                 ///< bytes a volume; 0 for a single file
-    int compressionLevel = 5;             ///< 0 none … 9 best
+    double chunkSize = 0;     ///< bytes a volume; 0 for a single file
+    int compressionLevel = 5; ///< 0 none … 9 best
     double progressCounter = 0;
     qint64 fileCount = 0;
     double maxProgress = 0;
@@ -146,11 +137,14 @@ protected:
     int m_systemError = 0;
 
 private:
+    void reportExtractEnd();
     void setupCreateProgressTimer();
     void stopCreateProgressTimer();
 
     std::atomic<CVArchiveDelegate *> m_delegate = nullptr;
     std::atomic<std::int32_t> m_status = Success;
+    std::atomic<bool> m_extracting = false;
+    std::atomic<bool> m_extractReported = false;
     struct CreateTimer;
     std::unique_ptr<CreateTimer> m_createTimer;
 };

@@ -3,13 +3,11 @@
 #include "archives/reading/CVReadingEngine.h"
 #include "archives/reading/XADTypes.h"
 
-#include <QHash>
-
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <vector>
 
+class CVDestination;
 class XADArchive;
 
 /// Told what happens while an archive is opened or extracted. Called on the thread that called the
@@ -47,7 +45,8 @@ public:
 
     /// As openFile; when the file holds exactly one entry that is an archive, the inner archive is
     /// opened (unpacked into a private temporary folder that lives as long as the object).
-    static std::unique_ptr<XADArchive> recursiveArchiveForFile(const QString &path, XADArchiveDelegate *delegate,
+    static std::unique_ptr<XADArchive> recursiveArchiveForFile(const QString &path,
+                                                               XADArchiveDelegate *delegate,
                                                                XADErrorCode *error = nullptr,
                                                                QString *detail = nullptr);
 
@@ -97,6 +96,20 @@ public:
 private:
     struct Private;
     explicit XADArchive(std::unique_ptr<Private> d);
+
+    /// What one engine made of an extraction.
+    struct Attempt
+    {
+        XADErrorCode code = XADErrorCode::None;
+        QString text;
+        int systemError = 0;
+        std::vector<CVSkippedEntry> skipped;
+        int failedEntry = -1;
+        bool mayDoBetter = false;   ///< another engine is left and could read what this one could not
+        bool needsAllNames = false; ///< stopped early: the charset has to be chosen from all names first
+    };
     XADErrorCode extractIndices(const std::vector<int> &indices, bool all, const QString &destination);
+    Attempt attemptExtraction(const std::vector<int> &indices, bool all, CVDestination &destination,
+                              bool ownsContents);
     std::unique_ptr<Private> d;
 };

@@ -10,14 +10,14 @@
 /// on; those from 100 are ours and all mean "this entry was left out, go on with the rest".
 enum class XADErrorCode : int {
     None = 0,
-    Damaged = 1,             ///< damaged, truncated or unverifiable data; also: it could not be written
-    PasswordMissing = 2,     ///< on opening: names are encrypted and no password was given
-    PasswordWrongOpening = 9,///< on opening: names are encrypted and the password does not fit
-    Password = 15,           ///< entry: password missing or wrong
-    NotSupported = 30,       ///< the method or format is not known to the reader
-    Stopped = 40,            ///< the delegate asked to stop, or the work directory went away
-    Refused = 101,           ///< the safety rules forbid the entry
-    NotMade = 102,           ///< a link, device or attribute that cannot be made here
+    Damaged = 1,              ///< damaged, truncated or unverifiable data; also: it could not be written
+    PasswordMissing = 2,      ///< on opening: names are encrypted and no password was given
+    PasswordWrongOpening = 9, ///< on opening: names are encrypted and the password does not fit
+    Password = 15,            ///< entry: password missing or wrong
+    NotSupported = 30,        ///< the method or format is not known to the reader
+    Stopped = 40,             ///< the delegate asked to stop, or the work directory went away
+    Refused = 101,            ///< the safety rules forbid the entry
+    NotMade = 102,            ///< a link, device or attribute that cannot be made here
 };
 
 /// What a delegate answers after a failed entry.

@@ -1,0 +1,286 @@
+#include "archives/CVXArchive.h"
+
+#include "archives/reading/CVPasswordValidator.h"
+
+#include <QLoggingCategory>
+#include <QSet>
+
+Q_LOGGING_CATEGORY(lcXArchive, "corvane.archives.xad")
+
+namespace {
+
+// From this many nested entries on, building the tree takes long enough to be worth reporting.
+constexpr std::size_t reportTreeFrom = 5001;
+
+QString parentOf(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(u'/');
+    return slash < 0 ? QString() : path.left(slash);
+}
+
+qsizetype componentCount(QStringView path)
+{
+    return path.split(u'/', Qt::SkipEmptyParts).size();
+}
+
+bool isAboutPassword(XADErrorCode code)
+{
+    return code == XADErrorCode::PasswordMissing || code == XADErrorCode::PasswordWrongOpening ||
+           code == XADErrorCode::Password;
+}
+
+} // namespace
+
+/// The listing between its two passes.
+struct CVXArchive::Listing
+{
+    struct Nested
+    {
+        QString name;
+        std::shared_ptr<CVFileNode> node;
+    };
+    std::vector<Nested> files;
+    // The first folder node of a path wins, as a search from the front would find it.
+    QHash<QString, std::shared_ptr<CVFileNode>> directories;
+
+    void addDirectory(const QString &path, const std::shared_ptr<CVFileNode> &node)
+    {
+        if (!directories.contains(path))
+            directories.insert(path, node);
+    }
+};
+
+bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
+{
+    XADErrorCode error = XADErrorCode::None;
+    QString detail;
+    m_xadarchive = recurse ? XADArchive::recursiveArchiveForFile(path, this, &error, &detail)
+                           : XADArchive::openFile(path, this, &error, &detail);
+    if (!m_xadarchive) {
+        m_failureReason = detail;
+        if (m_cancelled)
+            setCancelledStatus();
+        else if (isAboutPassword(error))
+            setStatus(InvalidPassword);
+        else
+            setStatus(error == XADErrorCode::NotSupported && detail.isEmpty() ? Unsupported : InvalidFile);
+        return false;
+    }
+    if (m_xadarchive->isEncrypted()) {
+        askForPassword();
+        if (m_cancelled) {
+            setCancelledStatus();
+            return false;
+        }
+        CVPasswordValidator validator;
+        validator.cancelled = [this] { return m_cancelled.load(); };
+        const bool valid = validator.isPasswordValidForArchive(password.value_or(QString()), path);
+        if (!valid && !m_cancelled) {
+            setStatus(InvalidPassword);
+            return false;
+        }
+        m_xadarchive->setPassword(password);
+    }
+    if (m_cancelled) {
+        setCancelledStatus();
+        return false;
+    }
+    return true;
+}
+
+void CVXArchive::preview()
+{
+    Listing listing;
+    try {
+        if (setupXADArchiveAtPath(sourcePath, false)) {
+            retrieveFileNamesAndSizes(listing);
+            buildPreviewFileTree(listing);
+        }
+    } catch (const CVArchiveException &) {
+        setStatus(InvalidFile);
+    }
+    if (m_cancelled)
+        setCancelledStatus();
+    previewComplete();
+}
+
+QString CVXArchive::sizeForArchive(int index) const
+{
+    return QString::number(std::max<qint64>(m_xadarchive->uncompressedSizeOfEntry(index), 0));
+}
+
+void CVXArchive::retrieveFileNamesAndSizes(Listing &listing)
+{
+    if (m_xadarchive->entryIsArchive(0) && m_xadarchive->numberOfEntries() == 1)
+        if (auto inner = XADArchive::openEntry(*m_xadarchive, 0, this))
+            m_xadarchive = std::move(inner);
+    for (int index = 0; index < m_xadarchive->numberOfEntries() && !m_cancelled; ++index) {
+        const QString name = m_xadarchive->nameOfEntry(index);
+        if (name == u".")
+            continue;
+        std::shared_ptr<CVFileNode> node;
+        if (m_xadarchive->entryIsDirectory(index)) {
+            node = CVFileNode::previewDirectoryNodeWithFilename(name);
+            listing.addDirectory(name, node);
+        } else {
+            node = CVFileNode::previewRegularFileNodeWithFilename(name, sizeForArchive(index).toLongLong());
+        }
+        if (componentCount(name) < 2)
+            m_filePreviews->appendChild(node);
+        else
+            listing.files.push_back({name, node});
+    }
+}
+
+void CVXArchive::buildPreviewFileTree(Listing &listing)
+{
+    std::vector<Listing::Nested> made;
+    const auto directory = [&](const QString &path) {
+        const auto it = listing.directories.constFind(path);
+        return it == listing.directories.constEnd() ? m_filePreviews : *it;
+    };
+    const std::size_t count = listing.files.size();
+    for (std::size_t i = 0; i < count && !m_cancelled; ++i) {
+        const Listing::Nested &file = listing.files[i];
+        const QString parentPath = parentOf(file.name);
+        std::shared_ptr<CVFileNode> parent = directory(parentPath);
+        if (parent == m_filePreviews) {
+            parent = CVFileNode::previewDirectoryNodeWithFilename(parentPath);
+            listing.addDirectory(parentPath, parent);
+            made.push_back({parentPath, parent});
+        }
+        parent->appendChild(file.node);
+        if (count >= reportTreeFrom)
+            hasMadeProgress(static_cast<double>(i), static_cast<double>(count));
+    }
+    // Only one level is made up: a made folder whose own parent is missing too hangs under the root.
+    for (const Listing::Nested &folder : made)
+        directory(parentOf(folder.name))->appendChild(folder.node);
+    m_previewFiles.clear();
+    for (const auto &child : m_filePreviews->children())
+        m_previewFiles.push_back(child);
+}
+
+void CVXArchive::extractCommand()
+{
+    m_cancelled = false;
+    m_skippedEntries.clear();
+    m_failureReason.clear();
+    m_systemError = 0;
+    if (setupXADArchiveAtPath(extractFile, true)) {
+        if (m_cancelled)
+            setCancelledStatus();
+        else if (!singleFilesToBeExtracted)
+            takeResult(m_xadarchive->extractTo(extractDestination, true));
+        else
+            extractIndividualFiles();
+    }
+    if (m_cancelled)
+        setCancelledStatus();
+    extractDidFinish();
+}
+
+void CVXArchive::extractIndividualFiles()
+{
+    // The walk over all entries for each requested path, indexed: an entry is wanted when one of its
+    // leading paths is requested. Everything is then extracted in one pass, so that a solid archive is
+    // unpacked once and not once an entry.
+    QSet<QString> requested;
+    bool everything = false;
+    for (const QString &path : *singleFilesToBeExtracted) {
+        const QString clean = path.split(u'/', Qt::SkipEmptyParts).join(u'/');
+        everything = everything || clean.isEmpty();
+        requested.insert(clean);
+    }
+    std::vector<int> wanted;
+    const int count = m_xadarchive->numberOfEntries();
+    for (int index = 0; index < count; ++index) {
+        bool take = everything;
+        QString prefix;
+        for (const QString &component : m_xadarchive->nameOfEntry(index).split(u'/', Qt::SkipEmptyParts)) {
+            if (take)
+                break;
+            prefix += prefix.isEmpty() ? component : u'/' + component;
+            take = requested.contains(prefix);
+        }
+        if (take)
+            wanted.push_back(index);
+    }
+    takeResult(m_xadarchive->extractEntries(wanted, extractDestination));
+}
+
+bool CVXArchive::pathIsParentOrIsPathOfTarget(const QString &path, const QString &target)
+{
+    const auto wanted = QStringView(path).split(u'/', Qt::SkipEmptyParts);
+    const auto parts = QStringView(target).split(u'/', Qt::SkipEmptyParts);
+    return wanted.size() <= parts.size() && std::equal(wanted.cbegin(), wanted.cend(), parts.cbegin());
+}
+
+void CVXArchive::takeResult(XADErrorCode code)
+{
+    m_skippedEntries = m_xadarchive->skippedEntries();
+    m_failureReason = m_xadarchive->lastErrorText();
+    m_systemError = m_xadarchive->lastSystemError();
+    if (m_cancelled || status() != Success)
+        return;
+    // An engine can fail as a whole (a cut-off file behind whole entries) without naming an entry.
+    if (isAboutPassword(code))
+        setStatus(InvalidPassword);
+    else if (code == XADErrorCode::NotSupported)
+        setStatus(Unsupported);
+    else if (code != XADErrorCode::None)
+        setStatus(InvalidFile);
+}
+
+void CVXArchive::cancelExtract()
+{
+    // The running extraction sees the flag within one block and then ends through extractDidFinish().
+    m_cancelled = true;
+    CVArchive::cancelExtract();
+}
+
+void CVXArchive::archiveNeedsPassword(XADArchive &archive)
+{
+    if (m_cancelled) {
+        archive.setPassword(std::nullopt);
+        return;
+    }
+    askForPassword();
+    archive.setPassword(password);
+}
+
+void CVXArchive::archiveExtractionProgressBytes(XADArchive &, qint64 done, qint64 total)
+{
+    maxProgress = static_cast<double>(total);
+    progressCounter = static_cast<double>(done);
+    hasMadeProgress(progressCounter, maxProgress);
+}
+
+XADAction CVXArchive::archiveExtractionOfEntryDidFail(XADArchive &, int, XADErrorCode error)
+{
+    if (m_cancelled)
+        return XADAction::Abort;
+    switch (error) {
+    case XADErrorCode::Damaged:
+        setStatus(InvalidFile);
+        return XADAction::Abort;
+    case XADErrorCode::Password:
+        setStatus(InvalidPassword);
+        return XADAction::Abort;
+    case XADErrorCode::NotSupported:
+        setStatus(Unsupported);
+        return XADAction::Abort;
+    default:
+        return XADAction::Skip;
+    }
+}
+
+bool CVXArchive::archiveExtractionShouldStop(XADArchive &)
+{
+    return m_cancelled;
+}
+
+bool CVXArchive::archiveExtractionMayExceedLimit(XADArchive &, const QString &explanation)
+{
+    return !m_cancelled && delegate() && delegate()->archiveMayExceedLimit(this, explanation);
+}

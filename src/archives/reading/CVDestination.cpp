@@ -1,0 +1,241 @@
+#include "archives/reading/CVDestination.h"
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+
+namespace {
+
+// Folders kept open: enough for any tree's working set, far below the usual limit of 1,024 files.
+constexpr std::size_t maxKeptFolders = 256;
+
+LXFileDescriptor duplicate(int fd)
+{
+    return LXFileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
+}
+
+struct DirectoryClose
+{
+    void operator()(DIR *dir) const { ::closedir(dir); }
+};
+using DirectoryHandle = std::unique_ptr<DIR, DirectoryClose>;
+
+DirectoryHandle openDirectory(int fd)
+{
+    // A descriptor of its own: closedir closes it, and the position of `fd` is not shared.
+    LXFileDescriptor own(::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!own.isOpen())
+        return nullptr;
+    DIR *dir = ::fdopendir(own.get());
+    if (dir)
+        (void)own.release();
+    return DirectoryHandle(dir);
+}
+
+bool isDots(const char *name)
+{
+    return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
+}
+
+} // namespace
+
+CVDestination::CVDestination(const QByteArray &path)
+    : m_root(::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+{}
+
+int CVDestination::openBeneath(int at, const char *path, int flags) const
+{
+    open_how how{};
+    how.flags = static_cast<std::uint64_t>(flags) | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, at, path, &how, sizeof how);
+    if (fd >= 0 || errno != ENOSYS)
+        return static_cast<int>(fd);
+
+    // Kernels and containers without openat2: one component at a time, never through a link.
+    LXFileDescriptor here = duplicate(at);
+    std::string rest(path);
+    while (here.isOpen()) {
+        const auto slash = rest.find('/');
+        const std::string component = rest.substr(0, slash);
+        const bool last = slash == std::string::npos;
+        if (component == "..") {
+            errno = EXDEV;
+            return -1;
+        }
+        here = LXFileDescriptor(::openat(here.get(), component.c_str(),
+                                         (last ? flags : O_RDONLY | O_DIRECTORY) | O_NOFOLLOW | O_CLOEXEC));
+        if (last)
+            return here.release();
+        rest.erase(0, slash + 1);
+    }
+    return -1;
+}
+
+std::shared_ptr<const LXFileDescriptor> CVDestination::existingFolder(const QByteArray &path) const
+{
+    const int fd = path.isEmpty() ? duplicate(m_root.get()).release()
+                                  : openBeneath(m_root.get(), path.constData(), O_RDONLY | O_DIRECTORY);
+    return fd < 0 ? nullptr : std::make_shared<const LXFileDescriptor>(fd);
+}
+
+std::shared_ptr<const LXFileDescriptor> CVDestination::folder(const QByteArray &path)
+{
+    const std::string key(path.constData(), static_cast<std::size_t>(path.size()));
+    {
+        const std::lock_guard lock(m_mutex);
+        if (const auto it = m_kept.find(key); it != m_kept.end())
+            return it->second;
+    }
+    auto found = existingFolder(path);
+    if (!found && errno == ENOENT) {
+        // Step by step from the nearest folder that exists, without recursion: depth is the archive's choice.
+        std::vector<qsizetype> ends;
+        for (qsizetype i = path.indexOf('/'); i >= 0; i = path.indexOf('/', i + 1))
+            ends.push_back(i);
+        ends.push_back(path.size());
+        LXFileDescriptor here;
+        std::size_t next = 0;
+        for (std::size_t i = ends.size() - 1; i-- > 0;) {
+            const int fd = openBeneath(m_root.get(), path.left(ends[i]).constData(), O_RDONLY | O_DIRECTORY);
+            if (fd >= 0) {
+                here = LXFileDescriptor(fd);
+                next = i + 1;
+                break;
+            }
+            if (errno != ENOENT)
+                return nullptr;
+        }
+        if (!here.isOpen())
+            here = duplicate(m_root.get());
+        for (; next < ends.size() && here.isOpen(); ++next) {
+            const qsizetype begin = next == 0 ? 0 : ends[next - 1] + 1;
+            const QByteArray name = path.mid(begin, ends[next] - begin);
+            if (::mkdirat(here.get(), name.constData(), 0777) != 0 && errno != EEXIST)
+                return nullptr;
+            here = LXFileDescriptor(
+                ::openat(here.get(), name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        }
+        if (!here.isOpen())
+            return nullptr;
+        found = std::make_shared<const LXFileDescriptor>(std::move(here));
+    }
+    if (!found)
+        return nullptr;
+    const std::lock_guard lock(m_mutex);
+    if (m_kept.size() >= maxKeptFolders)
+        m_kept.clear();
+    m_kept.emplace(key, found);
+    return found;
+}
+
+void CVDestination::forget(const QByteArray &path)
+{
+    const std::lock_guard lock(m_mutex);
+    m_kept.erase(std::string(path.constData(), static_cast<std::size_t>(path.size())));
+}
+
+void CVDestination::empty()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_kept.clear();
+    }
+    cvRemoveContents(m_root.get());
+}
+
+std::uint64_t CVDestination::freeBytes() const
+{
+    struct statvfs info;
+    if (::fstatvfs(m_root.get(), &info) != 0)
+        return 0;
+    return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
+}
+
+std::vector<QByteArray> CVDestination::topLevelNames(std::size_t limit) const
+{
+    std::vector<QByteArray> names;
+    if (const auto dir = openDirectory(m_root.get()))
+        while (const dirent *entry = ::readdir(dir.get())) {
+            if (names.size() >= limit)
+                break;
+            if (!isDots(entry->d_name))
+                names.emplace_back(entry->d_name);
+        }
+    return names;
+}
+
+bool cvRemoveContents(int fd)
+{
+    // A stack of open folders instead of recursion; when the tree is deeper than the stack may hold
+    // descriptors, the folder is moved up to the top first, so depth never costs descriptors.
+    constexpr std::size_t maxOpen = 64;
+    static std::atomic<unsigned long long> flatCounter = 0;
+    struct Level
+    {
+        LXFileDescriptor fd;
+        DirectoryHandle dir;
+        std::string name;
+    };
+    bool ok = true;
+    const auto open = [](int at, const char *name) {
+        LXFileDescriptor child(::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!child.isOpen() && errno == EACCES) {
+            ::fchmodat(at, name, 0700, 0);
+            child = LXFileDescriptor(::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        }
+        struct stat info;
+        if (child.isOpen() && ::fstat(child.get(), &info) == 0 && (info.st_mode & 0700) != 0700)
+            ::fchmod(child.get(), 0700);
+        return child;
+    };
+
+    std::vector<Level> stack;
+    stack.push_back({duplicate(fd), openDirectory(fd), {}});
+    bool moved = false;
+    while (!stack.empty()) {
+        Level &level = stack.back();
+        const dirent *entry = level.dir ? ::readdir(level.dir.get()) : nullptr;
+        if (!entry) {
+            const std::string name = std::move(level.name);
+            stack.pop_back();
+            if (!stack.empty() && ::unlinkat(stack.back().fd.get(), name.c_str(), AT_REMOVEDIR) != 0)
+                ok = false;
+            continue;
+        }
+        if (isDots(entry->d_name))
+            continue;
+        if (entry->d_type != DT_DIR && ::unlinkat(level.fd.get(), entry->d_name, 0) == 0)
+            continue;
+        if (entry->d_type != DT_DIR && errno != EISDIR) {
+            ok = false;
+            continue;
+        }
+        const std::string name = entry->d_name;
+        LXFileDescriptor child = open(level.fd.get(), name.c_str());
+        if (!child.isOpen()) {
+            ok = false;
+            continue;
+        }
+        if (stack.size() >= maxOpen) {
+            const std::string flat = ".corvane-flat-" + std::to_string(flatCounter++);
+            if (::renameat(level.fd.get(), name.c_str(), fd, flat.c_str()) == 0) {
+                moved = true; // met again while the top level is read, or in the second pass below
+                continue;
+            }
+        }
+        DirectoryHandle dir = openDirectory(child.get());
+        stack.push_back({std::move(child), std::move(dir), name});
+    }
+    if (moved && ok)
+        return cvRemoveContents(fd);
+    return ok;
+}
