@@ -1,5 +1,5 @@
 #include "CorpusRun.h"
-#include "CorpusTree.h"
+#include "support/TestTree.h"
 
 #include <QDir>
 #include <QFile>
@@ -86,7 +86,7 @@ public:
     /// Everything around the destination that is not as it was.
     QStringList changes() const
     {
-        const CorpusTree after = look();
+        const TestTree after = look();
         QStringList found;
         for (const auto &[path, node] : m_before)
             if (!after.contains(path))
@@ -99,44 +99,44 @@ public:
                      before->second.inode != node.inode || before->second.changedNs != node.changedNs)
                 found.append("outside the destination, changed: " + QString::fromUtf8(path));
         }
-        if (!corpusTreeFromDisk(home() + "/tmp").empty())
+        if (!treeFromDisk(home() + "/tmp").empty())
             found.append("something was left in the folder for temporary files");
         return found;
     }
 
 private:
-    CorpusTree look() const
+    TestTree look() const
     {
-        CorpusTree tree = corpusTreeFromDisk(m_root.path(), {"home", "outer"});
-        for (const auto &[path, node] : corpusTreeFromDisk(file("outer"), {"out"}))
+        TestTree tree = treeFromDisk(m_root.path(), {"home", "outer"});
+        for (const auto &[path, node] : treeFromDisk(file("outer"), {"out"}))
             tree["outer/" + path] = node;
         return tree;
     }
 
     QTemporaryDir m_root;
-    CorpusTree m_before;
+    TestTree m_before;
 };
 
 /// The tree that extraction delivers: a single item by itself, several in a folder named after the archive.
-CorpusTree deliveredTree(const Sample &sample)
+TestTree deliveredTree(const Sample &sample)
 {
-    const CorpusTree tree = corpusTreeFromEntries(sample.entries);
-    if (corpusTopLevel(tree).size() == 1)
+    const TestTree tree = treeFromEntries(sample.entries);
+    if (treeTopLevel(tree).size() == 1)
         return tree;
-    return corpusTreeBelow(tree, QFileInfo(sample.file).completeBaseName().toUtf8());
+    return treeBelow(tree, QFileInfo(sample.file).completeBaseName().toUtf8());
 }
 
 /// What in a destination must never be there, whatever the archive holds.
-QStringList hostileRemains(const CorpusTree &tree, const QByteArray &destination)
+QStringList hostileRemains(const TestTree &tree, const QByteArray &destination)
 {
     QStringList found;
     for (const auto &[path, node] : tree) {
         const QString name = QString::fromUtf8(path.left(120));
-        if (node.type == CorpusNode::Type::Other)
+        if (node.type == TestNode::Type::Other)
             found.append(name + ": a device, FIFO or socket was made");
         if (node.mode & 07000)
             found.append(name + ": has a set-uid, set-gid or sticky bit");
-        if (node.type != CorpusNode::Type::Symlink)
+        if (node.type != TestNode::Type::Symlink)
             continue;
         const QByteArray folder =
             destination + '/' + path.left(std::max<qsizetype>(0, path.lastIndexOf('/')));
@@ -155,11 +155,11 @@ QString shortened(const CorpusRun &run)
     return QString("exit %1: %2").arg(run.exitCode).arg(QString::fromUtf8(run.err).trimmed().right(300));
 }
 
-QList<QByteArray> contentsOf(const CorpusTree &tree)
+QList<QByteArray> contentsOf(const TestTree &tree)
 {
     QList<QByteArray> sums;
     for (const auto &[path, node] : tree)
-        if (node.type == CorpusNode::Type::File && !node.sha256.isEmpty())
+        if (node.type == TestNode::Type::File && !node.sha256.isEmpty())
             sums.append(node.sha256);
     std::sort(sums.begin(), sums.end());
     return sums;
@@ -218,8 +218,8 @@ private:
         const CorpusRun run = start(place, {"extract", "--to", place.destination()}, password);
         for (const QString &change : place.changes())
             say(change);
-        for (const QByteArray &name : corpusTopLevel(corpusTreeFromDisk(place.destination())))
-            if (name.startsWith('.') && !corpusTreeFromEntries(m_sample.entries).contains(name))
+        for (const QByteArray &name : treeTopLevel(treeFromDisk(place.destination())))
+            if (name.startsWith('.') && !treeFromEntries(m_sample.entries).contains(name))
                 say("left in the destination: " + QString::fromUtf8(name));
         return run;
     }
@@ -240,9 +240,9 @@ private:
         }
         if (m_sample.readable && m_sample.hasEntries) {
             // A listing may leave out folders that only follow from the paths below them.
-            CorpusTree expected = corpusTreeFromEntries(m_sample.entries);
+            TestTree expected = treeFromEntries(m_sample.entries);
             for (const QString &difference :
-                 corpusDifferences(expected, corpusTreeFromEntries(object["entries"].toArray())))
+                 treeDifferences(expected, treeFromEntries(object["entries"].toArray())))
                 say("list: " + difference);
         }
     }
@@ -251,8 +251,8 @@ private:
     {
         const Surroundings place;
         const CorpusRun run = extract(place, m_sample.password);
-        const CorpusTree delivered = corpusTreeFromDisk(place.destination());
-        const QStringList differences = corpusDifferences(deliveredTree(m_sample), delivered);
+        const TestTree delivered = treeFromDisk(place.destination());
+        const QStringList differences = treeDifferences(deliveredTree(m_sample), delivered);
         if (m_sample.readable) {
             if (run.exitCode != 0)
                 say("extract: " + shortened(run));
@@ -273,7 +273,7 @@ private:
         const CorpusRun run = extract(place, password);
         if (m_sample.readable ? run.exitCode != 3 : run.exitCode == 0)
             say(which + " password: " + shortened(run));
-        for (const auto &[path, node] : corpusTreeFromDisk(place.destination()))
+        for (const auto &[path, node] : treeFromDisk(place.destination()))
             say(which + " password: left behind " + QString::fromUtf8(path));
     }
 
@@ -283,10 +283,10 @@ private:
         const CorpusRun run = extract(place, m_sample.password);
         if (run.exitCode == 0 && run.err.isEmpty())
             say("damaged, but nothing was said about it");
-        const CorpusTree expected = deliveredTree(m_sample);
-        CorpusTree plain = corpusTreeFromEntries(m_sample.entries);
-        for (const auto &[path, node] : corpusTreeFromDisk(place.destination())) {
-            if (node.type != CorpusNode::Type::File)
+        const TestTree expected = deliveredTree(m_sample);
+        TestTree plain = treeFromEntries(m_sample.entries);
+        for (const auto &[path, node] : treeFromDisk(place.destination())) {
+            if (node.type != TestNode::Type::File)
                 continue;
             // Fewer items than the archive should have may arrive by themselves.
             auto known = expected.find(path);
@@ -314,7 +314,7 @@ private:
             if (QFileInfo::exists(markers[i]) != before[i])
                 say("outside the destination: " + markers[i]);
         for (const QString &remains :
-             hostileRemains(corpusTreeFromDisk(place.destination()), place.destination().toUtf8()))
+             hostileRemains(treeFromDisk(place.destination()), place.destination().toUtf8()))
             say(remains);
         if (measuresMemory && run.peakKiB > hostilePeakKiB)
             say(QString("took %1 MiB of memory").arg(run.peakKiB / 1024));
@@ -343,7 +343,7 @@ private Q_SLOTS:
 
 private:
     QString m_corpus;
-    CorpusTree m_corpusBefore;
+    TestTree m_corpusBefore;
     std::vector<Sample> m_samples;
     std::vector<QStringList> m_found; ///< as m_samples
     QJsonObject m_exceptions;         ///< sample to reason
@@ -364,7 +364,7 @@ void tst_corpus::initTestCase()
     m_exceptions = QJsonDocument::fromJson(exceptions.readAll()).object();
 
     // The samples are independent of each other, so they run side by side before the rows look at them.
-    m_corpusBefore = corpusTreeFromDisk(m_corpus);
+    m_corpusBefore = treeFromDisk(m_corpus);
     m_found.resize(m_samples.size());
     std::atomic<std::size_t> next = 0;
     const auto work = [&] {
@@ -421,7 +421,7 @@ void tst_corpus::cleanupTestCase()
     }
     for (const auto &[expect, counts] : right)
         qInfo("%-24s %d of %d as they should be", qPrintable(expect), counts.first, counts.second);
-    const QStringList changed = corpusDifferences(m_corpusBefore, corpusTreeFromDisk(m_corpus));
+    const QStringList changed = treeDifferences(m_corpusBefore, treeFromDisk(m_corpus));
     QVERIFY2(changed.isEmpty(), qPrintable(changed.join('\n')));
 }
 

@@ -1,4 +1,4 @@
-#include "CorpusTree.h"
+#include "support/TestTree.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -34,7 +34,7 @@ QByteArray sha256OfFile(const QByteArray &path)
 }
 
 void readFolder(const QByteArray &root, const QByteArray &relative, const QStringList &leaveOut,
-                CorpusTree &tree)
+                TestTree &tree)
 {
     const QByteArray here = relative.isEmpty() ? root : root + '/' + relative;
     DIR *folder = opendir(here.constData());
@@ -49,7 +49,7 @@ void readFolder(const QByteArray &root, const QByteArray &relative, const QStrin
         struct stat info = {};
         if (lstat(full.constData(), &info) != 0)
             continue;
-        CorpusNode node;
+        TestNode node;
         node.mode = info.st_mode;
         node.inode = info.st_ino;
         node.changedNs = info.st_mtim.tv_sec * 1'000'000'000LL + info.st_mtim.tv_nsec;
@@ -57,32 +57,32 @@ void readFolder(const QByteArray &root, const QByteArray &relative, const QStrin
             node.size = info.st_size;
             node.sha256 = sha256OfFile(full);
         } else if (S_ISDIR(info.st_mode)) {
-            node.type = CorpusNode::Type::Directory;
+            node.type = TestNode::Type::Directory;
         } else if (S_ISLNK(info.st_mode)) {
-            node.type = CorpusNode::Type::Symlink;
+            node.type = TestNode::Type::Symlink;
             node.target.resize(info.st_size + 1);
             node.target.resize(
                 std::max<ssize_t>(0, readlink(full.constData(), node.target.data(), node.target.size())));
         } else {
-            node.type = CorpusNode::Type::Other;
+            node.type = TestNode::Type::Other;
         }
         tree[path] = node;
-        if (node.type == CorpusNode::Type::Directory)
+        if (node.type == TestNode::Type::Directory)
             readFolder(root, path, leaveOut, tree);
     }
     closedir(folder);
 }
 
-const char *typeName(CorpusNode::Type type)
+const char *typeName(TestNode::Type type)
 {
     switch (type) {
-    case CorpusNode::Type::File:
+    case TestNode::Type::File:
         return "file";
-    case CorpusNode::Type::Directory:
+    case TestNode::Type::Directory:
         return "folder";
-    case CorpusNode::Type::Symlink:
+    case TestNode::Type::Symlink:
         return "link";
-    case CorpusNode::Type::Other:
+    case TestNode::Type::Other:
         break;
     }
     return "special";
@@ -90,9 +90,9 @@ const char *typeName(CorpusNode::Type type)
 
 } // namespace
 
-CorpusTree corpusTreeFromEntries(const QJsonArray &entries)
+TestTree treeFromEntries(const QJsonArray &entries)
 {
-    CorpusTree tree;
+    TestTree tree;
     for (const auto &value : entries) {
         const QJsonObject entry = value.toObject();
         const QByteArray path = cleanPath(entry.contains("path_hex")
@@ -101,19 +101,19 @@ CorpusTree corpusTreeFromEntries(const QJsonArray &entries)
         if (path.isEmpty())
             continue;
         for (qsizetype slash = path.indexOf('/'); slash > 0; slash = path.indexOf('/', slash + 1)) {
-            CorpusNode folder;
-            folder.type = CorpusNode::Type::Directory;
+            TestNode folder;
+            folder.type = TestNode::Type::Directory;
             folder.implied = true;
             tree.try_emplace(path.left(slash), folder);
         }
-        CorpusNode node;
+        TestNode node;
         const QString type = entry["type"].toString();
-        node.type = type == "dir"       ? CorpusNode::Type::Directory
-                    : type == "symlink" ? CorpusNode::Type::Symlink
-                    : type == "file"    ? CorpusNode::Type::File
-                                        : CorpusNode::Type::Other;
+        node.type = type == "dir"       ? TestNode::Type::Directory
+                    : type == "symlink" ? TestNode::Type::Symlink
+                    : type == "file"    ? TestNode::Type::File
+                                        : TestNode::Type::Other;
         node.implied = entry["implicit"].toBool();
-        if (node.type == CorpusNode::Type::File) {
+        if (node.type == TestNode::Type::File) {
             if (entry["size"].isDouble())
                 node.size = entry["size"].toInteger();
             node.sha256 = entry["sha256"].toString().toLatin1();
@@ -124,25 +124,25 @@ CorpusTree corpusTreeFromEntries(const QJsonArray &entries)
     return tree;
 }
 
-CorpusTree corpusTreeFromDisk(const QString &folder, const QStringList &leaveOut)
+TestTree treeFromDisk(const QString &folder, const QStringList &leaveOut)
 {
-    CorpusTree tree;
+    TestTree tree;
     readFolder(QFile::encodeName(folder), {}, leaveOut, tree);
     return tree;
 }
 
-CorpusTree corpusTreeBelow(const CorpusTree &tree, const QByteArray &folder)
+TestTree treeBelow(const TestTree &tree, const QByteArray &folder)
 {
-    CorpusTree result;
-    CorpusNode top;
-    top.type = CorpusNode::Type::Directory;
+    TestTree result;
+    TestNode top;
+    top.type = TestNode::Type::Directory;
     result[folder] = top;
     for (const auto &[path, node] : tree)
         result[folder + '/' + path] = node;
     return result;
 }
 
-QList<QByteArray> corpusTopLevel(const CorpusTree &tree)
+QList<QByteArray> treeTopLevel(const TestTree &tree)
 {
     QList<QByteArray> names;
     for (const auto &[path, node] : tree)
@@ -151,7 +151,7 @@ QList<QByteArray> corpusTopLevel(const CorpusTree &tree)
     return names;
 }
 
-QStringList corpusDifferences(const CorpusTree &expected, const CorpusTree &actual)
+QStringList treeDifferences(const TestTree &expected, const TestTree &actual)
 {
     QStringList found;
     const auto say = [&found](const QByteArray &path, const QString &what) {
@@ -164,11 +164,10 @@ QStringList corpusDifferences(const CorpusTree &expected, const CorpusTree &actu
                 say(path, "missing");
             continue;
         }
-        const CorpusNode &have = it->second;
+        const TestNode &have = it->second;
         if (have.type != want.type)
             say(path, QString("is a %1, not a %2").arg(typeName(have.type), typeName(want.type)));
-        else if (want.type == CorpusNode::Type::Symlink && !want.target.isEmpty() &&
-                 have.target != want.target)
+        else if (want.type == TestNode::Type::Symlink && !want.target.isEmpty() && have.target != want.target)
             say(path, QString("leads to %1, not to %2")
                           .arg(QString::fromUtf8(have.target), QString::fromUtf8(want.target)));
         else if (want.size && have.size && *want.size != *have.size)

@@ -9,7 +9,7 @@
 #include <optional>
 
 /// What lies at one path.
-struct CorpusNode
+struct TestNode
 {
     enum class Type { File, Directory, Symlink, Other };
     Type type = Type::File;
@@ -23,21 +23,21 @@ struct CorpusNode
 };
 
 /// Files, folders and links by their path, components joined by "/", as bytes.
-using CorpusTree = std::map<QByteArray, CorpusNode>;
+using TestTree = std::map<QByteArray, TestNode>;
 
 /// The tree that the "entries" of a manifest or of a listing describe. Leading "/" and "./" are taken
 /// off, folders above an entry are added as implied ones, later entries of one name win.
-CorpusTree corpusTreeFromEntries(const QJsonArray &entries);
+TestTree treeFromEntries(const QJsonArray &entries);
 
 /// What is below `folder`, links not followed. `leaveOut`: names directly below it that are not looked at.
-CorpusTree corpusTreeFromDisk(const QString &folder, const QStringList &leaveOut = {});
+TestTree treeFromDisk(const QString &folder, const QStringList &leaveOut = {});
 
 /// Puts everything under one folder.
-CorpusTree corpusTreeBelow(const CorpusTree &tree, const QByteArray &folder);
+TestTree treeBelow(const TestTree &tree, const QByteArray &folder);
 
 /// The names directly at the top.
-QList<QByteArray> corpusTopLevel(const CorpusTree &tree);
+QList<QByteArray> treeTopLevel(const TestTree &tree);
 
 /// Every difference of `actual` from `expected` in words; none when they agree. Contents and sizes
 /// count where both are known, implied folders may be there or not.
-QStringList corpusDifferences(const CorpusTree &expected, const CorpusTree &actual);
+QStringList treeDifferences(const TestTree &expected, const TestTree &actual);
