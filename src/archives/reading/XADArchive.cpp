@@ -15,7 +15,6 @@
 #include <limits>
 #include <mutex>
 #include <numeric>
-#include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -98,9 +97,8 @@ struct XADArchive::Private : CVEngineHost
 
     std::unique_ptr<CVNameDecoder> decoder;
     bool namesObserved = false; ///< every name went through the decoder
-    bool sawOddName = false;    ///< a name came that needs detection before all were seen
 
-    std::mutex passwordMutex;
+    std::recursive_mutex passwordMutex; ///< recursive: the delegate answers through setPassword()
     std::optional<QString> givenPassword;
     bool passwordAsked = false;
 
@@ -115,22 +113,17 @@ struct XADArchive::Private : CVEngineHost
         const std::lock_guard lock(passwordMutex);
         if (!givenPassword && !passwordAsked && delegate && q) {
             passwordAsked = true;
-            // The delegate answers through setPassword(), which must not wait for this lock.
-            askingThread = std::this_thread::get_id();
             delegate->archiveNeedsPassword(*q);
-            askingThread = {};
         }
         return givenPassword;
     }
     bool shouldStop() override { return delegate && q && delegate->archiveExtractionShouldStop(*q); }
-    std::thread::id askingThread;
 
     XADErrorCode openNext();
     void resetDecoder()
     {
         decoder = std::make_unique<CVNameDecoder>(nameFamily(engine->formatName()));
         namesObserved = false;
-        sawOddName = false;
     }
     void observeAllNames();
     QString decode(const QByteArray &raw, CVNameEncoding encoding);
@@ -262,7 +255,7 @@ std::unique_ptr<XADArchive> XADArchive::openEntry(XADArchive &outer, int entry, 
     auto archive = openFile(inner, delegate, error, detail);
     if (archive) {
         archive->d->innerFolder = place;
-        archive->d->givenPassword = outer.d->givenPassword;
+        archive->setPassword(outer.password());
     }
     return archive;
 }
@@ -296,16 +289,13 @@ void XADArchive::setDelegate(XADArchiveDelegate *delegate)
 
 void XADArchive::setPassword(const std::optional<QString> &password)
 {
-    if (d->askingThread == std::this_thread::get_id()) {
-        d->givenPassword = password;
-        return;
-    }
     const std::lock_guard lock(d->passwordMutex);
     d->givenPassword = password;
 }
 
 std::optional<QString> XADArchive::password() const
 {
+    const std::lock_guard lock(d->passwordMutex);
     return d->givenPassword;
 }
 
