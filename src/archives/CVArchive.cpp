@@ -1,6 +1,6 @@
 #include "archives/CVArchive.h"
 
-#include "archives/CVTarArchive.h"
+#include "archives/CVP7ZipArchive.h"
 #include "archives/CVXArchive.h"
 #include "archives/archive_string.h"
 #include "util/LXMainThread.h"
@@ -71,11 +71,8 @@ QString CVArchive::statusToString(std::int32_t status)
 std::shared_ptr<CVArchive> CVArchive::archiveForExtracting(const QString &fileName)
 {
     const QString extension = archivePathExtension(fileName).toLower();
-    // Deliberately unanchored: whatever merely contains "tar" goes to the tar back end, which looks at the
-    // bytes.
-    static const QRegularExpression tar(QStringLiteral("(tar|tar.gz|tgz|tar.bz2|tar.bz|tbz|tar.z|tar.xz)"));
-    if (tar.match(extension).hasMatch())
-        return std::make_shared<CVTarArchive>(extension);
+    if (extension == u"7z" || extension == u"001")
+        return std::make_shared<CVP7ZipArchive>();
     return std::make_shared<CVXArchive>();
 }
 
@@ -86,6 +83,8 @@ std::shared_ptr<CVArchive> CVArchive::archiveForPreviewing(const QString &)
 
 std::shared_ptr<CVArchive> CVArchive::archiveForCreating(const QString &fileName)
 {
+    if (archivePathExtension(fileName).toLower() == u"zip")
+        return std::make_shared<CVZipArchive>();
     return archiveForExtracting(fileName);
 }
 
