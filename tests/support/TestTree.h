@@ -13,11 +13,11 @@ struct TestNode
 {
     enum class Type { File, Directory, Symlink, Other };
     Type type = Type::File;
-    std::optional<qint64> size;
-    QByteArray sha256;    ///< hexadecimal; empty when not known
-    QByteArray target;    ///< of a symbolic link
-    bool implied = false; ///< a folder that only follows from the paths below it
-    unsigned mode = 0;    ///< as in stat, of what is on the disk
+    std::optional<qint64> size = {};
+    QByteArray sha256 = {}; ///< hexadecimal; empty when not known
+    QByteArray target = {}; ///< of a symbolic link
+    bool implied = false;   ///< a folder that only follows from the paths below it
+    unsigned mode = 0;      ///< as in stat, of what is on the disk
     quint64 inode = 0;
     qint64 changedNs = 0; ///< modification time
 };
