@@ -36,7 +36,8 @@ QString text(const char *source)
 class Input
 {
 public:
-    Input(const QString &path, qint64 offset) : m_fd(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC))
+    Input(const QString &path, qint64 offset)
+        : m_fd(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC))
     {
         if (offset > 0)
             ::lseek(m_fd.get(), offset, SEEK_SET);
@@ -171,7 +172,9 @@ class GzipDecoder final : public Decoder
 class LzmaDecoder final : public Decoder
 {
 public:
-    explicit LzmaDecoder(Kind kind) : m_kind(kind) {}
+    explicit LzmaDecoder(Kind kind)
+        : m_kind(kind)
+    {}
 
 private:
     Failure run(Input &input, const Emit &emit) override
@@ -251,8 +254,8 @@ class BrotliDecoder final : public Decoder
             QByteArray out(blockBytes, Qt::Uninitialized);
             auto *nextOut = reinterpret_cast<std::uint8_t *>(out.data());
             auto availableOut = static_cast<std::size_t>(out.size());
-            const auto result = BrotliDecoderDecompressStream(state.get(), &availableIn, &nextIn, &availableOut,
-                                                              &nextOut, nullptr);
+            const auto result = BrotliDecoderDecompressStream(state.get(), &availableIn, &nextIn,
+                                                              &availableOut, &nextOut, nullptr);
             out.truncate(out.size() - qsizetype(availableOut));
             if (result == BROTLI_DECODER_RESULT_ERROR)
                 return corrupt();
@@ -277,7 +280,9 @@ class BrotliDecoder final : public Decoder
 class LibarchiveDecoder final : public Decoder
 {
 public:
-    explicit LibarchiveDecoder(Kind kind) : m_kind(kind) {}
+    explicit LibarchiveDecoder(Kind kind)
+        : m_kind(kind)
+    {}
 
 private:
     struct Feed
@@ -313,7 +318,8 @@ private:
 
     Failure run(Input &input, const Emit &emit) override
     {
-        const std::unique_ptr<archive, decltype(&archive_read_free)> a(archive_read_new(), &archive_read_free);
+        const std::unique_ptr<archive, decltype(&archive_read_free)> a(archive_read_new(),
+                                                                       &archive_read_free);
         if (support(a.get()) == ARCHIVE_FATAL)
             return {State::NotSupported, QString::fromUtf8(archive_error_string(a.get()))};
         archive_read_support_format_raw(a.get());
@@ -355,7 +361,8 @@ class ThreadedStream final : public CVByteStream
 {
 public:
     ThreadedStream(const QString &path, qint64 offset, std::unique_ptr<Decoder> decoder)
-        : m_input(path, offset), m_decoder(std::move(decoder))
+        : m_input(path, offset)
+        , m_decoder(std::move(decoder))
     {
         m_thread = std::thread([this] { decode(); });
     }
@@ -396,8 +403,9 @@ public:
 private:
     void decode()
     {
-        Failure result = m_input.isOpen() ? m_decoder->run(m_input, [this](QByteArray &&b) { return put(std::move(b)); })
-                                          : Failure{State::Damaged, text("The file cannot be read.")};
+        Failure result = m_input.isOpen()
+                             ? m_decoder->run(m_input, [this](QByteArray &&b) { return put(std::move(b)); })
+                             : Failure{State::Damaged, text("The file cannot be read.")};
         {
             const std::lock_guard lock(m_mutex);
             m_result = std::move(result);
@@ -431,20 +439,26 @@ private:
 
 CVByteStream::Kind CVByteStream::kindOf(const QByteArray &head, const QString &path)
 {
-    const auto starts = [&head](const char *bytes, qsizetype size) { return head.startsWith(QByteArrayView(bytes, size)); };
+    const auto starts = [&head](const char *bytes, qsizetype size) {
+        return head.startsWith(QByteArrayView(bytes, size));
+    };
     if (starts("\x1f\x8b\x08", 3))
         return Kind::Gzip;
     if (starts("BZh", 3) && head.size() > 10 && head[3] >= '1' && head[3] <= '9' &&
-        (head.mid(4, 6) == QByteArrayView("1AY&SY") || head.mid(4, 6) == QByteArrayView("\x17\x72\x45\x38\x50\x90")))
+        (head.mid(4, 6) == QByteArrayView("1AY&SY") ||
+         head.mid(4, 6) == QByteArrayView("\x17\x72\x45\x38\x50\x90")))
         return Kind::Bzip2;
-    if (starts("\xfd" "7zXZ\0", 6))
+    if (starts("\xfd"
+               "7zXZ\0",
+               6))
         return Kind::Xz;
     if (starts("LZIP", 4) && head.size() > 6 && (head[4] == 0 || head[4] == 1))
         return Kind::Lzip;
     if (starts("\x28\xb5\x2f\xfd", 4))
         return Kind::Zstd;
     // A skippable frame first (pzstd, seekable files) belongs to zstd as well as to lz4.
-    if (head.size() > 4 && (static_cast<unsigned char>(head[0]) & 0xf0) == 0x50 && head.mid(1, 3) == QByteArrayView("\x2a\x4d\x18"))
+    if (head.size() > 4 && (static_cast<unsigned char>(head[0]) & 0xf0) == 0x50 &&
+        head.mid(1, 3) == QByteArrayView("\x2a\x4d\x18"))
         return Kind::Zstd;
     if (starts("\x04\x22\x4d\x18", 4) || starts("\x02\x21\x4c\x18", 4))
         return Kind::Lz4;
@@ -455,13 +469,15 @@ CVByteStream::Kind CVByteStream::kindOf(const QByteArray &head, const QString &p
     // "LZMA alone": properties below 225, a dictionary of a customary size, a plausible size.
     if (head.size() > 13 && static_cast<unsigned char>(head[0]) < 225 && head[1] == 0 && head[2] == 0 &&
         head[12] == head[11] && head[13] == 0 && (head[12] == 0 || head[12] == '\xff')) {
-        const unsigned dictionary = static_cast<unsigned char>(head[3]) | unsigned(static_cast<unsigned char>(head[4])) << 8;
+        const unsigned dictionary =
+            static_cast<unsigned char>(head[3]) | unsigned(static_cast<unsigned char>(head[4])) << 8;
         const bool customary = dictionary != 0 && ((dictionary & (dictionary - 1)) == 0 ||
                                                    ((dictionary / 3) & (dictionary / 3 - 1)) == 0);
         if (customary)
             return Kind::Lzma;
     }
-    if (path.endsWith(QLatin1StringView(".br"), Qt::CaseInsensitive) || path.endsWith(QLatin1StringView(".tbr"), Qt::CaseInsensitive))
+    if (path.endsWith(QLatin1StringView(".br"), Qt::CaseInsensitive) ||
+        path.endsWith(QLatin1StringView(".tbr"), Qt::CaseInsensitive))
         return Kind::Brotli;
     return Kind::None;
 }
