@@ -56,8 +56,8 @@ public:
     virtual bool shouldStop() = 0;
 
     /// A folder for engines that have to unpack to disk before they can deliver: private (mode 0700), empty,
-    /// not a link, and in the file system of the destination. The sink makes it at the first call and removes it
-    /// with all its contents when it goes. Empty: there is none, and the engine uses the temporary folder.
+    /// not a link, and in the file system of the destination. The sink makes it at the first call and removes
+    /// it with all its contents when it goes. Empty: there is none, and the engine uses the temporary folder.
     virtual QString stagingFolder() { return {}; }
 };
 

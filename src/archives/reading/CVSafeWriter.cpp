@@ -130,6 +130,12 @@ public:
 
     bool create()
     {
+        if (m_isHardLink) {
+            // The data of all names of a file may come with the last of them.
+            m_fd = m_owner.openLinked(m_index, m_path, m_parent, m_name);
+            if (m_fd.isOpen())
+                return true;
+        }
         QByteArray folder;
         splitPath(m_path, folder, m_name);
         m_fd =
@@ -557,6 +563,36 @@ LXFileDescriptor CVSafeWriter::createFile(int index, const QByteArray &folderPat
     }
     failEntry(index, XADErrorCode::Refused, text("Too many entries have its name."));
     return LXFileDescriptor();
+}
+
+LXFileDescriptor CVSafeWriter::openLinked(int index, const QByteArray &path,
+                                          std::shared_ptr<const LXFileDescriptor> &parent, QByteArray &name)
+{
+    // Writing through a link is safe only where every file is one that this extraction made.
+    if (!m_options.ownsContents)
+        return LXFileDescriptor();
+    const XADEntry &e = entry(index);
+    const CVSafePath original = CVSafePath::fromName(m_callbacks.decode(e.linkTarget, e.nameEncoding), false);
+    if (original.verdict != CVSafePath::Verdict::Write || original.joined() == path)
+        return LXFileDescriptor();
+    QByteArray originalFolder, originalName, folderPath;
+    splitPath(original.joined(), originalFolder, originalName);
+    splitPath(path, folderPath, name);
+    const auto from = m_destination.existingFolder(originalFolder);
+    const auto folder = m_destination.folder(folderPath);
+    struct stat info;
+    if (!from || !folder ||
+        ::fstatat(from->get(), originalName.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(info.st_mode) ||
+        ::linkat(from->get(), originalName.constData(), folder->get(), name.constData(), 0) != 0)
+        return LXFileDescriptor();
+    LXFileDescriptor fd(
+        ::openat(folder->get(), name.constData(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.isOpen())
+        parent = folder;
+    else
+        ::unlinkat(folder->get(), name.constData(), 0);
+    return fd;
 }
 
 bool CVSafeWriter::addLink(int index, const QByteArray &path, const QByteArray &target, bool hard)

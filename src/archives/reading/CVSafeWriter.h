@@ -48,6 +48,7 @@ public:
     struct Options
     {
         qint64 archiveBytes = 0;    ///< size of the archive with its volumes, for the ratio
+        bool ownsContents = false;  ///< everything in the destination was made by this extraction
         bool laterReplaces = false; ///< a second entry of one name replaces the first (tar)
     };
 
@@ -101,6 +102,8 @@ private:
     std::unique_ptr<CVEntryWriter> beginFile(int index, const QByteArray &path);
     LXFileDescriptor createFile(int index, const QByteArray &folder, QByteArray &name, std::uint32_t mode,
                                 std::shared_ptr<const LXFileDescriptor> &parent);
+    LXFileDescriptor openLinked(int index, const QByteArray &path,
+                                std::shared_ptr<const LXFileDescriptor> &parent, QByteArray &name);
     bool addLink(int index, const QByteArray &path, const QByteArray &target, bool hard);
     void makeHardLinks();
     void makeSymlinks();

@@ -541,6 +541,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
     CVSafeWriter writer(
         destination, engine, std::move(callbacks),
         {.archiveBytes = d->archiveBytes(),
+         .ownsContents = ownsContents,
          .laterReplaces = ownsContents && engine.formatName().startsWith(QLatin1StringView("tar"))});
     const CVReadingEngine::Outcome outcome = engine.extract(wanted, all, writer);
     writer.finishTree();

@@ -295,6 +295,20 @@ private Q_SLOTS:
         QVERIFY(QDir(outside.path()).isEmpty());
     }
 
+    void dataOfALinkReachesAllNames()
+    {
+        QTemporaryDir folder;
+        ListedEngine engine;
+        engine.add(Type::File, "first");
+        engine.add(Type::HardLink, "second", {}, "first");
+        engine.add(Type::HardLink, "third", "data", "first");
+        engine.add(Type::HardLink, "away", "data", "../first");
+        const Run run = extractAll(engine, folder.path(), {.ownsContents = true});
+        for (const char *name : {"first", "second", "third", "away"})
+            QCOMPARE(contentsOf(folder.filePath(name)), QByteArray("data"));
+        QCOMPARE(run.skipped, QStringList());
+    }
+
     void modesAndKinds()
     {
         QTemporaryDir folder;
