@@ -1,0 +1,1050 @@
+#include "archives/reading/CVSevenZipEngine.h"
+
+#include "archives/reading/CVSevenZipArchive.h"
+#include "archives/reading/CVSevenZipFormats.h"
+
+#include <QFileInfo>
+#include <QLoggingCategory>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <clocale>
+#include <mutex>
+#include <string_view>
+#include <thread>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace sevenzip;
+
+Q_LOGGING_CATEGORY(lcSevenZipEngine, "corvane.reading.sevenzip.engine")
+
+namespace {
+
+constexpr qint64 mebibyte = 1024 * 1024;
+/// What a writer takes at once: a cancel takes effect within it.
+constexpr std::uint32_t maximumBlock = std::uint32_t(mebibyte);
+/// Below this, opening the archive a second time costs more than a second worker saves.
+constexpr qint64 minimumParallelBytes = 4 * mebibyte;
+/// A worker's share of a zip: small enough to even out, large enough that asking for it costs nothing.
+constexpr qint64 shareBytes = 8 * mebibyte;
+constexpr std::size_t shareItems = 512;
+/// Every preset of 7-Zip unpacks within this, whatever the machine.
+constexpr qint64 leastDecoderMemory = 256 * mebibyte;
+/// 100 ns units between 1601 and 1970.
+constexpr std::int64_t unixEpochTicks = 116444736000000000;
+/// The module gives bytes that are not UTF-8 as characters from here on: 0xEF80 for 0x80.
+constexpr wchar_t escapedByteBase = 0xEF00;
+
+/// The module decodes names by the locale of the thread; in UTF-8 it keeps foreign bytes recoverable.
+class Utf8Locale
+{
+public:
+    Utf8Locale()
+        : m_locale(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr))
+    {
+        if (m_locale)
+            m_previous = uselocale(m_locale);
+    }
+    Utf8Locale(const Utf8Locale &) = delete;
+    Utf8Locale &operator=(const Utf8Locale &) = delete;
+    ~Utf8Locale()
+    {
+        if (m_locale) {
+            uselocale(m_previous);
+            freelocale(m_locale);
+        }
+    }
+
+private:
+    locale_t m_locale;
+    locale_t m_previous = nullptr;
+};
+
+/// A name in bytes; `raw` when some of them did not decode.
+struct NameBytes
+{
+    QByteArray bytes;
+    bool raw = false;
+};
+
+NameBytes nameBytes(std::wstring_view name)
+{
+    NameBytes result;
+    result.bytes.reserve(qsizetype(name.size()));
+    for (wchar_t wide : name) {
+        auto c = std::uint32_t(wide);
+        if (c < 0x80) {
+            result.bytes += char(c);
+        } else if (wide >= escapedByteBase + 0x80 && wide <= escapedByteBase + 0xFF) {
+            result.bytes += char(c & 0xFF);
+            result.raw = true;
+        } else {
+            if ((c >= 0xD800 && c < 0xE000) || c > 0x10FFFF)
+                c = 0xFFFD;
+            if (c < 0x800) {
+                result.bytes += char(0xC0 | (c >> 6));
+            } else {
+                if (c < 0x10000) {
+                    result.bytes += char(0xE0 | (c >> 12));
+                } else {
+                    result.bytes += char(0xF0 | (c >> 18));
+                    result.bytes += char(0x80 | ((c >> 12) & 0x3F));
+                }
+                result.bytes += char(0x80 | ((c >> 6) & 0x3F));
+            }
+            result.bytes += char(0x80 | (c & 0x3F));
+        }
+    }
+    return result;
+}
+
+/// Formats whose names are bytes in whatever charset their writer had.
+bool keepsNamesAsBytes(const QByteArray &format)
+{
+    constexpr std::array names{"zip", "Cab", "Arj",      "Lzh", "tar",    "Cpio", "Ar",
+                               "Rpm", "Iso", "SquashFS", "Ext", "CramFS", "Nsis"};
+    return std::any_of(names.begin(), names.end(), [&](const char *name) { return format == name; });
+}
+
+qint64 unixNanoseconds(const Variant &value)
+{
+    if (value.type != VariantFileTime || value.u8 == 0)
+        return XADEntry::unknownTime;
+    std::int64_t time = 0;
+    if (__builtin_sub_overflow(value.i8, unixEpochTicks, &time) || __builtin_mul_overflow(time, 100, &time))
+        return XADEntry::unknownTime;
+    if (value.timePrecision != 0 && value.nanoseconds < 100)
+        time += value.nanoseconds;
+    return time;
+}
+
+qint64 decoderMemoryLimit()
+{
+    const qint64 machine = qint64(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
+    return std::max(leastDecoderMemory, machine / 4);
+}
+
+/// The largest window or model that a method text names ("LZMA2:26", "PPMD:o32:mem1536m", "BCJ
+/// LZMA:48m"): a bare number is a power of two.
+qint64 declaredDecoderMemory(const QString &methods)
+{
+    qint64 most = 0;
+    for (const QString &method : methods.split(u' ', Qt::SkipEmptyParts)) {
+        if (!method.startsWith(QLatin1String("LZMA"), Qt::CaseInsensitive) &&
+            !method.startsWith(QLatin1String("PPMD"), Qt::CaseInsensitive))
+            continue;
+        for (QStringView part : QStringView(method).mid(method.indexOf(u':') + 1).split(u':')) {
+            if (part.startsWith(u"mem"))
+                part = part.mid(3);
+            int shift = 0;
+            if (part.endsWith(u'k'))
+                shift = 10;
+            else if (part.endsWith(u'm'))
+                shift = 20;
+            else if (part.endsWith(u'g'))
+                shift = 30;
+            bool isNumber = false;
+            const uint number = (shift || part.endsWith(u'b') ? part.chopped(1) : part).toUInt(&isNumber);
+            if (!isNumber)
+                continue;
+            qint64 bytes = qint64(number) << shift;
+            if (shift == 0 && !part.endsWith(u'b'))
+                bytes = number < 40 ? qint64(1) << number : 0;
+            most = std::max(most, bytes);
+        }
+    }
+    return most;
+}
+
+/// The output of one compressed file is called after the archive.
+QString nameOfContents(const QStringList &paths)
+{
+    QString name = QFileInfo(paths.first()).fileName();
+    if (paths.size() > 1)
+        name.truncate(name.lastIndexOf(u'.'));
+    const qsizetype dot = name.lastIndexOf(u'.');
+    if (dot <= 0)
+        return name;
+    const QString extension = name.mid(dot + 1).toLower();
+    const QString stem = name.left(dot);
+    constexpr std::array tars{"tgz", "tpz", "tbz", "tbz2", "tb2", "txz", "tlz", "taz", "tz", "tzst"};
+    const bool isTar = std::any_of(tars.begin(), tars.end(),
+                                   [&](const char *tar) { return extension == QLatin1String(tar); });
+    return isTar ? stem + QStringLiteral(".tar") : stem;
+}
+
+bool beginsAsTar(const QByteArray &data)
+{
+    constexpr qsizetype blockSize = 512;
+    constexpr qsizetype sumAt = 148;
+    constexpr qsizetype sumSize = 8;
+    if (data.size() < blockSize)
+        return false;
+    unsigned sum = 0;
+    for (qsizetype i = 0; i < blockSize; ++i)
+        sum += i >= sumAt && i < sumAt + sumSize ? unsigned(' ') : quint8(data[i]);
+    bool isNumber = false;
+    const QByteArray stored = data.mid(sumAt, sumSize);
+    const unsigned wanted =
+        stored
+            .left(std::max<qsizetype>(
+                0, std::min(stored.indexOf('\0') < 0 ? sumSize : stored.indexOf('\0'), sumSize)))
+            .trimmed()
+            .toUInt(&isNumber, 8);
+    return isNumber && wanted == sum;
+}
+
+bool beginsAsArchive(const QByteArray &data)
+{
+    return beginsAsTar(data) || data.startsWith("070701") || data.startsWith("070702") ||
+           data.startsWith("070707") || data.startsWith("Rar!\x1a\x07");
+}
+
+/// Catches the first bytes of the first item, then ends the extraction.
+class PeekCallback final : public ExtractCallback, public SequentialOutStream
+{
+public:
+    PeekCallback() = default;
+    PeekCallback(const PeekCallback &) = delete;
+    PeekCallback &operator=(const PeekCallback &) = delete;
+    virtual ~PeekCallback() = default;
+
+    const QByteArray &bytes() const { return m_bytes; }
+
+    Result QueryInterface(const Guid &iid, void **out) override
+    {
+        *out = nullptr;
+        if (iid == SequentialOutStream::id)
+            *out = static_cast<SequentialOutStream *>(this);
+        else if (iid == IdUnknown || iid == ExtractCallback::id || iid == Progress::id)
+            *out = static_cast<ExtractCallback *>(this);
+        return *out ? Ok : NoInterface;
+    }
+    std::uint32_t AddRef() override { return 1; }
+    std::uint32_t Release() override { return 1; }
+    Result SetTotal(std::uint64_t) override { return Ok; }
+    Result SetCompleted(const std::uint64_t *) override { return Ok; }
+    Result GetStream(std::uint32_t, SequentialOutStream **stream, std::int32_t askMode) override
+    {
+        *stream = askMode == AskExtract ? this : nullptr;
+        return Ok;
+    }
+    Result PrepareOperation(std::int32_t) override { return Ok; }
+    Result SetOperationResult(std::int32_t) override { return Ok; }
+    Result Write(const void *data, std::uint32_t size, std::uint32_t *processed) override
+    {
+        m_bytes.append(static_cast<const char *>(data), std::min<qsizetype>(size, wanted - m_bytes.size()));
+        if (processed)
+            *processed = size;
+        return m_bytes.size() < wanted ? Ok : Abort;
+    }
+
+private:
+    static constexpr qsizetype wanted = 512;
+    QByteArray m_bytes;
+};
+
+struct Failure
+{
+    XADErrorCode code = XADErrorCode::None;
+    QString text;
+};
+
+/// What the module says about the archive as a whole.
+Failure archiveFailure(const CVSevenZipLibrary &library, InArchive &archive)
+{
+    CVSevenZipValue value(library);
+    std::uint64_t flags = 0;
+    if (archive.GetArchiveProperty(PropertyErrorFlags, value.out()) == Ok)
+        flags = value.number();
+    if (archive.GetArchiveProperty(PropertyWarningFlags, value.out()) == Ok)
+        flags |= value.number() & (ErrorUnexpectedEnd | ErrorUnavailableStart);
+    // Something appended to a whole archive (a signature, padding) takes nothing from it.
+    flags &= ~std::uint64_t(ErrorDataAfterEnd);
+    if (flags & ErrorUnexpectedEnd)
+        return {XADErrorCode::Damaged, QStringLiteral("The archive ends too early.")};
+    if (flags & ErrorUnavailableStart)
+        return {XADErrorCode::Damaged, QStringLiteral("The beginning of the archive is missing.")};
+    if (flags & (ErrorUnsupportedMethod | ErrorUnsupportedFeature))
+        return {XADErrorCode::NotSupported,
+                QStringLiteral("The archive uses a feature that is not supported.")};
+    if (flags != 0)
+        return {XADErrorCode::Damaged, QStringLiteral("The directory of the archive is damaged.")};
+    return {};
+}
+
+class SevenZipEngine;
+
+/// What the workers of one extraction share.
+struct ExtractionRun
+{
+    SevenZipEngine &engine;
+    CVEntrySink &sink;
+    std::optional<QString> password;
+    std::vector<char> wanted;    ///< per entry
+    std::vector<char> delivered; ///< per entry; each is written by one worker only
+    std::vector<std::vector<std::uint32_t>> shares;
+    std::atomic<std::size_t> nextShare = 0;
+    std::atomic<bool> stopped = false;
+    std::atomic<bool> failed = false;
+    std::atomic<bool> passwordFits = false; ///< an encrypted entry has come out right
+    std::mutex mutex;
+    CVReadingEngine::Outcome outcome;
+
+    ExtractionRun(SevenZipEngine &e, CVEntrySink &s)
+        : engine(e)
+        , sink(s)
+    {}
+
+    void stop() { stopped = true; }
+    bool isOver() const { return stopped || failed; }
+    void fail(XADErrorCode code, const QString &detail)
+    {
+        const std::lock_guard lock(mutex);
+        if (outcome.code == XADErrorCode::None)
+            outcome = {code, detail};
+        failed = true;
+    }
+    bool follow(CVEntryWriter::Flow flow)
+    {
+        if (flow == CVEntryWriter::Flow::Stop)
+            stop();
+        return flow != CVEntryWriter::Flow::Stop;
+    }
+};
+
+class SevenZipEngine final : public CVReadingEngine
+{
+public:
+    SevenZipEngine(const CVSevenZipLibrary &library, CVEngineHost &host,
+                   std::shared_ptr<const CVSevenZipSource> source)
+        : m_library(library)
+        , m_host(host)
+        , m_source(std::move(source))
+    {}
+
+    /// The outcome of trying one guess. None: open.
+    Failure open(const CVSevenZipGuess &guess);
+
+    QString formatName() const override { return m_formatName; }
+    const std::vector<XADEntry> &entries() const override { return m_entries; }
+    bool isEncrypted() const override { return m_isEncrypted; }
+    bool entryIsArchive(int index) const override { return m_entryIsArchive && index == 0; }
+    Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) override;
+    bool compressedProgress(qint64 &done, qint64 &total) const override;
+    QStringList volumePaths() const override { return m_archive->callback().volumePaths(); }
+
+    const CVSevenZipLibrary &library() const { return m_library; }
+    const XADEntry &entry(int index) const { return m_entries[std::size_t(index)]; }
+    int entryOfItem(std::uint32_t item) const
+    {
+        return item < m_entryOfItem.size() ? m_entryOfItem[item] : -1;
+    }
+    /// The format keeps a checksum of every entry, so one without cannot be trusted.
+    bool checksumsAreCertain() const { return m_format == "7z"; }
+    bool isZip() const { return m_format == "zip"; }
+    bool headersWereEncrypted() const { return m_headersEncrypted; }
+    void setProgress(std::uint64_t done) { m_progress.store(qint64(done), std::memory_order_relaxed); }
+
+private:
+    Failure readEntries();
+    bool readEntry(InArchive &archive, std::uint32_t item, XADEntry &entry);
+    bool isPseudoEntry(InArchive &archive, std::uint32_t item, const XADEntry &entry);
+    void peekInside();
+    Failure unsupportedVariant();
+
+    Outcome run(ExtractionRun &extraction);
+    void failLocked(ExtractionRun &extraction);
+    void makeShares(ExtractionRun &extraction);
+    void work(ExtractionRun &extraction, CVSevenZipArchive &archive);
+    void reportMissing(ExtractionRun &extraction, const std::vector<std::uint32_t> &share);
+    QString blockTooLarge(std::uint32_t item, qint64 unpackedBytes);
+    std::uint64_t blockOf(std::uint32_t item);
+
+    const CVSevenZipLibrary &m_library;
+    CVEngineHost &m_host;
+    std::shared_ptr<const CVSevenZipSource> m_source;
+    std::unique_ptr<CVSevenZipArchive> m_archive;
+    CVSevenZipGuess m_guess;
+    QByteArray m_format; ///< of the innermost level
+    QString m_formatName;
+    std::vector<XADEntry> m_entries;
+    std::vector<std::uint32_t> m_itemOfEntry;
+    std::vector<int> m_entryOfItem; ///< -1 for items that are no entries
+    Failure m_archiveFailure;
+    std::atomic<qint64> m_progress = 0;
+    bool m_isEncrypted = false;
+    bool m_headersEncrypted = false;
+    bool m_entryIsArchive = false;
+};
+
+/// Takes what one worker's archive object gives and passes it to the sink.
+class Extraction final : public ExtractCallback, public CryptoGetTextPassword, public SequentialOutStream
+{
+public:
+    Extraction(ExtractionRun &run, InArchive &archive)
+        : m_run(run)
+        , m_archive(archive)
+    {}
+    Extraction(const Extraction &) = delete;
+    Extraction &operator=(const Extraction &) = delete;
+    virtual ~Extraction() = default;
+
+    /// After a call that failed in the middle of an entry.
+    void abandon(const QString &why)
+    {
+        if (m_writer)
+            m_run.follow(m_writer->finish(XADErrorCode::Damaged, why));
+        m_writer.reset();
+    }
+
+    Result QueryInterface(const Guid &iid, void **out) override
+    {
+        *out = nullptr;
+        if (iid == IdUnknown || iid == ExtractCallback::id || iid == Progress::id)
+            *out = static_cast<ExtractCallback *>(this);
+        else if (iid == CryptoGetTextPassword::id)
+            *out = static_cast<CryptoGetTextPassword *>(this);
+        else if (iid == SequentialOutStream::id)
+            *out = static_cast<SequentialOutStream *>(this);
+        return *out ? Ok : NoInterface;
+    }
+    std::uint32_t AddRef() override { return 1; }
+    std::uint32_t Release() override { return 1; }
+
+    Result SetTotal(std::uint64_t) override { return Ok; }
+
+    Result SetCompleted(const std::uint64_t *completed) override
+    {
+        if (completed)
+            m_run.engine.setProgress(*completed);
+        return checkStop();
+    }
+
+    Result GetStream(std::uint32_t item, SequentialOutStream **stream, std::int32_t askMode) override
+    {
+        *stream = nullptr;
+        abandon(QStringLiteral("The entry did not end."));
+        if (const Result result = checkStop(); result != Ok)
+            return result;
+        const int index = m_run.engine.entryOfItem(item);
+        if (askMode != AskExtract || index < 0 || !m_run.wanted[std::size_t(index)])
+            return Ok;
+        m_run.delivered[std::size_t(index)] = 1;
+        m_index = index;
+        m_item = item;
+        m_received = 0;
+        m_skipping = false;
+        m_writer = m_run.sink.beginEntry(index);
+        if (m_writer)
+            *stream = this;
+        return Ok;
+    }
+
+    Result PrepareOperation(std::int32_t) override { return Ok; }
+
+    Result SetOperationResult(std::int32_t result) override
+    {
+        if (!m_writer)
+            return checkStop();
+        const auto writer = std::move(m_writer);
+        const XADEntry &entry = m_run.engine.entry(m_index);
+        Failure failure = m_skipping ? Failure{} : failureOf(result);
+        if (failure.code == XADErrorCode::None && !m_skipping) {
+            if (m_received > 0 && m_run.engine.checksumsAreCertain() && !hasChecksum())
+                failure = {XADErrorCode::Damaged, QStringLiteral("The entry has no checksum.")};
+            else if (entry.encrypted && m_received > 0)
+                m_run.passwordFits = true;
+        }
+        return m_run.follow(writer->finish(failure.code, failure.text)) ? Ok : Abort;
+    }
+
+    Result GetTextPassword(ModuleString *password) override
+    {
+        if (!m_run.password)
+            m_run.fail(XADErrorCode::Password, QStringLiteral("A password is needed."));
+        return cvSevenZipGivePassword(m_run.engine.library(), m_run.password, password);
+    }
+
+    Result Write(const void *data, std::uint32_t size, std::uint32_t *processed) override
+    {
+        if (processed)
+            *processed = size;
+        m_received += size;
+        if (!m_writer || m_skipping)
+            return checkStop();
+        const char *next = static_cast<const char *>(data);
+        for (std::uint32_t left = size; left > 0;) {
+            const std::uint32_t block = std::min(left, maximumBlock);
+            switch (m_writer->write(next, block)) {
+            case CVEntryWriter::Flow::Go:
+                break;
+            case CVEntryWriter::Flow::SkipEntry:
+                m_skipping = true;
+                return Ok;
+            case CVEntryWriter::Flow::Stop:
+                m_run.stop();
+                return Abort;
+            }
+            next += block;
+            left -= block;
+        }
+        return m_run.isOver() ? Abort : Ok;
+    }
+
+private:
+    Result checkStop()
+    {
+        if (!m_run.isOver() && m_run.sink.shouldStop())
+            m_run.stop();
+        return m_run.isOver() ? Abort : Ok;
+    }
+
+    bool hasChecksum()
+    {
+        CVSevenZipValue crc(m_run.engine.library());
+        return m_archive.GetProperty(m_item, PropertyCrc, crc.out()) == Ok && !crc.isEmpty();
+    }
+
+    /// Zip with AES checks the password before the data.
+    bool passwordWasChecked()
+    {
+        CVSevenZipValue method(m_run.engine.library());
+        return m_run.engine.isZip() && m_archive.GetProperty(m_item, PropertyMethod, method.out()) == Ok &&
+               method.string().startsWith(QLatin1String("AES"));
+    }
+
+    Failure failureOf(std::int32_t result)
+    {
+        switch (result) {
+        case OperationOk:
+            return {};
+        case OperationUnsupportedMethod:
+            return {XADErrorCode::NotSupported, QStringLiteral("The compression method is not supported.")};
+        case OperationWrongPassword:
+            return {XADErrorCode::Password, QStringLiteral("The password is wrong.")};
+        case OperationMemoryError:
+            return {XADErrorCode::NotSupported,
+                    QStringLiteral("There is not enough memory to unpack the entry.")};
+        case OperationDataError:
+        case OperationCrcError:
+            if (m_run.engine.entry(m_index).encrypted && !m_run.engine.headersWereEncrypted() &&
+                !m_run.passwordFits && !passwordWasChecked())
+                return {XADErrorCode::Password,
+                        QStringLiteral("The password is wrong, or the data is damaged.")};
+            return {XADErrorCode::Damaged, result == OperationCrcError
+                                               ? QStringLiteral("The checksum does not fit.")
+                                               : QStringLiteral("The data is damaged.")};
+        case OperationUnavailable:
+            return {XADErrorCode::Damaged, QStringLiteral("The data is not there; a volume may be missing.")};
+        case OperationUnexpectedEnd:
+            return {XADErrorCode::Damaged, QStringLiteral("The data ends too early.")};
+        case OperationDataAfterEnd:
+            return {XADErrorCode::Damaged, QStringLiteral("There is more data than there should be.")};
+        case OperationHeadersError:
+            return {XADErrorCode::Damaged, QStringLiteral("The header of the entry is damaged.")};
+        default:
+            return {XADErrorCode::Damaged, QStringLiteral("The data cannot be read.")};
+        }
+    }
+
+    ExtractionRun &m_run;
+    InArchive &m_archive;
+    std::unique_ptr<CVEntryWriter> m_writer;
+    int m_index = -1;
+    std::uint32_t m_item = 0;
+    std::uint64_t m_received = 0;
+    bool m_skipping = false; ///< the sink has given the entry up
+};
+
+unsigned availableCores()
+{
+    return std::max(1U, std::thread::hardware_concurrency());
+}
+
+Failure SevenZipEngine::open(const CVSevenZipGuess &guess)
+{
+    m_guess = guess;
+    const auto &format = m_library.formats()[std::size_t(guess.format)];
+    m_archive = std::make_unique<CVSevenZipArchive>(
+        m_library, m_source, [this] { return m_host.password(); }, [this] { return m_host.shouldStop(); });
+    const Result result = m_archive->open(format, guess.offset, availableCores());
+    const CVSevenZipOpenCallback &callback = m_archive->callback();
+    if (callback.stopped())
+        return {XADErrorCode::Stopped, {}};
+    if (callback.passwordMissing())
+        return {XADErrorCode::PasswordMissing, QStringLiteral("The names in the archive are encrypted.")};
+    if (result != Ok && callback.passwordAsked())
+        return {XADErrorCode::PasswordWrongOpening, QStringLiteral("The password does not fit.")};
+    if (result == OutOfMemory)
+        return {XADErrorCode::NotSupported,
+                QStringLiteral("There is not enough memory to open the archive.")};
+    if (result != Ok) {
+        const Failure failure = archiveFailure(m_library, m_archive->top());
+        if (failure.code != XADErrorCode::None)
+            return failure;
+        return {XADErrorCode::Damaged, QStringLiteral("The archive is damaged or incomplete.")};
+    }
+    m_headersEncrypted = callback.passwordAsked();
+    m_archive->descend();
+
+    QStringList names;
+    for (const CVSevenZipLibrary::Format *level : m_archive->formats())
+        names << cvSevenZipFormatName(level->name);
+    m_formatName = names.first();
+    if (names.size() > 1)
+        m_formatName += QStringLiteral(" (%1)").arg(names.last());
+    m_format = m_archive->topFormat().name;
+    m_archiveFailure = archiveFailure(m_library, m_archive->top());
+    if (m_archiveFailure.code != XADErrorCode::None && !callback.missingVolume().isEmpty())
+        m_archiveFailure.text = QStringLiteral("The volume \"%1\" is missing.").arg(callback.missingVolume());
+
+    if (Failure failure = readEntries(); failure.code != XADErrorCode::None)
+        return failure;
+    if (Failure failure = unsupportedVariant(); failure.code != XADErrorCode::None)
+        return failure;
+    peekInside();
+    return {};
+}
+
+/// Where another reader can do what this one cannot, it must hear of it before anything is shown.
+Failure SevenZipEngine::unsupportedVariant()
+{
+    if (m_format == "Arj" && m_isEncrypted)
+        return {XADErrorCode::NotSupported, QStringLiteral("Encrypted ARJ is not supported.")};
+    return {};
+}
+
+Failure SevenZipEngine::readEntries()
+{
+    InArchive &archive = m_archive->top();
+    std::uint32_t count = 0;
+    if (archive.GetNumberOfItems(&count) != Ok)
+        return {XADErrorCode::Damaged, QStringLiteral("The directory of the archive cannot be read.")};
+    m_isEncrypted = m_headersEncrypted;
+    m_entryOfItem.assign(count, -1);
+    m_entries.reserve(count);
+    m_itemOfEntry.reserve(count);
+    for (std::uint32_t item = 0; item < count; ++item) {
+        if (item % 4096 == 0 && m_host.shouldStop())
+            return {XADErrorCode::Stopped, {}};
+        XADEntry entry;
+        if (!readEntry(archive, item, entry))
+            continue;
+        m_isEncrypted = m_isEncrypted || entry.encrypted;
+        m_entryOfItem[item] = int(m_entries.size());
+        m_itemOfEntry.push_back(item);
+        m_entries.push_back(std::move(entry));
+    }
+    return {};
+}
+
+/// False: the item is no entry of the archive.
+bool SevenZipEngine::readEntry(InArchive &archive, std::uint32_t item, XADEntry &entry)
+{
+    CVSevenZipValue value(m_library);
+    const auto property = [&](Property which) {
+        return archive.GetProperty(item, which, value.out()) == Ok && !value.isEmpty();
+    };
+    const auto text = [&] {
+        return nameBytes(value.isString() ? std::wstring_view(value.get().string) : std::wstring_view());
+    };
+
+    const bool isSingle = cvSevenZipIsSingleStream(m_format);
+    NameBytes name;
+    if (!isSingle && property(PropertyPath))
+        name = text();
+    else if (isSingle || m_format == "7z") // elsewhere a missing name is the archive's own doing
+        name.bytes = nameOfContents(m_source->paths()).toUtf8();
+    entry.name = std::move(name.bytes);
+    entry.nameEncoding = CVNameEncoding::Utf8;
+    if (name.raw)
+        entry.nameEncoding = CVNameEncoding::Unmarked;
+    else if (!isSingle && keepsNamesAsBytes(m_format)) {
+        const bool marked =
+            isZip() && property(PropertyCharacteristics) && value.string().contains(QLatin1String("UTF8"));
+        entry.nameEncoding = marked ? CVNameEncoding::Utf8 : CVNameEncoding::Unmarked;
+    }
+    if (isPseudoEntry(archive, item, entry))
+        return false;
+
+    const bool isDirectory = property(PropertyIsDirectory) && value.isTrue();
+    std::uint32_t attributes = 0;
+    if (property(PropertyAttributes))
+        attributes = std::uint32_t(value.number());
+    constexpr std::uint32_t hasUnixMode = 0x8000;
+    std::uint32_t mode = 0;
+    if (property(PropertyPosixMode)) {
+        mode = std::uint32_t(value.number());
+        entry.hasMode = true;
+    } else if (attributes & hasUnixMode) {
+        mode = attributes >> 16;
+        entry.hasMode = true;
+    }
+    entry.mode = mode & 07777;
+
+    switch (mode & S_IFMT) {
+    case S_IFLNK:
+        entry.type = XADEntry::Type::Symlink;
+        break;
+    case S_IFCHR:
+    case S_IFBLK:
+    case S_IFIFO:
+    case S_IFSOCK:
+        entry.type = XADEntry::Type::Special;
+        break;
+    default:
+        break;
+    }
+    if (isDirectory)
+        entry.type = XADEntry::Type::Directory;
+    else if (property(PropertySymlink) && value.isString() && *value.get().string) {
+        entry.type = XADEntry::Type::Symlink;
+        entry.linkTarget = text().bytes;
+    } else if (property(PropertyHardLink) && value.isString() && *value.get().string) {
+        entry.type = XADEntry::Type::HardLink;
+        entry.linkTarget = text().bytes;
+    }
+
+    // gzip keeps only the low 32 bits, and those of its last member.
+    if (!isDirectory && m_format != "gzip" && property(PropertySize))
+        entry.size = qint64(
+            std::min<std::uint64_t>(value.number(), std::uint64_t(std::numeric_limits<qint64>::max())));
+    if (property(PropertyModified))
+        entry.modified = unixNanoseconds(value.get());
+    entry.encrypted = property(PropertyEncrypted) && value.isTrue();
+    return true;
+}
+
+bool SevenZipEngine::isPseudoEntry(InArchive &archive, std::uint32_t item, const XADEntry &entry)
+{
+    constexpr std::uint32_t propertyIsAnti = 21;
+    if (m_format == "Xar" && entry.name == "[TOC].xml")
+        return true;
+    for (const std::uint32_t which :
+         {std::uint32_t(PropertyIsAlternateStream), std::uint32_t(PropertyIsDeleted), propertyIsAnti}) {
+        CVSevenZipValue value(m_library);
+        if (archive.GetProperty(item, which, value.out()) == Ok && value.isTrue())
+            return true;
+    }
+    return false;
+}
+
+/// A tar in a compressed file is what the person wants, not the tar.
+void SevenZipEngine::peekInside()
+{
+    if (m_entries.size() != 1 || m_isEncrypted)
+        return;
+    if (m_format == "Rpm") {
+        m_entryIsArchive = true;
+        return;
+    }
+    if (!cvSevenZipIsSingleStream(m_format))
+        return;
+    PeekCallback peek;
+    const std::uint32_t item = m_itemOfEntry[0];
+    (void)m_archive->top().Extract(&item, 1, 0, &peek);
+    m_entryIsArchive = beginsAsArchive(peek.bytes());
+}
+
+bool SevenZipEngine::compressedProgress(qint64 &done, qint64 &total) const
+{
+    if (!cvSevenZipIsSingleStream(m_format))
+        return false;
+    total = m_source->size();
+    done = std::min(total, m_progress.load(std::memory_order_relaxed));
+    return true;
+}
+
+CVReadingEngine::Outcome SevenZipEngine::extract(std::span<const int> indices, bool all, CVEntrySink &sink)
+{
+    const Utf8Locale locale;
+    try {
+        ExtractionRun extraction(*this, sink);
+        extraction.wanted.assign(m_entries.size(), all ? 1 : 0);
+        extraction.delivered.assign(m_entries.size(), 0);
+        for (const int index : indices)
+            extraction.wanted[std::size_t(index)] = 1;
+        return run(extraction);
+    } catch (const std::bad_alloc &) {
+        return {XADErrorCode::NotSupported,
+                QStringLiteral("There is not enough memory to unpack the archive.")};
+    } catch (
+        ...) { // the module's own exceptions should not come out of it, but they are not ours to rule out
+        return {XADErrorCode::Damaged, QStringLiteral("The archive cannot be read.")};
+    }
+}
+
+CVReadingEngine::Outcome SevenZipEngine::run(ExtractionRun &extraction)
+{
+    m_progress = 0;
+    failLocked(extraction);
+    if (extraction.stopped)
+        return {XADErrorCode::Stopped, {}};
+    makeShares(extraction);
+    if (extraction.stopped)
+        return {XADErrorCode::Stopped, {}};
+
+    const unsigned cores = availableCores();
+    const auto workers = unsigned(std::min<std::size_t>(cores, extraction.shares.size()));
+    if (workers > 1)
+        m_archive->setThreads(std::max(1U, cores / workers));
+    std::vector<std::thread> helpers;
+    for (unsigned i = 1; i < workers; ++i) {
+        helpers.emplace_back([this, &extraction, workers, cores] {
+            const Utf8Locale locale;
+            try {
+                CVSevenZipArchive own(
+                    m_library, m_source, [&extraction] { return extraction.password; },
+                    [&extraction] { return extraction.isOver() || extraction.sink.shouldStop(); });
+                const auto &format = m_library.formats()[std::size_t(m_guess.format)];
+                // Without an archive of its own the helper leaves the work to the others.
+                if (own.open(format, m_guess.offset, std::max(1U, cores / workers)) == Ok)
+                    work(extraction, own);
+            } catch (...) {
+                extraction.fail(XADErrorCode::Damaged, QStringLiteral("The archive cannot be read."));
+            }
+        });
+    }
+    try {
+        work(extraction, *m_archive);
+    } catch (...) {
+        extraction.fail(XADErrorCode::Damaged, QStringLiteral("The archive cannot be read."));
+    }
+    for (std::thread &helper : helpers)
+        helper.join();
+
+    if (extraction.stopped)
+        return {XADErrorCode::Stopped, {}};
+    if (extraction.outcome.code != XADErrorCode::None)
+        return extraction.outcome;
+    return {m_archiveFailure.code, m_archiveFailure.text};
+}
+
+/// Without a password the encrypted entries fail, and the others still come out.
+void SevenZipEngine::failLocked(ExtractionRun &extraction)
+{
+    const auto isLocked = [&](std::size_t i) { return extraction.wanted[i] && m_entries[i].encrypted; };
+    bool any = m_headersEncrypted;
+    for (std::size_t i = 0; i < m_entries.size() && !any; ++i)
+        any = isLocked(i);
+    if (!any)
+        return;
+    extraction.password = m_host.password();
+    for (std::size_t i = 0; i < m_entries.size() && !extraction.password && !extraction.stopped; ++i) {
+        if (!isLocked(i))
+            continue;
+        extraction.wanted[i] = 0;
+        extraction.follow(extraction.sink.entryFailed(int(i), XADErrorCode::Password,
+                                                      QStringLiteral("A password is needed.")));
+    }
+}
+
+std::uint64_t SevenZipEngine::blockOf(std::uint32_t item)
+{
+    CVSevenZipValue block(m_library);
+    constexpr std::uint64_t none = ~std::uint64_t(0);
+    return m_archive->top().GetProperty(item, PropertyBlock, block.out()) == Ok ? block.number(none) : none;
+}
+
+/// Why the block cannot be unpacked here; empty when it can. A window never fills beyond what is
+/// unpacked through it, so a large one before little data is harmless.
+QString SevenZipEngine::blockTooLarge(std::uint32_t item, qint64 unpackedBytes)
+{
+    CVSevenZipValue method(m_library);
+    if (m_archive->top().GetProperty(item, PropertyMethod, method.out()) != Ok || !method.isString())
+        return {};
+    const qint64 limit = decoderMemoryLimit();
+    const qint64 needed = std::min(declaredDecoderMemory(method.string()), unpackedBytes);
+    if (needed <= limit)
+        return {};
+    return QStringLiteral("Unpacking needs %1 MiB of memory; the limit here is %2 MiB.")
+        .arg(needed / mebibyte)
+        .arg(limit / mebibyte);
+}
+
+/// Divides the work: blocks of 7z and runs of zip entries can be unpacked independently.
+void SevenZipEngine::makeShares(ExtractionRun &extraction)
+{
+    const bool byBlock = m_format == "7z";
+    qint64 total = 0;
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        if (extraction.wanted[i])
+            total += std::max<qint64>(0, m_entries[i].size);
+    }
+    const bool isParallel =
+        (byBlock || isZip()) && m_archive->formats().size() == 1 && total >= minimumParallelBytes;
+
+    struct Share
+    {
+        std::vector<std::uint32_t> items;
+        qint64 bytes = 0;
+    };
+    std::vector<Share> shares(1);
+    std::uint64_t block = ~std::uint64_t(0);
+    std::vector<std::pair<std::size_t, qint64>> blocks; // position in entries where each begins, its size
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        const qint64 size = std::max<qint64>(0, m_entries[i].size);
+        if (byBlock && size > 0) {
+            if (const std::uint64_t own = blockOf(m_itemOfEntry[i]); own != block) {
+                block = own;
+                blocks.emplace_back(i, 0);
+            }
+            blocks.back().second += size;
+        }
+    }
+    std::size_t nextBlock = 0;
+    QString tooLarge;
+    for (std::size_t i = 0; i < m_entries.size() && !extraction.stopped; ++i) {
+        if (nextBlock < blocks.size() && blocks[nextBlock].first == i) {
+            tooLarge = blockTooLarge(m_itemOfEntry[i], blocks[nextBlock].second);
+            ++nextBlock;
+            if (isParallel && !shares.back().items.empty())
+                shares.emplace_back();
+        }
+        if (!extraction.wanted[i])
+            continue;
+        if (!tooLarge.isEmpty() && m_entries[i].size > 0) {
+            extraction.wanted[i] = 0;
+            extraction.follow(extraction.sink.entryFailed(int(i), XADErrorCode::NotSupported, tooLarge));
+            continue;
+        }
+        if (isParallel && !byBlock &&
+            (shares.back().bytes >= shareBytes || shares.back().items.size() >= shareItems))
+            shares.emplace_back();
+        shares.back().items.push_back(m_itemOfEntry[i]);
+        shares.back().bytes += std::max<qint64>(0, m_entries[i].size);
+    }
+    // The longest first, so that no worker begins a large block when the others have finished.
+    if (byBlock)
+        std::stable_sort(shares.begin(), shares.end(),
+                         [](const Share &a, const Share &b) { return a.bytes > b.bytes; });
+    for (Share &share : shares) {
+        if (!share.items.empty())
+            extraction.shares.push_back(std::move(share.items));
+    }
+}
+
+void SevenZipEngine::work(ExtractionRun &extraction, CVSevenZipArchive &archive)
+{
+    Extraction callback(extraction, archive.top());
+    while (!extraction.isOver()) {
+        const std::size_t next = extraction.nextShare.fetch_add(1);
+        if (next >= extraction.shares.size())
+            return;
+        const auto &share = extraction.shares[next];
+        const Result result = archive.top().Extract(share.data(), std::uint32_t(share.size()), 0, &callback);
+        if (result == Ok) {
+            callback.abandon(QStringLiteral("The entry did not end."));
+            reportMissing(extraction, share);
+            continue;
+        }
+        callback.abandon(QStringLiteral("The archive cannot be read further."));
+        if (extraction.isOver())
+            return;
+        if (result == OutOfMemory)
+            extraction.fail(XADErrorCode::NotSupported,
+                            QStringLiteral("There is not enough memory to unpack the archive."));
+        else if (result == NotImplemented)
+            extraction.fail(XADErrorCode::NotSupported, QStringLiteral("The archive cannot be unpacked."));
+        else
+            extraction.fail(XADErrorCode::Damaged, QStringLiteral("The archive cannot be read further."));
+    }
+}
+
+/// The module passes over some entries without a word (folders of some formats, lost data).
+void SevenZipEngine::reportMissing(ExtractionRun &extraction, const std::vector<std::uint32_t> &share)
+{
+    for (const std::uint32_t item : share) {
+        const auto index = std::size_t(m_entryOfItem[item]);
+        if (extraction.delivered[index] || extraction.isOver())
+            continue;
+        extraction.delivered[index] = 1;
+        if (m_entries[index].type == XADEntry::Type::Directory) {
+            if (const auto writer = extraction.sink.beginEntry(int(index)))
+                extraction.follow(writer->finish(XADErrorCode::None));
+        } else {
+            extraction.follow(
+                extraction.sink.entryFailed(int(index), XADErrorCode::Damaged,
+                                            QStringLiteral("The archive gives no data for the entry.")));
+        }
+    }
+}
+
+CVSevenZipBytes bytesOf(const CVArchiveProbe &probe)
+{
+    CVSevenZipBytes bytes{probe.head, probe.tail, probe.fileSize, {}};
+    bytes.more = [path = probe.path](qint64 offset, qint64 size) {
+        const auto source = CVSevenZipSource::open({path});
+        return source ? source->readAt(offset, size) : QByteArray();
+    };
+    return bytes;
+}
+
+constexpr int bidForParts = 95; ///< nobody else joins them
+
+int bid(const CVArchiveProbe &probe)
+{
+    const CVSevenZipLibrary *library = CVSevenZipLibrary::instance();
+    if (!library)
+        return 0;
+    const auto guesses = cvSevenZipGuesses(*library, bytesOf(probe));
+    if (guesses.empty())
+        return 0;
+    return CVSevenZipSource::numberedParts(probe.path).size() > 1 ? bidForParts : guesses.front().bid;
+}
+
+CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &host)
+{
+    const CVSevenZipLibrary *library = CVSevenZipLibrary::instance();
+    if (!library)
+        return {nullptr, XADErrorCode::NotSupported,
+                QStringLiteral("The 7-Zip library is not installed (package p7zip-full).")};
+    const Utf8Locale locale;
+    try {
+        const auto source = CVSevenZipSource::open(CVSevenZipSource::numberedParts(probe.path));
+        if (!source)
+            return {nullptr, XADErrorCode::Damaged, QStringLiteral("The file cannot be read.")};
+        CVSevenZipBytes bytes = bytesOf(probe);
+        bytes.size = source->size();
+        bytes.more = [&source](qint64 offset, qint64 size) { return source->readAt(offset, size); };
+        if (source->paths().size() > 1)
+            bytes.tail = source->readAt(std::max<qint64>(0, bytes.size - 64 * 1024 - 22), 64 * 1024 + 22);
+
+        Failure first;
+        for (const CVSevenZipGuess &guess : cvSevenZipGuesses(*library, bytes)) {
+            auto engine = std::make_unique<SevenZipEngine>(*library, host, source);
+            const Failure failure = engine->open(guess);
+            switch (failure.code) {
+            case XADErrorCode::None:
+                return {std::move(engine), XADErrorCode::None, {}};
+            case XADErrorCode::Stopped:
+            case XADErrorCode::PasswordMissing:
+            case XADErrorCode::PasswordWrongOpening:
+                return {nullptr, failure.code, failure.text};
+            default:
+                break;
+            }
+            if (first.code == XADErrorCode::None)
+                first = failure;
+        }
+        if (first.code == XADErrorCode::None)
+            return {nullptr, XADErrorCode::NotSupported, QStringLiteral("The format is not known.")};
+        return {nullptr, first.code, first.text};
+    } catch (const std::bad_alloc &) {
+        return {nullptr, XADErrorCode::NotSupported,
+                QStringLiteral("There is not enough memory to open the archive.")};
+    } catch (...) {
+        return {nullptr, XADErrorCode::Damaged, QStringLiteral("The archive cannot be read.")};
+    }
+}
+
+} // namespace
+
+CVEngineDescriptor cvSevenZipEngineDescriptor()
+{
+    return {"7-Zip library", &bid, &open};
+}
