@@ -31,6 +31,25 @@ bool isDiskImage(const QByteArray &format)
     return std::any_of(images.begin(), images.end(), [&](const char *image) { return format == image; });
 }
 
+/// The file in `folder` that a volume's name means; empty when there is none.
+QString findVolume(const QDir &folder, const QString &name)
+{
+    QStringList names{name};
+    // The volumes of a zipx are x.zx01, x.zx02, …; the module asks for x.z01.
+    if (const qsizetype mark = name.lastIndexOf(QLatin1String(".z")); mark >= 0)
+        names << QStringView(name).left(mark) + QStringLiteral(".zx") + QStringView(name).mid(mark + 2);
+    for (const QString &exact : std::as_const(names)) {
+        if (QFileInfo(folder.filePath(exact)).isFile())
+            return folder.filePath(exact);
+    }
+    // Written where case does not matter.
+    const QStringList files = folder.entryList(QDir::Files);
+    const auto same = std::find_if(files.begin(), files.end(), [&](const QString &other) {
+        return names.contains(other, Qt::CaseInsensitive);
+    });
+    return same == files.end() ? QString() : folder.filePath(*same);
+}
+
 QByteArray readStream(InStream &stream, qint64 offset, qint64 size)
 {
     QByteArray data;
@@ -113,6 +132,8 @@ Result CVSevenZipOpenCallback::GetProperty(std::uint32_t property, Variant *valu
         QString name = QFileInfo(m_source->paths().first()).fileName();
         if (m_source->paths().size() > 1) // the parts joined are the file without its number
             name.truncate(name.lastIndexOf(u'.'));
+        if (name.endsWith(QLatin1String(".zipx"), Qt::CaseInsensitive))
+            name.chop(1); // only under this name does the module look for volumes
         value->string = m_library.makeString(name.toStdWString().c_str());
         value->type = VariantString;
         break;
@@ -140,15 +161,7 @@ Result CVSevenZipOpenCallback::GetStream(const wchar_t *name, InStream **stream)
         m_missingVolume = wanted;
         return False;
     }
-    const QDir folder = QFileInfo(m_source->paths().first()).dir();
-    QString path = folder.filePath(wanted);
-    if (!QFileInfo(path).isFile()) { // written where case does not matter
-        const QStringList alike = folder.entryList(QDir::Files);
-        const auto same = std::find_if(alike.begin(), alike.end(), [&](const QString &other) {
-            return other.compare(wanted, Qt::CaseInsensitive) == 0;
-        });
-        path = same == alike.end() ? QString() : folder.filePath(*same);
-    }
+    const QString path = findVolume(QFileInfo(m_source->paths().first()).dir(), wanted);
     const auto source = path.isEmpty() ? nullptr : CVSevenZipSource::open({path});
     if (!source) {
         m_missingVolume = wanted;

@@ -431,11 +431,15 @@ public:
         if (const Result result = checkStop(); result != Ok)
             return result;
         const int index = m_run.engine.entryOfItem(item);
-        if (askMode != AskExtract || index < 0 || !m_run.wanted[std::size_t(index)])
+        m_index = -1;
+        if (index < 0 || !m_run.wanted[std::size_t(index)] || m_run.delivered[std::size_t(index)])
             return Ok;
-        m_run.delivered[std::size_t(index)] = 1;
         m_index = index;
         m_item = item;
+        // Behind damage the module only names the entries that are lost with it, in another mode.
+        if (askMode != AskExtract)
+            return Ok;
+        m_run.delivered[std::size_t(index)] = 1;
         m_received = 0;
         m_skipping = false;
         m_writer = m_run.sink.beginEntry(index);
@@ -448,6 +452,11 @@ public:
 
     Result SetOperationResult(std::int32_t result) override
     {
+        if (!m_writer && m_index >= 0 && result != OperationOk && !m_run.delivered[std::size_t(m_index)]) {
+            m_run.delivered[std::size_t(m_index)] = 1;
+            const Failure failure = failureOf(result);
+            return m_run.follow(m_run.sink.entryFailed(m_index, failure.code, failure.text)) ? Ok : Abort;
+        }
         if (!m_writer)
             return checkStop();
         const auto writer = std::move(m_writer);
@@ -613,8 +622,16 @@ Failure SevenZipEngine::open(const CVSevenZipGuess &guess)
 /// Where another reader can do what this one cannot, it must hear of it before anything is shown.
 Failure SevenZipEngine::unsupportedVariant()
 {
-    if (m_format == "Arj" && m_isEncrypted)
+    if (m_format != "Arj")
+        return {};
+    if (m_isEncrypted)
         return {XADErrorCode::NotSupported, QStringLiteral("Encrypted ARJ is not supported.")};
+    // The module would give the first part of a divided file as the whole.
+    constexpr qint64 flagsAt = 8;
+    constexpr char isVolume = 0x04;
+    if (const QByteArray flags = m_source->readAt(m_guess.offset + flagsAt, 1);
+        flags.isEmpty() || (flags[0] & isVolume))
+        return {XADErrorCode::NotSupported, QStringLiteral("ARJ in several volumes is not supported.")};
     return {};
 }
 
@@ -685,6 +702,9 @@ bool SevenZipEngine::readEntry(InArchive &archive, std::uint32_t item, XADEntry 
         entry.hasMode = true;
     }
     entry.mode = mode & 07777;
+    // Such a name was written on Windows, where it can only be a path.
+    if (m_format == "7z" && !entry.hasMode)
+        entry.name.replace('\\', '/');
 
     switch (mode & S_IFMT) {
     case S_IFLNK:

@@ -23,8 +23,9 @@ struct Rating
 /// collection: arj, all three compressions of cab). 60: disk images, which must not win over an
 /// archive found at the same place. 40: iso, where libarchive gets the names right more often.
 /// 30: it reads them, as the second choice behind libarchive.
-/// A format of the module that is not listed gets no bid: either it cannot be unpacked here (rar), or
-/// a person does not think of it as an archive (programs, films, firmware).
+/// A format of the module that is not listed gets no bid: it cannot be unpacked here (rar), a person
+/// does not think of it as an archive (programs, films, firmware), or the module passes over what is
+/// missing without a word (tar and compress cut short, the first member of a deb).
 constexpr std::array ratings{
     Rating{"7z", 90, "7-Zip"},
     Rating{"zip", 80, "ZIP"},
@@ -56,15 +57,12 @@ constexpr std::array ratings{
     Rating{"LP", 60, "Partition image"},
     Rating{"Iso", 40, "ISO 9660"},
     Rating{"Lzh", 30, "LHA"},
-    Rating{"tar", 30, "tar"},
     Rating{"Cpio", 30, "cpio"},
     Rating{"Rpm", 30, "RPM"},
-    Rating{"Ar", 30, "ar"},
     Rating{"Xar", 30, "XAR"},
     Rating{"gzip", 30, "gzip", true},
     Rating{"bzip2", 30, "bzip2", true},
     Rating{"xz", 30, "xz", true},
-    Rating{"Z", 30, "compress", true},
     Rating{"zstd", 30, "Zstandard", true},
     Rating{"lzma", 30, "LZMA", true},
     Rating{"lzma86", 30, "LZMA86", true},
@@ -227,10 +225,10 @@ private:
             isIso = isIso || format.name == "Iso";
             add(rating->format, bid);
         }
-        if (isIso) { // a disc that is both is the business of whoever reads iso
+        if (isIso) { // a disc that is both is better read as iso
             for (CVSevenZipGuess &guess : m_guesses) {
                 if (formats[std::size_t(guess.format)].name == "Udf")
-                    guess.bid = 41;
+                    guess.bid = 39;
             }
         }
         if (m_guesses.empty() && isPartitionTable(m_bytes.head))
