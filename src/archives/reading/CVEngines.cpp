@@ -1,9 +1,12 @@
 #include "archives/reading/CVReadingEngine.h"
+#include "archives/reading/CVSevenZipEngine.h"
 
 #include <array>
 
 std::span<const CVEngineDescriptor> cvReadingEngines()
 {
-    static const std::array<CVEngineDescriptor, 0> engines = {};
+    static const std::array engines{
+        cvSevenZipEngineDescriptor(),
+    };
     return engines;
 }
