@@ -1,5 +1,6 @@
 #include "archives/reading/CVReadingEngine.h"
 #include "archives/reading/CVSevenZipEngine.h"
+#include "archives/reading/CVZipEngine.h"
 
 #include <array>
 
@@ -7,6 +8,7 @@ std::span<const CVEngineDescriptor> cvReadingEngines()
 {
     static const std::array engines{
         cvSevenZipEngineDescriptor(),
+        cvZipEngineDescriptor(),
     };
     return engines;
 }
