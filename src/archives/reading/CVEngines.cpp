@@ -1,5 +1,6 @@
 #include "archives/reading/CVReadingEngine.h"
 #include "archives/reading/CVSevenZipEngine.h"
+#include "archives/reading/CVUnarEngine.h"
 #include "archives/reading/CVZipEngine.h"
 
 #include <array>
@@ -9,6 +10,7 @@ std::span<const CVEngineDescriptor> cvReadingEngines()
     static const std::array engines{
         cvSevenZipEngineDescriptor(),
         cvZipEngineDescriptor(),
+        cvUnarEngineDescriptor(),
     };
     return engines;
 }
