@@ -226,7 +226,7 @@ QByteArray sevenZip(const QList<Item> &items)
     if (streams > 0) {
         const QByteArray count = sevenZipNumber(streams);
         header += QByteArray("\4\6\0", 3) + count + '\x09' + packSizes + '\0' + "\7\x0b" + count + '\0' +
-                  coders + '\x0c' + sizes + "\x0a\1" + sums + QByteArray("\0\0", 2);
+                  coders + '\x0c' + sizes + "\x0a\1" + sums + QByteArray("\0\x08\0\0", 4);
     }
     header += '\5' + sevenZipNumber(std::uint64_t(items.size())) +
               property('\x0e', sevenZipBits(withoutData)) + property('\x0f', sevenZipBits(emptyFiles)) +

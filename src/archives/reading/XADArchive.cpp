@@ -106,6 +106,7 @@ struct XADArchive::Private : CVEngineHost
     QString errorText;
     int systemError = 0;
     std::shared_ptr<QTemporaryDir> innerFolder; ///< holds the unpacked inner archive
+    int layer = 0;                              ///< how many archives this one was unpacked from
 
     // CVEngineHost
     std::optional<QString> password() override
@@ -235,6 +236,12 @@ std::unique_ptr<XADArchive> XADArchive::openFile(const QString &path, XADArchive
 std::unique_ptr<XADArchive> XADArchive::openEntry(XADArchive &outer, int entry, XADArchiveDelegate *delegate,
                                                   XADErrorCode *error, QString *detail)
 {
+    if (outer.d->layer >= maxInnerLayers) {
+        // An archive that unpacks to itself would never come to an end.
+        if (error)
+            *error = XADErrorCode::NotSupported;
+        return nullptr;
+    }
     const auto place = std::make_shared<QTemporaryDir>();
     const XADErrorCode code =
         place->isValid() ? outer.extractEntry(entry, place->path()) : XADErrorCode::Damaged;
@@ -255,6 +262,7 @@ std::unique_ptr<XADArchive> XADArchive::openEntry(XADArchive &outer, int entry, 
     auto archive = openFile(inner, delegate, error, detail);
     if (archive) {
         archive->d->innerFolder = place;
+        archive->d->layer = outer.d->layer + 1;
         archive->setPassword(outer.password());
     }
     return archive;
@@ -265,7 +273,7 @@ std::unique_ptr<XADArchive> XADArchive::recursiveArchiveForFile(const QString &p
                                                                 XADErrorCode *error, QString *detail)
 {
     auto archive = openFile(path, delegate, error, detail);
-    for (int layer = 0; archive && layer < maxInnerLayers; ++layer) {
+    while (archive) {
         if (!archive->entryIsArchive(0) || archive->numberOfEntries() != 1)
             break;
         XADErrorCode innerError = XADErrorCode::None;
