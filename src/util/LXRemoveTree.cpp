@@ -183,12 +183,13 @@ int Remover::run(int folder, const QByteArray &name)
 {
     if (::unlinkat(folder, name.constData(), 0) == 0)
         return 0;
-    if (errno != EISDIR && errno != EPERM)
-        return errno;
+    const int refused = errno;
+    if (refused != EISDIR && refused != EPERM)
+        return refused;
     for (int visit = 0; visit < visitsPerFolder; ++visit) {
         m_levels.clear();
         if (!enter(folder, {.name = name}))
-            return m_failure;
+            return m_failure == ENOTDIR || m_failure == ELOOP ? refused : m_failure;
         while (!m_levels.empty()) {
             if (m_stop.stop_requested())
                 return ECANCELED;

@@ -1,6 +1,8 @@
 #include "engine/model/CVOperation.h"
 
 #include "engine/model/CVOperationDelegate.h"
+#include "engine/model/CVSettings.h"
+#include "sandbox/CVFileAuthenticator.h"
 
 #include <QCoreApplication>
 
@@ -106,4 +108,41 @@ void CVOperation::setFileAuthenticator(std::shared_ptr<LXSandboxFileAuthenticato
 {
     const std::lock_guard lock(m_mutex);
     m_fileAuthenticator = std::move(authenticator);
+}
+
+bool CVOperation::destinationSetToAskMe()
+{
+    return CVSettings::integer(CVSettingsKey::extractDestination) ==
+           static_cast<int>(CVExtractDestination::AskMe);
+}
+
+void CVOperation::runAuthorizedHandler(const QStringList &paths, AuthorizedHandler handler)
+{
+    auto authenticator = fileAuthenticator();
+    if (!authenticator)
+        authenticator = CVFileAuthenticator::fileAuthenticator();
+    QObject *window = delegate()->operationNeedsWindowForSandboxDialog(this);
+    authenticator->authorizeItemsAtURLsWithSingleURL(paths, CVFileAuthenticator::message(), window,
+                                                     std::move(handler));
+}
+
+void CVOperation::runAuthorizedHandlerToDestination(const QString &destination, const QStringList &paths,
+                                                    AuthorizedHandler handler)
+{
+    if (destinationSetToAskMe())
+        handler(true, destination);
+    else
+        runAuthorizedHandler(paths, std::move(handler));
+}
+
+void CVOperation::startSecurelyAccessing(const QString &path)
+{
+    if (const auto authenticator = fileAuthenticator(); authenticator && !destinationSetToAskMe())
+        authenticator->startAccessing(path);
+}
+
+void CVOperation::stopSecurelyAccessing(const QString &path)
+{
+    if (const auto authenticator = fileAuthenticator(); authenticator && !destinationSetToAskMe())
+        authenticator->stopAccessing(path);
 }
