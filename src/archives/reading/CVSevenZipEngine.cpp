@@ -127,38 +127,6 @@ qint64 decoderMemoryLimit()
     return std::max(leastDecoderMemory, machine / 4);
 }
 
-/// The largest window or model that a method text names ("LZMA2:26", "PPMD:o32:mem1536m", "BCJ
-/// LZMA:48m"): a bare number is a power of two.
-qint64 declaredDecoderMemory(const QString &methods)
-{
-    qint64 most = 0;
-    for (const QString &method : methods.split(u' ', Qt::SkipEmptyParts)) {
-        if (!method.startsWith(QLatin1String("LZMA"), Qt::CaseInsensitive) &&
-            !method.startsWith(QLatin1String("PPMD"), Qt::CaseInsensitive))
-            continue;
-        for (QStringView part : QStringView(method).mid(method.indexOf(u':') + 1).split(u':')) {
-            if (part.startsWith(u"mem"))
-                part = part.mid(3);
-            int shift = 0;
-            if (part.endsWith(u'k'))
-                shift = 10;
-            else if (part.endsWith(u'm'))
-                shift = 20;
-            else if (part.endsWith(u'g'))
-                shift = 30;
-            bool isNumber = false;
-            const uint number = (shift || part.endsWith(u'b') ? part.chopped(1) : part).toUInt(&isNumber);
-            if (!isNumber)
-                continue;
-            qint64 bytes = qint64(number) << shift;
-            if (shift == 0 && !part.endsWith(u'b'))
-                bytes = number < 40 ? qint64(1) << number : 0;
-            most = std::max(most, bytes);
-        }
-    }
-    return most;
-}
-
 /// The output of one compressed file is called after the archive.
 QString nameOfContents(const QStringList &paths)
 {
@@ -878,7 +846,7 @@ QString SevenZipEngine::blockTooLarge(std::uint32_t item, qint64 unpackedBytes)
     if (m_archive->top().GetProperty(item, PropertyMethod, method.out()) != Ok || !method.isString())
         return {};
     const qint64 limit = decoderMemoryLimit();
-    const qint64 needed = std::min(declaredDecoderMemory(method.string()), unpackedBytes);
+    const qint64 needed = std::min(cvSevenZipDecoderMemory(method.string()), unpackedBytes);
     if (needed <= limit)
         return {};
     return QStringLiteral("Unpacking needs %1 MiB of memory; the limit here is %2 MiB.")

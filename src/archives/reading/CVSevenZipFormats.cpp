@@ -303,3 +303,33 @@ bool cvSevenZipIsSingleStream(const QByteArray &format)
     const Rating *rating = ratingOf(format);
     return rating && rating->singleStream;
 }
+
+qint64 cvSevenZipDecoderMemory(const QString &methods)
+{
+    qint64 most = 0;
+    for (const QString &method : methods.split(u' ', Qt::SkipEmptyParts)) {
+        if (!method.startsWith(QLatin1String("LZMA"), Qt::CaseInsensitive) &&
+            !method.startsWith(QLatin1String("PPMD"), Qt::CaseInsensitive))
+            continue;
+        for (QStringView part : QStringView(method).mid(method.indexOf(u':') + 1).split(u':')) {
+            if (part.startsWith(u"mem"))
+                part = part.mid(3);
+            int shift = 0;
+            if (part.endsWith(u'k'))
+                shift = 10;
+            else if (part.endsWith(u'm'))
+                shift = 20;
+            else if (part.endsWith(u'g'))
+                shift = 30;
+            bool isNumber = false;
+            const uint number = (shift || part.endsWith(u'b') ? part.chopped(1) : part).toUInt(&isNumber);
+            if (!isNumber)
+                continue;
+            qint64 bytes = qint64(number) << shift;
+            if (shift == 0 && !part.endsWith(u'b'))
+                bytes = number < 40 ? qint64(1) << number : 0;
+            most = std::max(most, bytes);
+        }
+    }
+    return most;
+}

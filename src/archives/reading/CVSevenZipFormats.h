@@ -35,3 +35,7 @@ QString cvSevenZipFormatName(const QByteArray &format);
 
 /// True for formats that hold one compressed stream and no name worth keeping.
 bool cvSevenZipIsSingleStream(const QByteArray &format);
+
+/// Bytes of the largest window or model that a method text of the module names ("LZMA2:26",
+/// "BCJ LZMA:48m", "PPMD:o32:mem1536m"); a bare number is a power of two. 0 for other methods.
+qint64 cvSevenZipDecoderMemory(const QString &methods);

@@ -55,7 +55,9 @@ public:
         bool finished = false;
     };
 
-    explicit RecordingSink(const CVReadingEngine &engine) : m_engine(engine) {}
+    explicit RecordingSink(const CVReadingEngine &engine)
+        : m_engine(engine)
+    {}
 
     std::unique_ptr<CVEntryWriter> beginEntry(int index) override
     {
@@ -64,17 +66,17 @@ public:
             const std::lock_guard lock(m_mutex);
             begun.insert(index);
         }
-        const bool needsNoData = entry.type == XADEntry::Type::Directory || entry.type == XADEntry::Type::Special
-                                 || !entry.linkTarget.isEmpty();
+        const bool needsNoData = entry.type == XADEntry::Type::Directory ||
+                                 entry.type == XADEntry::Type::Special || !entry.linkTarget.isEmpty();
         if (needsNoData) {
-            record(index, {.finished = true});
+            record(index, XADErrorCode::None, {});
             return nullptr;
         }
         return std::make_unique<Writer>(*this, index, entry.size);
     }
     CVEntryWriter::Flow entryFailed(int index, XADErrorCode code, const QString &detail) override
     {
-        record(index, {.code = code, .detail = detail, .finished = true});
+        record(index, code, detail);
         return CVEntryWriter::Flow::Go;
     }
     bool shouldStop() override { return stop; }
@@ -91,7 +93,11 @@ private:
     class Writer final : public CVEntryWriter
     {
     public:
-        Writer(RecordingSink &sink, int index, qint64 declared) : m_sink(sink), m_index(index), m_declared(declared) {}
+        Writer(RecordingSink &sink, int index, qint64 declared)
+            : m_sink(sink)
+            , m_index(index)
+            , m_declared(declared)
+        {}
 
         Flow write(const char *data, qsizetype size) override
         {
@@ -134,6 +140,14 @@ private:
         qint64 m_declared;
     };
 
+    void record(int index, XADErrorCode code, const QString &detail)
+    {
+        Record value;
+        value.code = code;
+        value.detail = detail;
+        value.finished = true;
+        record(index, std::move(value));
+    }
     void record(int index, Record value)
     {
         const std::lock_guard lock(m_mutex);
