@@ -1,3 +1,4 @@
+#include "archives/reading/CVLibarchiveEngine.h"
 #include "archives/reading/CVReadingEngine.h"
 #include "archives/reading/CVSevenZipEngine.h"
 #include "archives/reading/CVUnarEngine.h"
@@ -10,6 +11,7 @@ std::span<const CVEngineDescriptor> cvReadingEngines()
     static const std::array engines{
         cvSevenZipEngineDescriptor(),
         cvZipEngineDescriptor(),
+        cvLibarchiveEngineDescriptor(),
         cvUnarEngineDescriptor(),
     };
     return engines;

@@ -144,6 +144,9 @@ struct CVEngineDescriptor
         std::unique_ptr<CVReadingEngine> engine; ///< null on failure
         XADErrorCode code = XADErrorCode::None;
         QString detail;
+        /// The damage is proven by a checksum or by what is missing: no other engine is asked, since one
+        /// that notices less would only hide it.
+        bool damageIsCertain = false;
     };
     OpenOutcome (*open)(const CVArchiveProbe &probe, CVEngineHost &host);
 };

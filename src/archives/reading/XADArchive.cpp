@@ -152,15 +152,15 @@ XADErrorCode XADArchive::Private::openNext()
         if (outcome.code == XADErrorCode::None)
             outcome.code = XADErrorCode::NotSupported;
         // A wrong password is known by the reader that could read the archive; asking another proves nothing.
-        const bool aboutPassword = outcome.code == XADErrorCode::PasswordMissing ||
-                                   outcome.code == XADErrorCode::PasswordWrongOpening ||
-                                   outcome.code == XADErrorCode::Stopped;
-        if (first == XADErrorCode::None || aboutPassword ||
+        const bool isFinal = outcome.code == XADErrorCode::PasswordMissing ||
+                             outcome.code == XADErrorCode::PasswordWrongOpening ||
+                             outcome.code == XADErrorCode::Stopped || outcome.damageIsCertain;
+        if (first == XADErrorCode::None || isFinal ||
             (first == XADErrorCode::NotSupported && outcome.code == XADErrorCode::Damaged)) {
             first = outcome.code;
             firstText = outcome.detail;
         }
-        if (aboutPassword)
+        if (isFinal)
             break;
     }
     errorText = firstText;
