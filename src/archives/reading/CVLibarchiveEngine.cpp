@@ -4,6 +4,7 @@
 #include "archives/reading/CVRarHeaders.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -27,7 +28,7 @@ constexpr qint64 maxTrailingBytes = qint64(64) << 20;
 constexpr std::size_t maxWriteBytes = std::size_t(1) << 20;
 constexpr int maxRarVolumes = 10000;
 
-enum class Format { Raw, Tar, Cpio, Ar, Xar, Rar4, Rar5, Lha, Cab, Iso, Zip, SevenZip, Unknown };
+enum class Format { Raw, Tar, Cpio, Ar, Xar, Rar4, Rar5, Lha, Cab, Iso, Zip, SevenZip, SelfExtracting, Unknown };
 
 QString text(const char *source)
 {
@@ -116,6 +117,8 @@ Format formatOf(const QByteArray &head)
         return Format::Iso;
     if (isTarHeader(head))
         return Format::Tar;
+    if (at(0, "MZ", 2))
+        return Format::SelfExtracting;
     return Format::Unknown;
 }
 
@@ -303,6 +306,11 @@ private:
                 archive_read_support_format_zip(a);
                 break;
             case Format::SevenZip:
+                archive_read_support_format_7zip(a);
+                break;
+            case Format::SelfExtracting:
+                archive_read_support_format_lha(a);
+                archive_read_support_format_zip_seekable(a);
                 archive_read_support_format_7zip(a);
                 break;
             case Format::Raw:
@@ -666,6 +674,9 @@ QString displayName(Format format, Kind kind, bool rpm)
     case Format::SevenZip:
         base = QStringLiteral("7-Zip");
         break;
+    case Format::SelfExtracting:
+        base = QStringLiteral("self-extracting archive");
+        break;
     case Format::Unknown:
         break;
     }
@@ -694,6 +705,7 @@ int bid(const CVArchiveProbe &probe)
     case Format::Zip:
         return 40;
     case Format::SevenZip:
+    case Format::SelfExtracting:
         return 20;
     case Format::Raw:
     case Format::Unknown:

@@ -9,5 +9,5 @@
 /// rar files are compared with the checksums of their headers (CVRarHeaders), because the library delivers
 /// some without looking; what cannot be verified or is encrypted is left to the next engine.
 ///
-/// Bids: streams, tar, cpio, rpm, ar, xar 80; rar, lha, iso 60; cab, zip 40; 7z 20.
+/// Bids: streams, tar, cpio, rpm, ar, xar 80; rar, lha, iso 60; cab, zip 40; 7z and self-extracting programs 20.
 CVEngineDescriptor cvLibarchiveEngineDescriptor();

@@ -136,7 +136,7 @@ public:
             const bool hasComment =
                 type == 0x73 && (flags & 0x0002); // an old comment lies inside, outside of the CRC
             if (type != 0x72 && !hasComment &&
-                (crcOf(QByteArrayView(header).mid(2)) & 0xffff) != little(header, 0, 2)) {
+                (crcOf(QByteArrayView(header).sliced(2)) & 0xffff) != little(header, 0, 2)) {
                 const bool fileComment = type == 0x74 && (flags & 0x0008);
                 if (!fileComment && type >= 0x73 && type <= 0x7b)
                     return fail("The checksum of a header does not fit.");
@@ -204,7 +204,7 @@ public:
             const QByteArray header = file.at(offset, size.at() + length);
             if (header.isEmpty())
                 return fail("A block header is cut off.");
-            if (crcOf(QByteArrayView(header).mid(4)) != little(header, 0, 4))
+            if (crcOf(QByteArrayView(header).sliced(4)) != little(header, 0, 4))
                 return fail("The checksum of a header does not fit.");
             Numbers n(header, size.at(), header.size());
             const std::uint64_t type = n.next();

@@ -729,9 +729,9 @@ void CVSafeWriter::removeLeavingLinks(std::unordered_map<std::string, PendingLin
 {
     if (made.empty())
         return;
-    // A single top-level item is delivered by itself, so its links must not lead to what then lies beside it.
+    // A single top-level folder is delivered by itself, so its links must not lead to what then lies beside it.
     const std::vector<QByteArray> top = m_destination.topLevelNames(2);
-    const std::size_t floor = top.size() == 1 ? 1 : 0;
+    const std::size_t floor = top.size() == 1 && m_destination.existingFolder(top[0]) ? 1 : 0;
 
     // Follows a link through all others without the file system: what does not exist counts as a folder,
     // since somebody may make it one later.

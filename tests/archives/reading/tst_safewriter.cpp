@@ -213,7 +213,8 @@ private Q_SLOTS:
         row("write through a link to a folder inside", {"d/f", "l>d", "l/g"}, {"l"});
         row("single top-level folder, link beside it", {"top/f", "top/l>../other"}, {"top/l"});
         row("single top-level folder, link inside", {"top/f", "top/d/l>../f"}, {});
-        row("a lone link", {"l>x"}, {"l"});
+        row("a lone link", {"l>x"}, {});
+        row("a lone link that climbs", {"l>../x"}, {"l"});
     }
 
     void links()
