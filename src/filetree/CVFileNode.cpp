@@ -21,7 +21,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-Q_LOGGING_CATEGORY(lcFileTree, "corvane.filetree")
+Q_LOGGING_CATEGORY(lcFileTree, "corvane.filetree", QtInfoMsg)
 
 QStringView lastComponent(const QString &path)
 {

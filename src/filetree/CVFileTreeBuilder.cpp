@@ -1,0 +1,31 @@
+#include "filetree/CVFileTreeBuilder.h"
+
+#include "util/LXLog.h"
+
+#include <QSet>
+
+namespace {
+
+Q_LOGGING_CATEGORY(lcBuilder, "corvane.filetree.builder", QtInfoMsg)
+
+} // namespace
+
+void CVFileTreeBuilder::addFiles(const QStringList &paths, CVFileNode &tree)
+{
+    if (paths.isEmpty()) {
+        LX_DEBUG(lcBuilder, "No files to add, will abort");
+        return;
+    }
+    QSet<QString> loaded;
+    for (const auto &child : tree.mutableChildrenArray())
+        loaded.insert(child->filename());
+    for (const QString &path : paths) {
+        if (loaded.contains(path)) {
+            LX_DEBUG(lcBuilder, "File %s already loaded, skipping",
+                     qUtf8Printable(path.mid(path.lastIndexOf(u'/') + 1)));
+            continue;
+        }
+        loaded.insert(path);
+        tree.appendChild(CVFileNode::buildFromFile(path));
+    }
+}
