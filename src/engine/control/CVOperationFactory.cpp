@@ -1,0 +1,42 @@
+#include "engine/control/CVOperationFactory.h"
+
+#include "engine/model/CVWorkDirectoryCleanOperation.h"
+#include "jobs/CVExtractArchivesOperation.h"
+#include "jobs/CVTemporaryArchiveExtractOperation.h"
+
+std::shared_ptr<CVExtractArchivesOperation> CVOperationFactory::extractArchivesOperation()
+{
+    return std::make_shared<CVExtractArchivesOperation>();
+}
+
+std::shared_ptr<CVExtractArchivesOperation> CVOperationFactory::singleFilesExtractOperationWithArchive(
+    std::shared_ptr<CVArchive> archive, const QStringList &files, const QString &destination)
+{
+    auto operation = std::make_shared<CVExtractArchivesOperation>();
+    operation->setSingleFiles(files);
+    operation->setSourceArchive(std::move(archive));
+    operation->setDestinationPath(destination);
+    return operation;
+}
+
+std::shared_ptr<CVExtractArchivesOperation>
+CVOperationFactory::singleFileExtractThenOpenOperationWithArchive(std::shared_ptr<CVArchive> archive,
+                                                                  const QString &file)
+{
+    auto operation = std::make_shared<CVTemporaryArchiveExtractOperation>();
+    operation->setSingleFiles({file});
+    operation->setSourceArchive(std::move(archive));
+    operation->setOpeningSingleFile(true);
+    return operation;
+}
+
+std::shared_ptr<CVOperation> CVOperationFactory::workDirectoryCleanOperation()
+{
+    return std::make_shared<CVWorkDirectoryCleanOperation>();
+}
+
+bool CVOperationFactory::operationExtractedSingleFileForOpening(const CVOperation *operation)
+{
+    const auto *extraction = dynamic_cast<const CVExtractArchivesOperation *>(operation);
+    return extraction && extraction->openingSingleFile();
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+class CVArchive;
+class CVExtractArchivesOperation;
+class CVOperation;
+
+/// The one place that makes jobs. Each call gives a new one, not yet queued and without a delegate.
+class CVOperationFactory
+{
+public:
+    static std::shared_ptr<CVExtractArchivesOperation> extractArchivesOperation();
+    /// The entries `files` of an archive that was opened before, delivered to the folder `destination`.
+    static std::shared_ptr<CVExtractArchivesOperation>
+    singleFilesExtractOperationWithArchive(std::shared_ptr<CVArchive> archive, const QStringList &files,
+                                           const QString &destination);
+    /// One entry, left in a temporary folder for whoever opens it.
+    static std::shared_ptr<CVExtractArchivesOperation>
+    singleFileExtractThenOpenOperationWithArchive(std::shared_ptr<CVArchive> archive, const QString &file);
+    static std::shared_ptr<CVOperation> workDirectoryCleanOperation();
+
+    static bool operationExtractedSingleFileForOpening(const CVOperation *operation);
+};
