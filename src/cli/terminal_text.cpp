@@ -1,8 +1,10 @@
 #include "cli/terminal_text.h"
 
+#include "util/LXDisplay.h"
+
 #include <QString>
 
-#include <cstdint>
+#include <algorithm>
 
 #include <wchar.h>
 
@@ -57,25 +59,17 @@ void appendHex(QByteArray &out, char32_t c, int digits)
 
 void appendTerminalText(QByteArray &out, QStringView text)
 {
-    for (qsizetype i = 0; i < text.size();) {
-        const char32_t c = nextCodePoint(text, i);
-        if (c == '\n') {
-            out.append("\\n");
-        } else if (c == '\t') {
-            out.append("\\t");
-        } else if (c == '\r') {
-            out.append("\\r");
-        } else if (c < 0x20 || (c >= 0x7F && c < 0xA0)) {
-            out.append("\\x");
-            appendHex(out, c, 2);
-        } else if (disturbsLine(c)) {
-            out.append("\\u{");
-            appendHex(out, c, 4);
-            out.append('}');
-        } else {
-            appendUtf8(out, c);
-        }
+    // Nearly every name is plain ASCII, and a listing writes a million of them.
+    const bool plain = std::all_of(text.begin(), text.end(),
+                                   [](QChar c) { return c.unicode() >= 0x20 && c.unicode() < 0x7F; });
+    if (!plain) {
+        out.append(LXDisplay::displayEscaped(text).toUtf8());
+        return;
     }
+    const qsizetype at = out.size();
+    out.resize(at + text.size());
+    std::transform(text.begin(), text.end(), out.begin() + at,
+                   [](QChar c) { return static_cast<char>(c.unicode()); });
 }
 
 QByteArray terminalText(QStringView text)

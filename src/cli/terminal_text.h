@@ -6,9 +6,8 @@
 /// Texts for a terminal. Names come out of archives that strangers made, and a terminal obeys what
 /// is written to it, so nothing from outside reaches it but through terminalText().
 
-/// `text` as UTF-8 with everything that a terminal would act on written out: control characters as
-/// \n, \t, \r or \xHH, and the characters that reverse or break a line as \u{HHHH}. Unpaired
-/// surrogates become the replacement character. Printable text, backslashes included, is unchanged.
+/// `text` as UTF-8, escaped by LXDisplay: what a terminal would act on is written out (\n, \x1b,
+/// \u{202e}); printable text, backslashes included, is unchanged.
 QByteArray terminalText(QStringView text);
 
 /// The same, appended to `out`.

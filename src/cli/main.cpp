@@ -1,0 +1,165 @@
+#include "cli/CVExtractCommand.h"
+#include "cli/CVListCommand.h"
+#include "cli/CVTerminal.h"
+#include "cli/CVTerminalArguments.h"
+#include "cli/CVTerminalPasswords.h"
+#include "cli/CVTerminalSignals.h"
+#include "engine/model/CVOperationQueue.h"
+#include "util/LXMainThread.h"
+
+#include <QCoreApplication>
+#include <QStringDecoder>
+
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include <langinfo.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int usageStatus = 2;
+constexpr int cancelledStatus = 130;
+
+CVTerminal *logTerminal = nullptr;
+
+// Log lines share standard error with the progress line. Where they were written helps nobody here.
+void writeLog(QtMsgType type, const QMessageLogContext &, const QString &text)
+{
+    if (type == QtDebugMsg || type == QtInfoMsg)
+        return;
+    QString shown = text;
+    if (const qsizetype line = text.indexOf(u" [Line "); line >= 0) {
+        if (const qsizetype end = text.indexOf(u"] ", line); end >= 0)
+            shown = text.mid(end + 2).trimmed();
+    }
+    if (logTerminal)
+        logTerminal->message(shown);
+    if (type == QtFatalMsg)
+        std::abort();
+}
+
+// File names are UTF-8 on every desktop of today; in the C locale Qt and the readers would otherwise
+// take them for ASCII.
+void useUtf8Locale()
+{
+    std::setlocale(LC_ALL, "");
+    if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0) {
+        ::setenv("LC_ALL", "C.UTF-8", 1);
+        std::setlocale(LC_ALL, "");
+    }
+}
+
+int runList(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTerminalPasswords &passwords)
+{
+    const auto form = arguments.json                ? CVListCommand::Form::Json
+                      : terminal.outputIsTerminal() ? CVListCommand::Form::Table
+                                                    : CVListCommand::Form::Paths;
+    int status = 0;
+    std::jthread worker([&](std::stop_token stop) {
+        status = CVListCommand(terminal, passwords, form).run(arguments.paths, std::move(stop));
+        LXMainThread::post([] { QCoreApplication::quit(); });
+    });
+    const CVTerminalSignals signalsToStop([&](int) {
+        if (!worker.request_stop()) { // for the second time
+            terminal.restoreEcho();
+            ::_exit(cancelledStatus);
+        }
+        terminal.interrupt();
+    });
+    QCoreApplication::exec();
+    worker.join();
+    return status;
+}
+
+int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTerminalPasswords &passwords)
+{
+    CVOperationQueue queue;
+    CVExtractCommand command(queue, terminal, passwords);
+    int interrupts = 0;
+    const CVTerminalSignals signalsToCancel([&](int) {
+        // Whoever asks twice does not want to wait. The work directory is on the list that
+        // "corvane clean" goes through.
+        if (++interrupts > 1) {
+            terminal.restoreEcho();
+            ::_exit(cancelledStatus);
+        }
+        terminal.clearProgress();
+        command.cancel();
+    });
+    switch (arguments.command) {
+    case CVTerminalArguments::Command::Extract:
+        return command.extract(arguments);
+    case CVTerminalArguments::Command::Open:
+        return command.open(arguments);
+    case CVTerminalArguments::Command::Clean:
+        return command.clean();
+    case CVTerminalArguments::Command::List:
+    case CVTerminalArguments::Command::Help:
+    case CVTerminalArguments::Command::Version:
+        break;
+    }
+    return usageStatus;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::optional<QString> password = CVTerminalPasswords::takeFromEnvironment();
+    useUtf8Locale();
+    // A reader of our output that goes away must not take the clean-up with it.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    CVTerminal terminal;
+    logTerminal = &terminal;
+    qInstallMessageHandler(writeLog);
+
+    QStringList words;
+    for (int i = 1; i < argc; ++i) {
+        QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+        words.append(decoder.decode(QByteArrayView(argv[i])));
+        if (decoder.hasError()) {
+            terminal.message(u"the name “%1” is not valid UTF-8; please rename the file"_s.arg(words.last()));
+            return 1;
+        }
+    }
+    const auto parsed = CVTerminalArguments::parse(words);
+    if (!parsed) {
+        terminal.message(parsed.error().description);
+        terminal.detail(u"Try “corvane --help”."_s);
+        return usageStatus;
+    }
+    const CVTerminalArguments &arguments = parsed.value();
+
+    const QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(u"corvane"_s);
+    QCoreApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
+    LXMainThread::install();
+
+    if (arguments.command == CVTerminalArguments::Command::Help)
+        return terminal.writeOutput(CVTerminalArguments::help().toUtf8()) ? 0 : 1;
+    if (arguments.command == CVTerminalArguments::Command::Version)
+        return terminal.printResult(u"corvane "_s + QCoreApplication::applicationVersion()) ? 0 : 1;
+
+    if (arguments.passwordFile) {
+        const auto read = CVTerminalPasswords::readFile(*arguments.passwordFile);
+        if (!read) {
+            terminal.message(read.error().description);
+            terminal.detail(read.error().reason);
+            return 3;
+        }
+        password = read.value();
+    }
+    CVTerminalPasswords passwords(terminal, std::move(password));
+    const int status = arguments.command == CVTerminalArguments::Command::List
+                           ? runList(arguments, terminal, passwords)
+                           : runJobs(arguments, terminal, passwords);
+    logTerminal = nullptr;
+    return status;
+}
