@@ -121,6 +121,10 @@ public:
     };
     virtual Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) = 0;
 
+    /// A damaged entry is damaged, whatever another reader makes of it: this one checks all that the format
+    /// offers, and one that checks less would only pass the same data off as good.
+    virtual bool isDamageFinal() const { return false; }
+
     /// Sum of the sizes to extract where the engine knows it without a list; 0: not known.
     virtual qint64 declaredTotal() const { return 0; }
 

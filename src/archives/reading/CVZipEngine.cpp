@@ -30,6 +30,7 @@ public:
     QString formatName() const override { return QStringLiteral("ZIP"); }
     const std::vector<XADEntry> &entries() const override { return m_directory->entries(); }
     bool isEncrypted() const override { return false; }
+    bool isDamageFinal() const override { return true; }
     Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) override
     {
         return CVZipExtractor(m_file.get(), *m_directory).extract(indices, all, sink);

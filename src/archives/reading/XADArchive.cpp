@@ -515,7 +515,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
     callbacks.shouldStop = [this, &attempt] {
         return attempt.needsAllNames || (d->delegate && d->delegate->archiveExtractionShouldStop(*this));
     };
-    const bool othersLeft = ownsContents && !d->others.empty();
+    const bool othersLeft = ownsContents && !d->others.empty() && !engine.isDamageFinal();
     callbacks.entryDidFail = [this, &attempt, othersLeft](int index, XADErrorCode code) {
         if (attempt.needsAllNames)
             return XADAction::Skip;
