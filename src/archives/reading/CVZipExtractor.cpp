@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <mutex>
 #include <new>
 #include <numeric>
@@ -437,8 +436,12 @@ QString Worker::checkHeader(const Job &job, const char *header, quint64 availabl
     const QByteArray name = m_work.directory.storedName(job.index);
     if (available < quint64(localHeaderSize) + nameSize)
         return cutOff();
-    if (nameSize != quint64(name.size()) ||
-        std::memcmp(header + localHeaderSize, name.constData(), nameSize) != 0)
+    const auto isSameByte = [](char a, char b) {
+        // Some packers change the separator in one of the two places only.
+        return (a == '\\' ? '/' : a) == (b == '\\' ? '/' : b);
+    };
+    const QByteArrayView localName(header + localHeaderSize, qsizetype(nameSize));
+    if (!std::equal(localName.begin(), localName.end(), name.begin(), name.end(), isSameByte))
         return QStringLiteral("The name differs between the entry and the directory.");
     if ((flags & 1) != 0 || u16(header + 8) != (stored.isDeflated ? 8 : 0))
         return QStringLiteral("The method differs between the entry and the directory.");

@@ -48,10 +48,10 @@ public:
     struct Record
     {
         XADErrorCode code = XADErrorCode::None;
-        QString detail;
+        QString detail = {};
         qint64 size = 0;
-        QByteArray hash;  ///< SHA-256
-        QByteArray bytes; ///< the data, up to keepBytes
+        QByteArray hash = {};  ///< SHA-256
+        QByteArray bytes = {}; ///< the data, up to keepBytes
         bool finished = false;
     };
 
