@@ -5,6 +5,7 @@
 
 #include <QSet>
 
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -16,12 +17,20 @@ constexpr qsizetype keptBytesLimit = 1024 * 1024;
 /// Kept of names that are UTF-8 only by a few bytes and might as well be something else.
 constexpr qsizetype weakBytesLimit = 64 * 1024;
 
+/// A million names of an ordinary archive end here, so it goes by eight bytes.
 bool isAscii(QByteArrayView raw)
 {
-    unsigned char all = 0;
-    for (const char c : raw)
-        all |= static_cast<unsigned char>(c);
-    return all < 0x80;
+    std::uint64_t all = 0;
+    const char *at = raw.data();
+    const char *const end = at + raw.size();
+    for (; end - at >= qsizetype(sizeof(all)); at += sizeof(all)) {
+        std::uint64_t eight = 0;
+        std::memcpy(&eight, at, sizeof(eight));
+        all |= eight;
+    }
+    for (; at != end; ++at)
+        all |= static_cast<unsigned char>(*at);
+    return (all & 0x8080808080808080U) == 0;
 }
 
 bool hasEscapeSequence(QByteArrayView raw)
@@ -118,7 +127,6 @@ struct CVNameDecoder::Private
     Pool odd;  ///< names that are not UTF-8
     Pool weak; ///< names that may be UTF-8 by chance
     bool allUtf8 = true;
-    bool allSevenBit = true;
     std::unique_ptr<CVNameCharset> charset;
     QSet<QByteArray> weakInCharset; ///< names that are UTF-8 by chance
     QSet<QString> taken;            ///< texts of observed names that are not UTF-8
@@ -143,14 +151,14 @@ CVNameDecoder &CVNameDecoder::operator=(CVNameDecoder &&) noexcept = default;
 
 void CVNameDecoder::observe(QByteArrayView raw)
 {
-    if (isAscii(raw) ? !hasEscapeSequence(raw) : raw.isValidUtf8()) {
-        if (d->doubtsWeakUtf8() && !isAscii(raw) && isWeakUtf8(raw) &&
+    const bool ascii = isAscii(raw);
+    if (ascii ? !hasEscapeSequence(raw) : raw.isValidUtf8()) {
+        if (!ascii && d->doubtsWeakUtf8() && isWeakUtf8(raw) &&
             d->weak.bytes() + raw.size() <= weakBytesLimit)
             d->weak.add(raw);
         return;
     }
     d->allUtf8 = false;
-    d->allSevenBit = d->allSevenBit && isAscii(raw);
     if (d->odd.bytes() + raw.size() <= keptBytesLimit)
         d->odd.add(raw);
 }

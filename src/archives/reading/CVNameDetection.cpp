@@ -2,8 +2,6 @@
 
 #include "archives/reading/CVNameLikelihood.h"
 
-#include <uchardet/uchardet.h>
-
 #include <QByteArray>
 #include <QSet>
 #include <QString>
@@ -24,7 +22,6 @@ constexpr qsizetype sampleBytesLimit = 8 * 1024;
 // Costs in half bits.
 constexpr int undecodableName = 60;
 constexpr int undecodableByte = 16;
-constexpr int guessedByUchardet = 6;
 
 /// How unusual a charset is among makers of each family, in half bits: Zip, Rar, Tar, Lha, Arj, Other.
 struct Prior
@@ -52,7 +49,7 @@ constexpr Prior priors[] = {
     {"IBM850", {1, 1, 8, 8, 1, 6}},
     {"IBM852", {5, 5, 10, 12, 5, 7}},
     {"IBM865", {10, 10, 14, 14, 8, 14}},
-    {"IBM861", {12, 12, 16, 16, 10, 16}},
+    {"IBM861", {10, 10, 16, 16, 9, 16}},
     {"IBM775", {12, 12, 16, 16, 12, 16}},
     {"windows-1250", {8, 7, 10, 14, 12, 6}},
     {"windows-1252", {5, 4, 0, 10, 8, 0}},
@@ -66,7 +63,7 @@ constexpr Prior priors[] = {
     {"windows-1254", {10, 9, 6, 16, 14, 8}},
     {"IBM857", {8, 8, 12, 14, 6, 10}},
     {"windows-1255", {9, 8, 6, 16, 12, 6}},
-    {"IBM862", {7, 7, 12, 16, 7, 8}},
+    {"IBM862", {8, 8, 12, 16, 8, 9}},
     {"windows-1256", {8, 7, 6, 16, 12, 6}},
     {"IBM720", {10, 10, 14, 16, 10, 12}},
     {"windows-874", {7, 7, 6, 14, 8, 6}},
@@ -97,35 +94,17 @@ const char *fallbackName(Family family)
     return "windows-1252";
 }
 
-struct DetectorCloser
+/// Nearly every byte follows on the one before: somebody's chart of a code page and no language.
+bool isChart(QByteArrayView part)
 {
-    void operator()(uchardet *detector) const noexcept { uchardet_delete(detector); }
-};
-
-/// Good on running text, and so at archives with many names; on few it is one voice among others.
-QByteArray guessOfUchardet(std::span<const QByteArrayView> names)
-{
-    const std::unique_ptr<uchardet, DetectorCloser> detector(uchardet_new());
-    for (const QByteArrayView raw : names) {
-        if (uchardet_handle_data(detector.get(), raw.data(), size_t(raw.size())) != 0 ||
-            uchardet_handle_data(detector.get(), "\n", 1) != 0)
-            break;
-    }
-    uchardet_data_end(detector.get());
-    const QByteArray name = uchardet_get_charset(detector.get());
-    constexpr std::pair<const char *, const char *> others[] = {
-        {"SHIFT_JIS", "windows-31j"},     {"BIG5", "Big5"},           {"UHC", "windows-949"},
-        {"EUC-KR", "windows-949"},        {"MAC-CYRILLIC", "IBM866"}, {"WINDOWS-1251", "windows-1251"},
-        {"WINDOWS-1250", "windows-1250"},
-    };
-    for (const auto &[theirs, ours] : others) {
-        if (name == theirs)
-            return ours;
-    }
-    return name;
+    constexpr qsizetype shortestChart = 8;
+    qsizetype steps = 0;
+    for (qsizetype i = 1; i < part.size(); ++i)
+        steps += static_cast<unsigned char>(part[i]) == static_cast<unsigned char>(part[i - 1]) + 1;
+    return part.size() >= shortestChart && steps + 3 >= part.size();
 }
 
-/// Every file name and folder name once, without those that are all ASCII.
+/// Every file name and folder name once, without those that are all ASCII and so say nothing.
 std::vector<QByteArrayView> sampleOf(std::span<const QByteArrayView> names, bool sevenBit)
 {
     std::vector<QByteArrayView> sample;
@@ -140,7 +119,7 @@ std::vector<QByteArrayView> sampleOf(std::span<const QByteArrayView> names, bool
             const QByteArrayView part = name.sliced(begin, end - begin);
             const bool interesting =
                 sevenBit || std::any_of(part.begin(), part.end(), [](char c) { return (c & 0x80) != 0; });
-            if (interesting && !seen.contains(part)) {
+            if (interesting && !seen.contains(part) && !isChart(part)) {
                 seen.insert(part);
                 sample.push_back(part);
                 bytes += part.size();
@@ -168,7 +147,7 @@ int costIn(const CVNameCharset &charset, std::span<const QByteArrayView> sample)
                 sum += (c & 0x80) != 0 ? undecodableByte : 0;
         }
     }
-    return sum + cvNamesCost(texts);
+    return sum + cvNamesCost(texts, charset.info().multiByte);
 }
 
 } // namespace
@@ -188,7 +167,8 @@ std::unique_ptr<CVNameCharset> cvDetectNameCharset(std::span<const QByteArrayVie
         return std::none_of(raw.begin(), raw.end(), [](char c) { return (c & 0x80) != 0; });
     });
     const std::vector<QByteArrayView> sample = sampleOf(names, sevenBit);
-    const QByteArray guess = guessOfUchardet(sample);
+    if (sample.empty())
+        return nullptr;
     std::unique_ptr<CVNameCharset> best;
     int bestCost = std::numeric_limits<int>::max();
     for (const CVNameCharsetInfo &info : cvNameCharsets()) {
@@ -197,9 +177,7 @@ std::unique_ptr<CVNameCharset> cvDetectNameCharset(std::span<const QByteArrayVie
         auto charset = CVNameCharset::open(info);
         if (!charset)
             continue;
-        int cost = costIn(*charset, sample) + priorCost(info.name, family);
-        if (qstricmp(guess.constData(), info.name) == 0)
-            cost -= guessedByUchardet;
+        const int cost = costIn(*charset, sample) + priorCost(info.name, family);
         if (cost < bestCost) {
             bestCost = cost;
             best = std::move(charset);
@@ -212,5 +190,5 @@ bool cvIsLikelierThanUtf8(QByteArrayView raw, const CVNameCharset &charset)
 {
     const QString asUtf8 = QString::fromUtf8(raw);
     const QByteArrayView sample[] = {raw};
-    return costIn(charset, sample) < cvNamesCost(std::span(&asUtf8, 1));
+    return costIn(charset, sample) < cvNamesCost(std::span(&asUtf8, 1), false);
 }

@@ -11,8 +11,8 @@
 /// What names of such archives are in when nothing can be told from them. Never null.
 std::unique_ptr<CVNameCharset> cvFallbackNameCharset(CVNameDecoder::Family family);
 
-/// The charset in which these names, none of them UTF-8, most likely were written; null when every
-/// charset is as bad as the other.
+/// The charset in which these names, none of them UTF-8, most likely were written; null when nothing
+/// can be told from them.
 std::unique_ptr<CVNameCharset> cvDetectNameCharset(std::span<const QByteArrayView> names,
                                                    CVNameDecoder::Family family);
 

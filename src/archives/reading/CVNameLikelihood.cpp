@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -13,7 +14,10 @@ namespace {
 // Costs in half bits of what the statistics do not cover.
 constexpr int letterOutsideAlphabet = 28; ///< of the language's script
 constexpr int letterOfOtherScript = 36;
-constexpr int scriptChangeInWord = 10;
+constexpr int scriptChangeInWord = 24;
+constexpr int signBesideLetter = 10; ///< where it is neither an opening nor a closing one
+constexpr std::u16string_view openingSigns = u"«“„‘¿¡§№";
+constexpr std::u16string_view closingSigns = u"»”’…ªº";
 constexpr int capitalAfterSmall = 14;
 constexpr int smallAfterCapitals = 8; ///< two capitals, then a small one
 constexpr int capital = 3;
@@ -26,9 +30,13 @@ constexpr int rareHangul = 36;
 constexpr int halfWidthKana = 24;
 constexpr int accentInEastAsian = 38;
 constexpr int otherLanguage = 12;     ///< a name in another language than the rest
-constexpr int besideSmallLetter = 10; ///< an East Asian character in one word with Latin ones
+constexpr int besideSmallLetter = 14; ///< an East Asian character in one word with Latin ones
 constexpr int besideCapital = 4;
-constexpr int usualLetter = 8; ///< what a letter of ASCII costs where it is free, likewise the others
+constexpr int endOfEastAsian = 4;
+constexpr int asciiWeight = 4;      ///< eighths
+constexpr int oneLetterWord = 16;   ///< in scripts whose languages have none
+constexpr int besideLatinWords = 8; ///< another script in a name that has Latin words too
+constexpr int usualLetter = 8;      ///< what a letter of ASCII costs where it is free, likewise the others
 constexpr int usualWordEnd = 4;
 
 char16_t folded(QChar c)
@@ -55,31 +63,31 @@ bool isEastAsian(char16_t c)
            QChar::isSurrogate(c);
 }
 
-/// -1 when the character is of no script that there are statistics for.
-int scriptOf(QChar c)
+/// Nothing when there are no statistics for the script.
+std::optional<CVScript> scriptOf(QChar c)
 {
     switch (c.script()) {
     case QChar::Script_Latin:
-        return int(CVScript::Latin);
+        return CVScript::Latin;
     case QChar::Script_Cyrillic:
-        return int(CVScript::Cyrillic);
+        return CVScript::Cyrillic;
     case QChar::Script_Greek:
-        return int(CVScript::Greek);
+        return CVScript::Greek;
     case QChar::Script_Hebrew:
-        return int(CVScript::Hebrew);
+        return CVScript::Hebrew;
     case QChar::Script_Arabic:
-        return int(CVScript::Arabic);
+        return CVScript::Arabic;
     case QChar::Script_Thai:
-        return int(CVScript::Thai);
+        return CVScript::Thai;
     default:
-        return isEastAsian(c.unicode()) ? int(CVScript::EastAsian) : -1;
+        return std::nullopt;
     }
 }
 
 int signCost(char16_t c)
 {
-    constexpr std::u16string_view typographicSigns = u"«»“”„‘’‚–—…№°§´·¿¡\u00A0ªº";
-    constexpr std::u16string_view usualSigns = u"©®™€£²³¹½¼±×÷µ•¢¥";
+    constexpr std::u16string_view typographicSigns = u"«»“”„‘’‚–—…№°§¿¡\u00A0ªº";
+    constexpr std::u16string_view usualSigns = u"©®™€£²³¹½¼±×÷µ•¢¥·´";
     if (typographicSigns.find(c) != typographicSigns.npos)
         return typographic;
     return usualSigns.find(c) != usualSigns.npos ? usualSign : odd;
@@ -90,12 +98,19 @@ std::uint8_t costOf(char c)
     return std::uint8_t(c <= 'Z' ? c - 'A' : c - 'a' + 26);
 }
 
+/// a to z and what is none of them.
+constexpr size_t asciiCount = 27;
+using AsciiPairs = std::array<int, asciiCount * asciiCount>;
+
 /// One language with an alphabet, ready to look letters up.
 class Alphabet
 {
 public:
     explicit Alphabet(const CVAlphabetStatistics &statistics)
         : m_script(statistics.script)
+        , m_rarity(statistics.rarity)
+        , m_hasOneLetterWords(m_script != CVScript::Hebrew && m_script != CVScript::Arabic &&
+                              m_script != CVScript::Thai)
     {
         const std::u16string_view letters(statistics.letters);
         m_count = letters.size() + 1;
@@ -103,16 +118,31 @@ public:
             m_script == CVScript::Latin ? char16_t(0) : *std::min_element(letters.begin(), letters.end());
         for (size_t i = 0; i < letters.size(); ++i)
             m_numbers[size_t(letters[i] - m_base)] = std::uint8_t(i + 1);
-        const size_t inAscii = m_script == CVScript::Latin ? 27 : 0;
-        m_costs.assign(m_count * m_count, 0);
-        const char *next = statistics.costs;
-        for (size_t first = 0; first < m_count; ++first) {
-            for (size_t second = first < inAscii ? inAscii : 0; second < m_count; ++second)
-                m_costs[first * m_count + second] = costOf(*next++);
+        m_costs.reserve(m_count * m_count);
+        for (const char *next = statistics.costs; *next != '\0'; ++next)
+            m_costs.push_back(costOf(*next));
+    }
+
+    /// Makes pairs of ASCII cheap or dear by how much likelier they are here than in the others.
+    void compareWith(const AsciiPairs &mean)
+    {
+        for (size_t first = 0; first < asciiCount; ++first) {
+            for (size_t second = 0; second < asciiCount; ++second)
+                m_ascii[first * asciiCount + second] =
+                    std::int8_t(pair(int(first), int(second)) - mean[first * asciiCount + second]);
+        }
+    }
+    void addTo(AsciiPairs &sums) const
+    {
+        for (size_t first = 0; first < asciiCount; ++first) {
+            for (size_t second = 0; second < asciiCount; ++second)
+                sums[first * asciiCount + second] += pair(int(first), int(second));
         }
     }
 
     CVScript script() const { return m_script; }
+    int rarity() const { return m_rarity; }
+    bool isLatin() const { return m_script == CVScript::Latin; }
     int cost(QStringView text) const;
 
 private:
@@ -124,21 +154,28 @@ private:
     int pair(int first, int second) const { return m_costs[size_t(first) * m_count + size_t(second)]; }
 
     CVScript m_script;
+    int m_rarity;
+    bool m_hasOneLetterWords;
     size_t m_count = 0;
     char16_t m_base = 0;
     std::array<std::uint8_t, 0x180> m_numbers{};
     std::vector<std::uint8_t> m_costs;
+    std::array<std::int8_t, asciiCount * asciiCount> m_ascii{};
 };
 
 int Alphabet::cost(QStringView text) const
 {
     const bool latin = m_script == CVScript::Latin;
     int sum = 0;
+    int asciiSum = 0;
     int before = 0;            // number of the letter before
     bool beforeIsAscii = true; // the beginning counts as ASCII
     bool beforeIsAsciiLetter = false;
     int capitals = 0; // capitals just before
     bool smallBefore = false;
+    bool letterBefore = false;
+    int wordLength = 0;
+    bool strangeSignBefore = false; // a sign that does not stand before words
     for (const QChar c : text) {
         const char16_t unit = c.unicode();
         const bool ascii = unit < 0x80;
@@ -152,18 +189,30 @@ int Alphabet::cost(QStringView text) const
                 sum += pair(before, current) - (current != 0 ? usualLetter : usualWordEnd);
                 if (!latin && isAsciiLetter(unit))
                     sum += scriptChangeInWord;
+            } else if (latin && beforeIsAscii) {
+                asciiSum += m_ascii[size_t(before) * asciiCount + size_t(current)];
             }
         } else if (current != 0) {
             sum += pair(before, current);
             if (!latin && beforeIsAsciiLetter)
                 sum += scriptChangeInWord;
-        } else if (scriptOf(c) == int(m_script)) {
+        } else if (scriptOf(c) == m_script) {
             sum += letterOutsideAlphabet;
         } else if (letter || c.isMark()) {
             sum += letterOfOtherScript;
         } else {
             sum += signCost(unit);
         }
+        const bool sign = !ascii && current == 0 && !letter && !c.isMark();
+        if (sign && letterBefore && closingSigns.find(unit) == closingSigns.npos)
+            sum += signBesideLetter;
+        if (letter && strangeSignBefore)
+            sum += signBesideLetter;
+        strangeSignBefore = sign && openingSigns.find(unit) == openingSigns.npos;
+        letterBefore = letter;
+        if (current == 0 && wordLength == 1 && !m_hasOneLetterWords)
+            sum += oneLetterWord;
+        wordLength = current == 0 ? 0 : wordLength + 1;
         const bool isCapital = c.isUpper();
         if (isCapital && (!ascii || !beforeIsAscii)) {
             sum += smallBefore ? capitalAfterSmall : 0;
@@ -178,8 +227,8 @@ int Alphabet::cost(QStringView text) const
         beforeIsAsciiLetter = isAsciiLetter(unit) && !standIn;
     }
     if (!beforeIsAscii && before != 0)
-        sum += pair(before, 0) - usualWordEnd;
-    return sum;
+        sum += pair(before, 0) - usualWordEnd + (wordLength == 1 && !m_hasOneLetterWords ? oneLetterWord : 0);
+    return sum + asciiSum * asciiWeight / 8;
 }
 
 /// One language with thousands of characters.
@@ -195,6 +244,8 @@ public:
         }
     }
 
+    int rarity() const { return 0; }
+    bool isLatin() const { return false; }
     int cost(QStringView text) const
     {
         int sum = 0;
@@ -204,9 +255,11 @@ public:
             if (unit >= 0x80)
                 sum += m_costs[unit] != 0 ? m_costs[unit] : unlisted(c);
             if ((unit < 0x80) != (before < 0x80))
-                sum += besideLatin(unit < 0x80 ? unit : before);
+                sum += unit < 0x80 ? endOfEastAsian + besideLatin(unit) : besideLatin(before);
             before = unit;
         }
+        if (before >= 0x80)
+            sum += endOfEastAsian;
         return sum;
     }
 
@@ -241,12 +294,35 @@ struct Languages
     {
         for (const CVAlphabetStatistics &statistics : cvAlphabetStatistics())
             alphabets.emplace_back(statistics);
+        AsciiPairs mean{};
+        int count = 0;
+        for (const Alphabet &alphabet : alphabets) {
+            if (alphabet.script() == CVScript::Latin) {
+                alphabet.addTo(mean);
+                ++count;
+            }
+        }
+        for (int &sum : mean)
+            sum /= count;
+        for (Alphabet &alphabet : alphabets) {
+            if (alphabet.script() == CVScript::Latin)
+                alphabet.compareWith(mean);
+        }
         for (const CVCharacterStatistics &statistics : cvCharacterStatistics())
             characters.emplace_back(statistics);
     }
     std::vector<Alphabet> alphabets;
     std::vector<Characters> characters;
 };
+
+/// Small letters of ASCII, the extension aside.
+bool hasLatinWords(QStringView name)
+{
+    const qsizetype dot = name.lastIndexOf(u'.');
+    const QStringView stem = dot > 0 ? name.first(dot) : name;
+    return std::any_of(stem.begin(), stem.end(),
+                       [](QChar c) { return c.unicode() >= u'a' && c.unicode() <= u'z'; });
+}
 
 /// Adds up what the names cost in one language each, and at best.
 class Tally
@@ -255,13 +331,18 @@ public:
     explicit Tally(std::span<const QString> names)
         : m_names(names)
         , m_least(names.size(), std::numeric_limits<int>::max())
-    {}
+    {
+        for (const QString &name : names)
+            m_hasLatinWords.push_back(hasLatinWords(name));
+    }
 
     template <typename Language> void tryLanguage(const Language &language)
     {
-        int sum = 0;
+        int sum = language.rarity();
         for (size_t i = 0; i < m_names.size(); ++i) {
-            const int cost = language.cost(m_names[i]);
+            int cost = language.cost(m_names[i]);
+            if (!language.isLatin() && m_hasLatinWords[i])
+                cost += besideLatinWords;
             m_least[i] = std::min(m_least[i], cost);
             sum += cost;
         }
@@ -278,6 +359,7 @@ public:
 
 private:
     std::span<const QString> m_names;
+    std::vector<bool> m_hasLatinWords;
     std::vector<int> m_least;
     int m_best = std::numeric_limits<int>::max();
 };
@@ -294,37 +376,31 @@ int asciiCost(char16_t c)
 
 } // namespace
 
-int cvNamesCost(std::span<const QString> names)
+int cvNamesCost(std::span<const QString> names, bool eastAsian)
 {
     static const Languages languages;
-    std::array<int, 7> letters{};
+    Tally tally(names);
+    if (eastAsian) {
+        for (const Characters &characters : languages.characters)
+            tally.tryLanguage(characters);
+        return tally.best();
+    }
+    std::array<int, 6> letters{};
     int all = 0;
     for (const QString &name : names) {
         for (const QChar c : name) {
-            const int script = c.unicode() < 0x80 ? -1 : scriptOf(c);
-            if (script >= 0) {
-                ++letters[size_t(script)];
+            const auto script = c.unicode() < 0x80 ? std::nullopt : scriptOf(c);
+            if (script) {
+                ++letters[size_t(*script)];
                 ++all;
             }
         }
     }
-    // Languages of a script that hardly occurs cannot be the best.
-    const auto matters = [&letters, all](CVScript script) { return letters[size_t(script)] * 8 > all; };
-    Tally tally(names);
-    bool tried = false;
     for (const Alphabet &alphabet : languages.alphabets) {
-        if (matters(alphabet.script())) {
+        // Languages of a script that hardly occurs cannot be the best.
+        if (letters[size_t(alphabet.script())] * 8 >= all)
             tally.tryLanguage(alphabet);
-            tried = true;
-        }
     }
-    if (matters(CVScript::EastAsian)) {
-        for (const Characters &characters : languages.characters)
-            tally.tryLanguage(characters);
-        tried = true;
-    }
-    if (!tried)
-        tally.tryLanguage(languages.alphabets.front());
     return tally.best();
 }
 
