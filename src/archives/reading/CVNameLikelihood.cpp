@@ -16,6 +16,7 @@ constexpr int letterOutsideAlphabet = 28; ///< of the language's script
 constexpr int letterOfOtherScript = 36;
 constexpr int scriptChangeInWord = 24;
 constexpr int signBesideLetter = 10; ///< where it is neither an opening nor a closing one
+constexpr int signOutOfPlace = 12;
 constexpr std::u16string_view openingSigns = u"«“„‘¿¡§№";
 constexpr std::u16string_view closingSigns = u"»”’…ªº";
 constexpr int capitalAfterSmall = 14;
@@ -163,6 +164,17 @@ private:
     std::array<std::int8_t, asciiCount * asciiCount> m_ascii{};
 };
 
+/// A closing sign where nothing can be closed, or an opening one before nothing.
+bool isOutOfPlace(QStringView text, qsizetype at)
+{
+    const char16_t sign = text[at].unicode();
+    const bool gapBefore = at == 0 || text[at - 1].isSpace();
+    const bool gapAfter = at + 1 == text.size() || text[at + 1].isSpace() || text[at + 1] == u'.';
+    const bool closes = closingSigns.find(sign) != closingSigns.npos;
+    const bool opens = openingSigns.find(sign) != openingSigns.npos && sign != u'№' && sign != u'§';
+    return (closes && gapBefore) || (opens && gapAfter);
+}
+
 int Alphabet::cost(QStringView text) const
 {
     const bool latin = m_script == CVScript::Latin;
@@ -176,7 +188,8 @@ int Alphabet::cost(QStringView text) const
     bool letterBefore = false;
     int wordLength = 0;
     bool strangeSignBefore = false; // a sign that does not stand before words
-    for (const QChar c : text) {
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text[i];
         const char16_t unit = c.unicode();
         const bool ascii = unit < 0x80;
         const char16_t small = folded(c);
@@ -206,6 +219,8 @@ int Alphabet::cost(QStringView text) const
         const bool sign = !ascii && current == 0 && !letter && !c.isMark();
         if (sign && letterBefore && closingSigns.find(unit) == closingSigns.npos)
             sum += signBesideLetter;
+        if (sign && isOutOfPlace(text, i))
+            sum += signOutOfPlace;
         if (letter && strangeSignBefore)
             sum += signBesideLetter;
         strangeSignBefore = sign && openingSigns.find(unit) == openingSigns.npos;

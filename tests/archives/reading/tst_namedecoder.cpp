@@ -2,9 +2,24 @@
 
 #include <QHash>
 #include <QRandomGenerator>
+#include <QStringConverter>
 #include <QTest>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 using Family = CVNameDecoder::Family;
+
+namespace {
+
+QByteArray encoded(const QString &text, const char *charset)
+{
+    QStringEncoder encoder(charset, QStringEncoder::Flag::Stateless);
+    return encoder.isValid() ? QByteArray(encoder.encode(text)) : QByteArray();
+}
+
+} // namespace
 
 class TestNameDecoder : public QObject
 {
@@ -13,6 +28,12 @@ class TestNameDecoder : public QObject
 private Q_SLOTS:
     void readsUtf8AsItIs_data();
     void readsUtf8AsItIs();
+    void findsCharset_data();
+    void findsCharset();
+    void fallsBackWhereNothingIsSaid();
+    void readsTheRestOfADamagedSet();
+    void doubtsShortUtf8();
+    void decodesOnManyThreads();
     void showsWhatCannotBeRead();
     void keepsRandomNamesApart_data();
     void keepsRandomNamesApart();
@@ -47,6 +68,137 @@ void TestNameDecoder::readsUtf8AsItIs()
         QCOMPARE(decoder.decode(raw, CVNameEncoding::Unmarked), text);
         QCOMPARE(decoder.decode(raw, CVNameEncoding::Utf8), text);
     }
+}
+
+void TestNameDecoder::findsCharset_data()
+{
+    QTest::addColumn<Family>("family");
+    QTest::addColumn<QByteArray>("charset");
+    QTest::addColumn<QStringList>("names");
+    const auto row = [](const char *title, Family family, const char *charset, const char *names) {
+        QTest::newRow(title) << family << QByteArray(charset) << QString::fromUtf8(names).split(u'|');
+    };
+    row("one Russian word, DOS", Family::Zip, "IBM866", "тест.txt");
+    row("one Russian word, Windows", Family::Zip, "windows-1251", "привет.txt");
+    row("Russian capitals", Family::Arj, "IBM866", "ПРИВЕТ|ПАСПОРТ");
+    row("Russian, Unix", Family::Tar, "KOI8-R", "Курсовая работа.doc|фото.jpg");
+    row("Ukrainian", Family::Zip, "windows-1251", "Довідка.doc|Українська мова.pdf");
+    row("Bulgarian", Family::Other, "windows-1251", "Снимки от морето|Решение на съда.doc");
+    row("one German word, DOS", Family::Zip, "IBM850", "Größe.txt");
+    row("German beside ASCII names", Family::Zip, "IBM437", "readme.txt|img/0001.jpg|Übersicht/Maße.txt");
+    row("letters that stand alone", Family::Zip, "IBM437", "File 1.txt|File 2 - ö.txt|File 3 - ä.txt");
+    row("German, Unix", Family::Tar, "ISO-8859-15", "Grüße aus Köln.jpg|Prüfung.doc");
+    row("French, DOS", Family::Zip, "IBM850", "Été 2008.jpg|Où est Charlie.txt");
+    row("French, Windows", Family::Zip, "windows-1252", "Déclaration d'impôts.pdf|Forêt.jpg");
+    row("Spanish", Family::Zip, "IBM850", "Año nuevo.jpg|Canción de cuna.mp3");
+    row("Portuguese", Family::Rar, "windows-1252", "São Paulo.jpg|Coração.mp3");
+    row("Danish", Family::Zip, "IBM850", "Fødselsdag.jpg|Spørgsmål.doc");
+    row("Polish, DOS", Family::Zip, "IBM852", "Książka.pdf|Zdjęcia z wakacji");
+    row("Polish, Windows", Family::Zip, "windows-1250", "Życzenia.doc|Różne|Miłość.mp3");
+    row("Czech, Unix", Family::Tar, "ISO-8859-2", "Žádost o práci.doc|Příloha č. 1.pdf");
+    row("Hungarian", Family::Zip, "IBM852", "Fényképek|Tűzoltó.avi");
+    row("Turkish", Family::Zip, "IBM857", "Yılbaşı.jpg|Türkçe şarkılar");
+    row("Greek, DOS", Family::Zip, "IBM737", "Ελλάδα.jpg");
+    row("Greek, Windows", Family::Other, "windows-1253", "Φωτογραφίες");
+    row("Hebrew", Family::Zip, "IBM862", "שלום.txt|תמונות מהטיול");
+    row("Arabic", Family::Other, "windows-1256", "صور الرحلة|كتاب.pdf");
+    row("Thai", Family::Zip, "windows-874", "สวัสดี.txt");
+    row("Japanese, DOS", Family::Lha, "windows-31j", "漢字.txt|表.txt");
+    row("one Japanese name", Family::Zip, "windows-31j", "新しいフォルダ");
+    row("Japanese, Unix", Family::Tar, "EUC-JP", "説明書.txt|写真");
+    row("Japanese, mail", Family::Other, "ISO-2022-JP", "説明書.txt|readme.txt");
+    row("simplified Chinese", Family::Zip, "GB18030", "新建文件夹|照片");
+    row("traditional Chinese", Family::Zip, "Big5", "新資料夾|使用手冊.pdf");
+    row("Korean", Family::Zip, "EUC-KR", "새 폴더|한글 문서 이름.txt");
+}
+
+void TestNameDecoder::findsCharset()
+{
+    QFETCH(Family, family);
+    QFETCH(QByteArray, charset);
+    QFETCH(QStringList, names);
+    CVNameDecoder decoder(family);
+    for (const QString &name : std::as_const(names)) {
+        QVERIFY(!encoded(name, charset).isEmpty());
+        decoder.observe(encoded(name, charset));
+    }
+    decoder.decide();
+    QVERIFY(!decoder.isAllUtf8());
+    for (const QString &name : std::as_const(names))
+        QCOMPARE(decoder.decode(encoded(name, charset), CVNameEncoding::Unmarked), name);
+}
+
+void TestNameDecoder::fallsBackWhereNothingIsSaid()
+{
+    // A chart of the upper half; every charset can read some of it.
+    CVNameDecoder decoder(Family::Zip);
+    for (int first = 0x80; first < 0x100; first += 16) {
+        QByteArray chart;
+        for (int i = 0; i < 16; ++i)
+            chart += char(first + i);
+        decoder.observe(chart);
+    }
+    decoder.decide();
+    QCOMPARE(decoder.charsetName(), QStringLiteral("IBM437"));
+    QCOMPARE(decoder.decode("\xb0\xb1\xe6", CVNameEncoding::Unmarked), QStringLiteral("░▒µ"));
+}
+
+void TestNameDecoder::readsTheRestOfADamagedSet()
+{
+    // One name was cut in the middle of a character by a maker with a limit on lengths.
+    CVNameDecoder decoder(Family::Zip);
+    const QByteArray whole = encoded(QStringLiteral("表計算ソフト"), "windows-31j");
+    decoder.observe(whole.chopped(1));
+    decoder.observe(encoded(QStringLiteral("新しいフォルダ"), "windows-31j"));
+    decoder.observe(whole);
+    decoder.decide();
+    QCOMPARE(decoder.decode(whole, CVNameEncoding::Unmarked), QStringLiteral("表計算ソフト"));
+    QCOMPARE(decoder.decode(whole.chopped(1), CVNameEncoding::Unmarked), QStringLiteral("表計算ソフ‰83"));
+}
+
+void TestNameDecoder::doubtsShortUtf8()
+{
+    // These two are valid UTF-8 by chance.
+    const QStringList names{QStringLiteral("一.txt"), QStringLiteral("目.txt"), QStringLiteral("压缩文件")};
+    CVNameDecoder zip(Family::Zip);
+    for (const QString &name : names)
+        zip.observe(encoded(name, "GB18030"));
+    zip.observe("é.txt"); // and this one on purpose
+    zip.decide();
+    QVERIFY(encoded(names.first(), "GB18030").isValidUtf8());
+    for (const QString &name : names)
+        QCOMPARE(zip.decode(encoded(name, "GB18030"), CVNameEncoding::Unmarked), name);
+    QCOMPARE(zip.decode("é.txt", CVNameEncoding::Unmarked), QStringLiteral("é.txt"));
+    QCOMPARE(zip.decode(encoded(names.first(), "GB18030"), CVNameEncoding::Utf8), QStringLiteral("һ.txt"));
+
+    // Where Unix programs write, UTF-8 is what it looks like.
+    CVNameDecoder tar(Family::Tar);
+    for (const QString &name : names)
+        tar.observe(encoded(name, "GB18030"));
+    tar.decide();
+    QCOMPARE(tar.decode(encoded(names.first(), "GB18030"), CVNameEncoding::Unmarked),
+             QStringLiteral("һ.txt"));
+    QCOMPARE(tar.decode(encoded(names.last(), "GB18030"), CVNameEncoding::Unmarked), names.last());
+}
+
+void TestNameDecoder::decodesOnManyThreads()
+{
+    const QString name = QStringLiteral("新しいフォルダ/説明書.txt");
+    const QByteArray raw = encoded(name, "windows-31j");
+    CVNameDecoder decoder(Family::Zip);
+    decoder.observe(raw);
+    decoder.decide();
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 2000; ++n)
+                wrong += decoder.decode(raw, CVNameEncoding::Unmarked) != name;
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    QCOMPARE(wrong.load(), 0);
 }
 
 void TestNameDecoder::showsWhatCannotBeRead()
