@@ -1,0 +1,25 @@
+#pragma once
+
+#include "engine/model/CVOperationDataBinding.h"
+
+#include <QString>
+
+/// How a file is to be split.
+class CVSplitOperationDataBinding : public CVOperationDataBinding
+{
+public:
+    /// 0 plain parts, 1 bzip2 parts, 2 a multi-part 7-Zip archive instead.
+    unsigned compressionSetting() const { return m_compressionSetting; }
+    void setCompressionSetting(unsigned setting)
+    {
+        change(m_compressionSetting, setting, QStringLiteral("compressionSetting"));
+    }
+    /// Derived; empty for larger values.
+    QString compressionSettingDescription() const;
+
+protected:
+    std::span<const Dependency> dependencies() const override;
+
+private:
+    unsigned m_compressionSetting = 0;
+};
