@@ -1,6 +1,7 @@
 #include "archives/CVArchive.h"
 
 #include "archives/CVP7ZipArchive.h"
+#include "archives/CVTarArchive.h"
 #include "archives/CVXArchive.h"
 #include "archives/archive_string.h"
 #include "util/LXMainThread.h"
@@ -71,6 +72,10 @@ QString CVArchive::statusToString(std::int32_t status)
 std::shared_ptr<CVArchive> CVArchive::archiveForExtracting(const QString &fileName)
 {
     const QString extension = archivePathExtension(fileName).toLower();
+    // Not anchored: whatever contains one of these goes to the tar back end, which looks at the bytes.
+    static const QRegularExpression tar(QStringLiteral("(tar|tar.gz|tgz|tar.bz2|tar.bz|tbz|tar.z|tar.xz)"));
+    if (extension.contains(tar))
+        return std::make_shared<CVTarArchive>(extension);
     if (extension == u"7z" || extension == u"001")
         return std::make_shared<CVP7ZipArchive>();
     return std::make_shared<CVXArchive>();

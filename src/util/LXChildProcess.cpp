@@ -369,6 +369,7 @@ struct LXChildProcess::Private
     pid_t pid = -1;
     LXFileDescriptor process; // readable when the child has ended
     LXFileDescriptor wake;    // an event counter: stop requests
+    LXFileDescriptor poke;    // another: read() is to return once
     LXFileDescriptor input;
     LXFileDescriptor output;
     LXFileDescriptor error;
@@ -376,6 +377,7 @@ struct LXChildProcess::Private
     std::optional<Exit> exit;
     std::vector<Chunk> kept;
     qsizetype keptSize = 0;
+    bool lostOutput = false;
 
     bool hasEnded() const
     {
@@ -405,8 +407,10 @@ struct LXChildProcess::Private
 
     void keep(Chunk chunk)
     {
-        if (keptSize + chunk.data.size() > keptBytes)
+        if (keptSize + chunk.data.size() > keptBytes) {
+            lostOutput = true;
             return;
+        }
         keptSize += chunk.data.size();
         kept.push_back(std::move(chunk));
     }
@@ -462,6 +466,7 @@ LXResult<std::unique_ptr<LXChildProcess>> LXChildProcess::start(const LXChildOpt
         (options.error == Stream::Pipe && !makePipe(error)))
         return failure(errno, options.program, QStringLiteral("streams"));
     d.wake = LXFileDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    d.poke = LXFileDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
 
     const LXFileDescriptor ruleset =
         options.confined ? landlock::ruleset(options.writableFolders) : LXFileDescriptor();
@@ -525,7 +530,7 @@ LXResult<std::unique_ptr<LXChildProcess>> LXChildProcess::start(const LXChildOpt
         return failure(problem.error, options.program, stageText(problem.stage, options));
     }
     d.process = LXFileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, d.pid, 0U)));
-    if (!d.process.isOpen() || !d.wake.isOpen()) {
+    if (!d.process.isOpen() || !d.wake.isOpen() || !d.poke.isOpen()) {
         const int code = errno;
         d.reap();
         return failure(code, options.program, QStringLiteral("process handle"));
@@ -572,15 +577,16 @@ LXChildProcess::Chunk LXChildProcess::read(std::stop_token stop, std::chrono::mi
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (true) {
         const bool ended = d->exit || d->hasEnded();
-        pollfd fds[4];
+        pollfd fds[5];
         nfds_t count = 0;
         fds[count++] = {d->wake.get(), POLLIN, 0};
+        fds[count++] = {d->poke.get(), POLLIN, 0};
         const auto add = [&](int fd) { fds[count++] = {fd, POLLIN, 0}; };
         if (d->output.isOpen())
             add(d->output.get());
         if (d->error.isOpen())
             add(d->error.get());
-        if (count == 1)
+        if (count == 2)
             return {Chunk::Kind::Closed, {}};
         if (!ended)
             add(d->process.get());
@@ -597,6 +603,9 @@ LXChildProcess::Chunk LXChildProcess::read(std::stop_token stop, std::chrono::mi
             return {Chunk::Kind::Closed, {}};
         if (fds[0].revents & POLLIN)
             return {Chunk::Kind::Stopped, {}};
+        if (std::uint64_t pokes = 0;
+            (fds[1].revents & POLLIN) && ::read(d->poke.get(), &pokes, sizeof pokes) > 0)
+            return {Chunk::Kind::TimedOut, {}};
         Chunk chunk;
         if (d->take(d->output, Chunk::Kind::Output, chunk) || d->take(d->error, Chunk::Kind::Error, chunk))
             return chunk;
@@ -647,6 +656,11 @@ LXChildProcess::WriteResult LXChildProcess::write(const char *data, qsizetype si
     }
     pollfd stopped{d->wake.get(), POLLIN, 0};
     return ::poll(&stopped, 1, 0) > 0 ? WriteResult::Stopped : WriteResult::Written;
+}
+
+bool LXChildProcess::hasLostOutput() const
+{
+    return d->lostOutput;
 }
 
 void LXChildProcess::closeInput()
@@ -705,6 +719,12 @@ void LXChildProcess::requestStop()
 {
     const std::uint64_t one = 1;
     [[maybe_unused]] const auto n = ::write(d->wake.get(), &one, sizeof one);
+}
+
+void LXChildProcess::interruptRead()
+{
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto n = ::write(d->poke.get(), &one, sizeof one);
 }
 
 pid_t LXChildProcess::processId() const

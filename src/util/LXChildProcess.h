@@ -99,6 +99,9 @@ public:
     /// comes beyond is dropped, so that a child that is not listened to does not stand still.
     WriteResult write(const char *data, qsizetype size, std::stop_token stop = {});
 
+    /// Whether write() had to drop output.
+    bool hasLostOutput() const;
+
     /// The child sees the end of its input. On a terminal, end-of-file is typed.
     void closeInput();
 
@@ -118,6 +121,10 @@ public:
 
     /// Any thread: pending and later waits of read(), write() and wait() answer Stopped.
     void requestStop();
+
+    /// Any thread: the pending or the next read() answers TimedOut, once, so that the thread in it can
+    /// do something else with the child.
+    void interruptRead();
 
     pid_t processId() const;
 
