@@ -18,6 +18,14 @@ QString parentOf(const QString &path)
     return slash < 0 ? QString() : path.left(slash);
 }
 
+/// The components that count: "./a//b" and "a/b" are the same place.
+QStringList withoutDots(const QString &path)
+{
+    QStringList components = path.split(u'/', Qt::SkipEmptyParts);
+    components.removeAll(QStringLiteral("."));
+    return components;
+}
+
 qsizetype componentCount(QStringView path)
 {
     return path.split(u'/', Qt::SkipEmptyParts).size();
@@ -188,7 +196,7 @@ void CVXArchive::extractIndividualFiles()
     QSet<QString> requested;
     bool everything = false;
     for (const QString &path : *singleFilesToBeExtracted) {
-        const QString clean = path.split(u'/', Qt::SkipEmptyParts).join(u'/');
+        const QString clean = withoutDots(path).join(u'/');
         everything = everything || clean.isEmpty();
         requested.insert(clean);
     }
@@ -197,7 +205,7 @@ void CVXArchive::extractIndividualFiles()
     for (int index = 0; index < count; ++index) {
         bool take = everything;
         QString prefix;
-        for (const QString &component : m_xadarchive->nameOfEntry(index).split(u'/', Qt::SkipEmptyParts)) {
+        for (const QString &component : withoutDots(m_xadarchive->nameOfEntry(index))) {
             if (take)
                 break;
             prefix += prefix.isEmpty() ? component : u'/' + component;
