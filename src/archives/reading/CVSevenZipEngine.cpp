@@ -1,5 +1,6 @@
 #include "archives/reading/CVSevenZipEngine.h"
 
+#include "archives/reading/CVArjVolumes.h"
 #include "archives/reading/CVSevenZipArchive.h"
 #include "archives/reading/CVSevenZipFormats.h"
 
@@ -594,12 +595,6 @@ Failure SevenZipEngine::unsupportedVariant()
         return {};
     if (m_isEncrypted)
         return {XADErrorCode::NotSupported, QStringLiteral("Encrypted ARJ is not supported.")};
-    // The module would give the first part of a divided file as the whole.
-    constexpr qint64 flagsAt = 8;
-    constexpr char isVolume = 0x04;
-    if (const QByteArray flags = m_source->readAt(m_guess.offset + flagsAt, 1);
-        flags.isEmpty() || (flags[0] & isVolume))
-        return {XADErrorCode::NotSupported, QStringLiteral("ARJ in several volumes is not supported.")};
     return {};
 }
 
@@ -985,6 +980,30 @@ int bid(const CVArchiveProbe &probe)
     return CVSevenZipSource::numberedParts(probe.path).size() > 1 ? bidForParts : guesses.front().bid;
 }
 
+/// The module would give the first part of a divided entry as the whole.
+CVEngineDescriptor::OpenOutcome openArjVolumes(const CVSevenZipLibrary &library, CVSevenZipGuess guess,
+                                               const QString &path, CVEngineHost &host)
+{
+    std::vector<CVArjVolumes::Volume> volumes;
+    QStringList paths;
+    for (const QString &volumePath : cvArjVolumePaths(path)) {
+        const auto source = CVSevenZipSource::open({volumePath});
+        auto engine = source ? std::make_unique<SevenZipEngine>(library, host, source) : nullptr;
+        const Failure failure = engine ? engine->open(guess)
+                                       : Failure{XADErrorCode::Damaged,
+                                                 QStringLiteral("A volume of the archive cannot be read.")};
+        if (failure.code != XADErrorCode::None)
+            return {nullptr, failure.code, failure.text};
+        const CVArjDivision division = cvArjDivision(*source, guess.offset);
+        volumes.push_back({std::move(engine), division});
+        paths << volumePath;
+        if (!division.lastContinues) // a file with the next number would belong to something else
+            break;
+        guess.offset = 0; // only the first volume may be a program
+    }
+    return {std::make_unique<CVArjVolumes>(std::move(volumes), paths), XADErrorCode::None, {}};
+}
+
 CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &host)
 {
     const CVSevenZipLibrary *library = CVSevenZipLibrary::instance();
@@ -1002,8 +1021,14 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
         if (source->paths().size() > 1)
             bytes.tail = source->readAt(std::max<qint64>(0, bytes.size - 64 * 1024 - 22), 64 * 1024 + 22);
 
+        const auto guesses = cvSevenZipGuesses(*library, bytes);
+        if (!guesses.empty() && library->formats()[std::size_t(guesses.front().format)].name == "Arj") {
+            if (const CVArjDivision division = cvArjDivision(*source, guesses.front().offset);
+                division.isVolume)
+                return openArjVolumes(*library, guesses.front(), probe.path, host);
+        }
         Failure first;
-        for (const CVSevenZipGuess &guess : cvSevenZipGuesses(*library, bytes)) {
+        for (const CVSevenZipGuess &guess : guesses) {
             auto engine = std::make_unique<SevenZipEngine>(*library, host, source);
             const Failure failure = engine->open(guess);
             switch (failure.code) {

@@ -338,6 +338,39 @@ private Q_SLOTS:
         }
     }
 
+    void joinsEntriesDividedBetweenArjVolumes()
+    {
+        const QString folder = m_folder.filePath(QStringLiteral("arj"));
+        QVERIFY(writeFile(folder + QStringLiteral("/A.BIN"), noise(250000, 11)));
+        QVERIFY(writeFile(folder + QStringLiteral("/B.TXT"), "short"));
+        QVERIFY(runTool(folder, QStringLiteral("arj"),
+                        {QStringLiteral("a"), QStringLiteral("-y"), QStringLiteral("-m0"),
+                         QStringLiteral("-v100k"), QStringLiteral("x.arj"), QStringLiteral("A.BIN"),
+                         QStringLiteral("B.TXT")}));
+
+        Reading whole(folder + QStringLiteral("/x.arj"));
+        QVERIFY2(whole.opened.engine, qPrintable(whole.opened.detail));
+        QCOMPARE(whole.entries().size(), std::size_t(2));
+        QCOMPARE(whole.entries()[0].size, qint64(250000));
+        whole.extractAll();
+        QVERIFY2(whole.isWhole(), qPrintable(whole.allTexts()));
+        QCOMPARE(whole.sink->records.at(0).hash,
+                 QCryptographicHash::hash(noise(250000, 11), QCryptographicHash::Sha256));
+        QCOMPARE(whole.sink->records.at(1).bytes, Bytes("short"));
+        QCOMPARE(whole.opened.engine->volumePaths().size(), 2);
+
+        // From the middle on, and with the end missing: no part passes for the whole.
+        Reading middle(folder + QStringLiteral("/x.a01"));
+        middle.extractAll();
+        QCOMPARE(middle.sink->records.at(0).code, XADErrorCode::Damaged);
+        QCOMPARE(middle.sink->records.at(1).code, XADErrorCode::None);
+        QVERIFY(QFile::remove(folder + QStringLiteral("/x.a02")));
+        Reading cut(folder + QStringLiteral("/x.arj"));
+        cut.extractAll();
+        QCOMPARE(cut.sink->records.at(0).code, XADErrorCode::Damaged);
+        QVERIFY(!cut.isWhole());
+    }
+
     void damageIsNeverSilent_data()
     {
         QTest::addColumn<QString>("name");
