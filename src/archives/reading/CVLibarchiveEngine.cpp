@@ -28,7 +28,7 @@ constexpr qint64 maxTrailingBytes = qint64(64) << 20;
 constexpr std::size_t maxWriteBytes = std::size_t(1) << 20;
 constexpr int maxRarVolumes = 10000;
 
-enum class Format { Raw, Tar, Cpio, Ar, Xar, Rar4, Rar5, Lha, Cab, Iso, Zip, SevenZip, SelfExtracting, Unknown };
+enum class Format { Raw, Tar, Cpio, Ar, Xar, Rar4, Rar5, Lha, Cab, Iso, Zip, SelfExtracting, Unknown };
 
 QString text(const char *source)
 {
@@ -109,8 +109,6 @@ Format formatOf(const QByteArray &head)
         return Format::Lha;
     if (at(0, "MSCF", 4))
         return Format::Cab;
-    if (at(0, "7z\xbc\xaf\x27\x1c", 6))
-        return Format::SevenZip;
     if (at(0, "PK\x03\x04", 4))
         return Format::Zip;
     if (at(0x8001, "CD001", 5))
@@ -305,13 +303,9 @@ private:
             case Format::Zip:
                 archive_read_support_format_zip(a);
                 break;
-            case Format::SevenZip:
-                archive_read_support_format_7zip(a);
-                break;
             case Format::SelfExtracting:
                 archive_read_support_format_lha(a);
                 archive_read_support_format_zip_seekable(a);
-                archive_read_support_format_7zip(a);
                 break;
             case Format::Raw:
             case Format::Unknown:
@@ -671,9 +665,6 @@ QString displayName(Format format, Kind kind, bool rpm)
     case Format::Zip:
         base = QStringLiteral("ZIP");
         break;
-    case Format::SevenZip:
-        base = QStringLiteral("7-Zip");
-        break;
     case Format::SelfExtracting:
         base = QStringLiteral("self-extracting archive");
         break;
@@ -704,7 +695,6 @@ int bid(const CVArchiveProbe &probe)
     case Format::Cab:
     case Format::Zip:
         return 40;
-    case Format::SevenZip:
     case Format::SelfExtracting:
         return 20;
     case Format::Raw:

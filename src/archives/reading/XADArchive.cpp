@@ -459,7 +459,7 @@ XADErrorCode XADArchive::extractIndices(const std::vector<int> &indices, bool al
                 if (chosen.contains(nameOfEntry(index)))
                     wanted.push_back(index);
         }
-        attempt = attemptExtraction(wanted, all, destination, ownsContents);
+        attempt = attemptExtraction(wanted, all, destination, ownsContents, true);
     }
     if (attempt.mayDoBetter) {
         // No other reader did better: the first one's account stands, and the delegate hears of it now.
@@ -474,7 +474,7 @@ XADErrorCode XADArchive::extractIndices(const std::vector<int> &indices, bool al
 }
 
 XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indices, bool all,
-                                                  CVDestination &destination, bool ownsContents)
+                                                  CVDestination &destination, bool ownsContents, bool isRetry)
 {
     Attempt attempt;
     CVReadingEngine &engine = *d->engine;
@@ -515,7 +515,8 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
     callbacks.shouldStop = [this, &attempt] {
         return attempt.needsAllNames || (d->delegate && d->delegate->archiveExtractionShouldStop(*this));
     };
-    const bool othersLeft = ownsContents && !d->others.empty() && !engine.isDamageFinal();
+    // What a later reader fails with says less than the first one's account, which then stands.
+    const bool othersLeft = ownsContents && (isRetry || !d->others.empty()) && !engine.isDamageFinal();
     callbacks.entryDidFail = [this, &attempt, othersLeft](int index, XADErrorCode code) {
         if (attempt.needsAllNames)
             return XADAction::Skip;

@@ -110,6 +110,6 @@ private:
     };
     XADErrorCode extractIndices(const std::vector<int> &indices, bool all, const QString &destination);
     Attempt attemptExtraction(const std::vector<int> &indices, bool all, CVDestination &destination,
-                              bool ownsContents);
+                              bool ownsContents, bool isRetry = false);
     std::unique_ptr<Private> d;
 };
