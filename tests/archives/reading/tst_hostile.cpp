@@ -83,8 +83,8 @@ struct Expected
 {
     QByteArray path;
     Type type = Type::File;
-    QByteArray content; ///< of a file, or the target of a link
-    int mode = -1;      ///< permission bits where they matter
+    QByteArray content = {}; ///< of a file, or the target of a link
+    int mode = -1;           ///< permission bits where they matter
 };
 
 constexpr int refused = int(XADErrorCode::Refused);
@@ -97,8 +97,8 @@ struct Case
     int formats;
     QList<Item> items;
     QList<Expected> delivered;
-    QList<int> leftOut; ///< codes of the entries that are reported as left out, in any order
-    int code = 0;       ///< of the whole extraction
+    QList<int> leftOut = {}; ///< codes of the entries that are reported as left out, in any order
+    int code = 0;            ///< of the whole extraction
 };
 
 Item file(const QByteArray &name, const QByteArray &data = "data")
@@ -173,7 +173,7 @@ QList<Case> cases()
          {{"abs/file.txt", Type::File, "abs"}, {"ROOT/canary.txt", Type::File, "other"}, goodThere},
          {}},
         {"drive names",
-         Tar | Zip | Xar,
+         All,
          {file("C:/a/x.txt", "x"), file("C:\\b\\y.txt", "y"), good},
          {{"a/x.txt", Type::File, "x"}, {"b/y.txt", Type::File, "y"}, goodThere},
          {}},
@@ -203,8 +203,7 @@ QList<Case> cases()
          {}},
         {"long names",
          All,
-         {file(longest), file(longest + 'l'), file(longest.left(99) + ('/' + longest.left(99)).repeated(50)),
-          good},
+         {file(longest), file(longest + 'l'), file(QByteArray('/' + longest.left(99)).repeated(50)), good},
          {{longest, Type::File, "data"}, goodThere},
          {refused, refused}},
         {"a thousand folders deep",
@@ -212,7 +211,7 @@ QList<Case> cases()
          {file(nested(1000)), good},
          {{nested(1000), Type::File, "data"}, goodThere},
          {}},
-        {"ten thousand folders deep", All, {file(nested(10'000)), good}, {goodThere}, {refused}},
+        {"three thousand folders deep", All, {file(nested(3000)), good}, {goodThere}, {refused}},
         {"same name twice, later one counts",
          Tar,
          {file("a.txt", "one"), file("a.txt", "two"), good},
@@ -538,7 +537,7 @@ void tst_hostile::bombs_data()
 void tst_hostile::bombs()
 {
     QFETCH(bool, asZip);
-    constexpr std::uint64_t size = std::uint64_t(700) << 20;
+    constexpr std::uint64_t size = std::uint64_t(560) << 20;
     QByteArray archive;
     if (asZip) {
         const ArchiveBytes::Zeros zeros = ArchiveBytes::deflatedZeros(size);
