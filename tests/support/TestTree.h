@@ -38,6 +38,6 @@ TestTree treeBelow(const TestTree &tree, const QByteArray &folder);
 /// The names directly at the top.
 QList<QByteArray> treeTopLevel(const TestTree &tree);
 
-/// Every difference of `actual` from `expected` in words; none when they agree. Contents and sizes
-/// count where both are known, implied folders may be there or not.
+/// Every difference of `actual` from `expected` in words; none when they agree. Contents, sizes and
+/// link targets count where both are known, implied folders may be there or not.
 QStringList treeDifferences(const TestTree &expected, const TestTree &actual);
