@@ -34,6 +34,10 @@ constexpr qint64 shareBytes = 8 * mebibyte;
 constexpr std::size_t shareItems = 512;
 /// Every preset of 7-Zip unpacks within this, whatever the machine.
 constexpr qint64 leastDecoderMemory = 256 * mebibyte;
+/// Real data is not packed better than this; what is (zeros) needs no large window.
+constexpr qint64 plausibleRatio = 100;
+/// The directory of a 7z with several million entries; the module holds it in memory as a whole.
+constexpr qint64 maximumDirectoryBytes = 256 * mebibyte;
 /// 100 ns units between 1601 and 1970.
 constexpr std::int64_t unixEpochTicks = 116444736000000000;
 /// The module gives bytes that are not UTF-8 as characters from here on: 0xEF80 for 0x80.
@@ -122,10 +126,12 @@ qint64 unixNanoseconds(const Variant &value)
     return time;
 }
 
-qint64 decoderMemoryLimit()
+/// What a decoder may take. More than the least only for archives that carry something to fill it
+/// with: a few kilobytes that ask for gigabytes are an attack.
+qint64 decoderMemoryLimit(qint64 archiveBytes)
 {
     const qint64 machine = qint64(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
-    return std::max(leastDecoderMemory, machine / 4);
+    return std::max(leastDecoderMemory, std::min(machine / 4, archiveBytes * plausibleRatio));
 }
 
 /// The output of one compressed file is called after the archive.
@@ -549,6 +555,8 @@ Failure SevenZipEngine::open(const CVSevenZipGuess &guess)
     const auto &format = m_library.formats()[std::size_t(guess.format)];
     m_archive = std::make_unique<CVSevenZipArchive>(
         m_library, m_source, [this] { return m_host.password(); }, [this] { return m_host.shouldStop(); });
+    if (format.name == "7z" && cvSevenZipDirectorySize(*m_source, guess.offset) > maximumDirectoryBytes)
+        return {XADErrorCode::NotSupported, QStringLiteral("The directory of the archive is too large.")};
     const Result result = m_archive->open(format, guess.offset, availableCores());
     const CVSevenZipOpenCallback &callback = m_archive->callback();
     if (callback.stopped())
@@ -696,6 +704,9 @@ bool SevenZipEngine::readEntry(InArchive &archive, std::uint32_t item, XADEntry 
     if (!isDirectory && m_format != "gzip" && property(PropertySize))
         entry.size = qint64(
             std::min<std::uint64_t>(value.number(), std::uint64_t(std::numeric_limits<qint64>::max())));
+    // What was packed from a pipe keeps the type of the pipe, and has data, which a real FIFO cannot.
+    if ((mode & S_IFMT) == S_IFIFO && entry.size > 0)
+        entry.type = XADEntry::Type::File;
     if (property(PropertyModified))
         entry.modified = unixNanoseconds(value.get());
     entry.encrypted = property(PropertyEncrypted) && value.isTrue();
@@ -840,7 +851,7 @@ QString SevenZipEngine::blockTooLarge(std::uint32_t item, qint64 unpackedBytes)
     CVSevenZipValue method(m_library);
     if (m_archive->top().GetProperty(item, PropertyMethod, method.out()) != Ok || !method.isString())
         return {};
-    const qint64 limit = decoderMemoryLimit();
+    const qint64 limit = decoderMemoryLimit(m_source->size());
     const qint64 needed = std::min(cvSevenZipDecoderMemory(method.string()), unpackedBytes);
     if (needed <= limit)
         return {};

@@ -20,7 +20,7 @@ struct Rating
 
 /// The scale is 0-100.
 /// 90: nobody reads it better. 80: below a reader made for the format (plain zip).
-/// 70: formats that nobody else reads.
+/// 70: formats that nobody else reads, among them discs whose files are only in UDF.
 /// 65: arj and cab, where this module is right more often than the other readers (measured on a
 /// collection: it alone knows every compression of cab), but for those that unar asks for with 70:
 /// encrypted arj, cabinets with names in an old charset.
@@ -158,6 +158,18 @@ bool isPartitionTable(const QByteArray &head)
     return used;
 }
 
+/// Whether one of the volume descriptors of a disc has this mark, and this type (-1: any).
+bool hasDescriptor(const QByteArray &head, QByteArrayView mark, int type = -1)
+{
+    constexpr qsizetype firstDescriptor = 0x8000;
+    constexpr qsizetype descriptorSize = 2048;
+    for (qsizetype at = firstDescriptor; at + descriptorSize <= head.size(); at += descriptorSize) {
+        if (QByteArrayView(head).sliced(at + 1).startsWith(mark) && (type < 0 || head[at] == type))
+            return true;
+    }
+    return false;
+}
+
 /// libarchive cannot unpack -lh4-; everything else of the family it reads at least as well.
 bool usesLh4(const QByteArray &head)
 {
@@ -196,6 +208,11 @@ private:
             m_guesses.push_back({index, bid, offset});
     }
 
+    bool isFormat(const CVSevenZipGuess &guess, const char *format) const
+    {
+        return m_library.formats()[std::size_t(guess.format)].name == format;
+    }
+
     bool matches(const CVSevenZipLibrary::Format &format) const
     {
         const QByteArray &head = m_bytes.head;
@@ -229,11 +246,15 @@ private:
             isIso = isIso || format.name == "Iso";
             add(rating->format, bid);
         }
-        if (isIso) { // a disc that is both is better read as iso
-            for (CVSevenZipGuess &guess : m_guesses) {
-                if (formats[std::size_t(guess.format)].name == "Udf")
-                    guess.bid = 39;
-            }
+        // Every iso begins like UDF. A disc that is both shows its files only as UDF, unless it has the
+        // long names of Joliet too.
+        const bool isUdf = hasDescriptor(m_bytes.head, "NSR0");
+        const bool isJoliet = hasDescriptor(m_bytes.head, QByteArrayView("CD001"), 2);
+        std::erase_if(m_guesses,
+                      [&](const CVSevenZipGuess &guess) { return isFormat(guess, "Udf") && !isUdf; });
+        for (CVSevenZipGuess &guess : m_guesses) {
+            if (isIso && isJoliet && isFormat(guess, "Udf"))
+                guess.bid = 39;
         }
         if (m_guesses.empty() && isPartitionTable(m_bytes.head))
             add("MBR", 50);

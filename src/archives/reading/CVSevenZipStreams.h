@@ -64,3 +64,7 @@ private:
     std::shared_ptr<const CVSevenZipSource> m_source;
     qint64 m_position = 0;
 };
+
+/// How large the packed directory of the 7z archive at `offset` says that it becomes; 0 when it is not
+/// packed or does not make sense (the module finds out which). For a look before it is unpacked.
+qint64 cvSevenZipDirectorySize(const CVSevenZipSource &source, qint64 offset);

@@ -47,6 +47,39 @@ Bytes readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : Bytes();
 }
 
+Bytes little(quint64 value, int size)
+{
+    Bytes bytes;
+    for (int i = 0; i < size; ++i)
+        bytes += char(value >> (8 * i));
+    return bytes;
+}
+
+quint32 crc32(const Bytes &bytes)
+{
+    quint32 crc = 0xFFFFFFFF;
+    for (const char c : bytes) {
+        crc ^= quint8(c);
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ (crc & 1 ? 0xEDB88320U : 0);
+    }
+    return ~crc;
+}
+
+/// A 7z whose packed directory claims to become this large.
+Bytes sevenZipWithDirectoryOf(quint64 claimed)
+{
+    const Bytes packed(100, '\0');
+    const Bytes claim = Bytes("\xff", 1) + little(claimed, 8);
+    const Bytes folder("\x01\x23\x03\x01\x01\x05\x5d\x00\x00\x10\x00", 11); // LZMA
+    const Bytes directory = Bytes("\x17\x06\x00\x01\x09\x64\x00\x07\x0b\x01\x00", 11) + folder +
+                            Bytes("\x0c", 1) + claim + Bytes("\x00\x00", 2);
+    const Bytes where = little(quint64(packed.size()), 8) + little(quint64(directory.size()), 8) +
+                        little(crc32(directory), 4);
+    const Bytes start = Bytes("7z\xBC\xAF\x27\x1C\x00\x04", 8) + little(crc32(where), 4) + where;
+    return start + packed + directory;
+}
+
 /// Runs an archiver in `folder`; its output goes to the log when it fails.
 bool runTool(const QString &folder, const QString &program, const QStringList &arguments)
 {
@@ -579,6 +612,66 @@ private Q_SLOTS:
         const int index = reading.find(name);
         QVERIFY(index >= 0);
         QCOMPARE(reading.entries()[std::size_t(index)].nameEncoding, CVNameEncoding::Unmarked);
+    }
+
+    void prefersTheTreeWithTheFiles_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("bid");
+        QTest::addColumn<QString>("format");
+        QTest::newRow("iso") << QStringList{QStringLiteral("-R")} << 40 << "ISO 9660";
+        QTest::newRow("both, long names in either")
+            << QStringList{QStringLiteral("-udf"), QStringLiteral("-J")} << 40 << "ISO 9660";
+        QTest::newRow("both, files in UDF only") << QStringList{QStringLiteral("-udf")} << 70 << "UDF";
+    }
+
+    void prefersTheTreeWithTheFiles()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(int, bid);
+        QFETCH(QString, format);
+        const QString root = m_folder.filePath(QStringLiteral("disc"));
+        QVERIFY(writeFile(root + QStringLiteral("/A longer name.text"), "on a disc"));
+        const QString path = m_folder.filePath(QStringLiteral("disc.iso"));
+        QVERIFY(runTool(root, QStringLiteral("genisoimage"),
+                        QStringList{QStringLiteral("-quiet")} + options +
+                            QStringList{QStringLiteral("-o"), path, QStringLiteral(".")}));
+        Reading reading(path);
+        QCOMPARE(reading.bid, bid);
+        QVERIFY2(reading.opened.engine, qPrintable(reading.opened.detail));
+        QCOMPARE(reading.opened.engine->formatName(), format);
+        const int index = reading.find("A longer name.text");
+        QVERIFY(index >= 0);
+        reading.extractAll();
+        QCOMPARE(reading.sink->records.at(index).bytes, Bytes("on a disc"));
+    }
+
+    void packedFromAPipeIsAFile()
+    {
+        const QString path = m_folder.filePath(QStringLiteral("pipe.7z"));
+        QProcess process;
+        process.start(QStringLiteral("7z"),
+                      {QStringLiteral("a"), QStringLiteral("-bso0"), QStringLiteral("-sidata"), path});
+        process.write("through a pipe");
+        process.closeWriteChannel();
+        QVERIFY(process.waitForFinished(60000) && process.exitCode() == 0);
+        Reading reading(path);
+        reading.extractAll();
+        QCOMPARE(reading.entries().at(0).type, XADEntry::Type::File);
+        QCOMPARE(reading.sink->records.at(0).bytes, Bytes("through a pipe"));
+    }
+
+    void refusesADirectoryThatFillsTheMemory()
+    {
+        const QString path = m_folder.filePath(QStringLiteral("directory.7z"));
+        for (const quint64 claimed : {quint64(1) << 20, quint64(1) << 31, quint64(1) << 62}) {
+            QVERIFY(writeFile(path, sevenZipWithDirectoryOf(claimed)));
+            Reading reading(path);
+            QCOMPARE(reading.bid, 90);
+            // The small one is unpacked, and found to be damaged then.
+            QCOMPARE(reading.opened.code,
+                     claimed > 1 << 28 ? XADErrorCode::NotSupported : XADErrorCode::Damaged);
+        }
     }
 
     void knowsWhatADecoderNeeds_data()
