@@ -27,8 +27,9 @@ using Kind = CVByteStream::Kind;
 constexpr qint64 maxTrailingBytes = qint64(64) << 20;
 constexpr std::size_t maxWriteBytes = std::size_t(1) << 20;
 constexpr int maxRarVolumes = 10000;
+constexpr qsizetype tarBlockBytes = 512;
 
-enum class Format { Raw, Tar, Cpio, Ar, Xar, Rar4, Rar5, Lha, Cab, Iso, Zip, SelfExtracting, Unknown };
+enum class Format { Raw, Tar, Cpio, Ar, Xar, Rar4, Rar5, Lha, Cab, SelfExtracting, Unknown };
 
 QString text(const char *source)
 {
@@ -109,10 +110,6 @@ Format formatOf(const QByteArray &head)
         return Format::Lha;
     if (at(0, "MSCF", 4))
         return Format::Cab;
-    if (at(0, "PK\x03\x04", 4))
-        return Format::Zip;
-    if (at(0x8001, "CD001", 5))
-        return Format::Iso;
     if (isTarHeader(head))
         return Format::Tar;
     if (at(0, "MZ", 2))
@@ -230,6 +227,8 @@ public:
     QString formatName() const override { return name; }
     bool isEncrypted() const override { return false; }
     bool entriesAreLazy() const override { return true; }
+    // The library stumbles over rare methods of rar that are not damaged; unar checks them all the same.
+    bool isDamageFinal() const override { return m_format != Format::Rar4 && m_format != Format::Rar5; }
     QStringList volumePaths() const override { return m_volumes; }
 
     bool compressedProgress(qint64 &done, qint64 &total) const override
@@ -297,15 +296,8 @@ private:
             case Format::Cab:
                 archive_read_support_format_cab(a);
                 break;
-            case Format::Iso:
-                archive_read_support_format_iso9660(a);
-                break;
-            case Format::Zip:
-                archive_read_support_format_zip(a);
-                break;
             case Format::SelfExtracting:
                 archive_read_support_format_lha(a);
-                archive_read_support_format_zip_seekable(a);
                 break;
             case Format::Raw:
             case Format::Unknown:
@@ -333,6 +325,7 @@ private:
         {
             auto &self = *static_cast<Source *>(data);
             const CVByteStream::State state = self.stream->next(self.block);
+            self.noteTail();
             self.engine.m_position = self.stream->position();
             if (state == CVByteStream::State::Damaged || state == CVByteStream::State::NotSupported) {
                 self.streamFailed = state == CVByteStream::State::Damaged ? XADErrorCode::Damaged
@@ -357,6 +350,13 @@ private:
             return {XADErrorCode::Damaged, why};
         }
 
+        void noteTail()
+        {
+            if (!block.isEmpty())
+                endsInZeros =
+                    block.size() >= tarBlockBytes && block.last(tarBlockBytes).count('\0') == tarBlockBytes;
+        }
+
         void notePosition()
         {
             if (!stream)
@@ -371,6 +371,7 @@ private:
             for (qint64 trailing = 0; trailing <= maxTrailingBytes;) {
                 switch (stream->next(block)) {
                 case CVByteStream::State::Data:
+                    noteTail();
                     trailing += block.size();
                     break;
                 case CVByteStream::State::End:
@@ -390,7 +391,8 @@ private:
         std::unique_ptr<CVByteStream> stream;
         QByteArray block;
         XADErrorCode streamFailed = XADErrorCode::None;
-        ArchiveHandle handle; // last: freed before what its callback uses
+        bool endsInZeros = false; ///< as a tar does whose end was not cut off
+        ArchiveHandle handle;     // last: freed before what its callback uses
     };
 
     static XADEntry toEntry(archive_entry *e)
@@ -551,7 +553,11 @@ private:
     {
         if (!rar.files.empty() && all && count != static_cast<int>(rar.files.size()))
             return {XADErrorCode::NotSupported, text("Not all of its entries were found.")};
-        return source.drain(&sink);
+        Outcome end = source.drain(&sink);
+        if (m_format == Format::Tar && end.code == XADErrorCode::None && !source.endsInZeros)
+            end.remark =
+                text("It ends without the mark that ends a tar archive; the rest may have been cut off.");
+        return end;
     }
 
     /// Anything but None ends the archive.
@@ -659,12 +665,6 @@ QString displayName(Format format, Kind kind, bool rpm)
     case Format::Cab:
         base = QStringLiteral("CAB");
         break;
-    case Format::Iso:
-        base = QStringLiteral("ISO 9660");
-        break;
-    case Format::Zip:
-        base = QStringLiteral("ZIP");
-        break;
     case Format::SelfExtracting:
         base = QStringLiteral("self-extracting archive");
         break;
@@ -690,10 +690,8 @@ int bid(const CVArchiveProbe &probe)
     case Format::Rar4:
     case Format::Rar5:
     case Format::Lha:
-    case Format::Iso:
         return 60;
     case Format::Cab:
-    case Format::Zip:
         return 40;
     case Format::SelfExtracting:
         return 20;

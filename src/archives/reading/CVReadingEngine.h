@@ -117,13 +117,15 @@ public:
     struct Outcome
     {
         XADErrorCode code = XADErrorCode::None;
-        QString detail;
+        QString detail = {};
+        /// Everything that is there was delivered, yet something about the archive is not as it should be.
+        QString remark = {};
     };
     virtual Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) = 0;
 
     /// A damaged entry is damaged, whatever another reader makes of it: this one checks all that the format
     /// offers, and one that checks less would only pass the same data off as good.
-    virtual bool isDamageFinal() const { return false; }
+    virtual bool isDamageFinal() const { return true; }
 
     /// Sum of the sizes to extract where the engine knows it without a list; 0: not known.
     virtual qint64 declaredTotal() const { return 0; }
@@ -147,7 +149,7 @@ struct CVEngineDescriptor
     {
         std::unique_ptr<CVReadingEngine> engine; ///< null on failure
         XADErrorCode code = XADErrorCode::None;
-        QString detail;
+        QString detail = {};
         /// The damage is proven by a checksum or by what is missing: no other engine is asked, since one
         /// that notices less would only hide it.
         bool damageIsCertain = false;

@@ -729,7 +729,8 @@ void CVSafeWriter::removeLeavingLinks(std::unordered_map<std::string, PendingLin
 {
     if (made.empty())
         return;
-    // A single top-level folder is delivered by itself, so its links must not lead to what then lies beside it.
+    // A single top-level folder is delivered by itself, so its links must not lead to what then lies beside
+    // it.
     const std::vector<QByteArray> top = m_destination.topLevelNames(2);
     const std::size_t floor = top.size() == 1 && m_destination.existingFolder(top[0]) ? 1 : 0;
 

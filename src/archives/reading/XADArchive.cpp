@@ -466,8 +466,13 @@ XADErrorCode XADArchive::extractIndices(const std::vector<int> &indices, bool al
         attempt = first;
         if (d->delegate && attempt.failedEntry >= 0)
             d->delegate->archiveExtractionOfEntryDidFail(*this, attempt.failedEntry, attempt.code);
-    }
+    } else if (first.code == XADErrorCode::Damaged && attempt.code == XADErrorCode::None)
+        attempt.remark =
+            text("One reader found damage in it (%1); what was delivered passed the checks of another.")
+                .arg(first.text);
     d->skipped = std::move(attempt.skipped);
+    if (!attempt.remark.isEmpty())
+        d->skipped.push_back({QFileInfo(path()).fileName(), attempt.remark, XADErrorCode::NotMade});
     d->errorText = attempt.text;
     d->systemError = attempt.systemError;
     return attempt.code;
@@ -557,6 +562,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
 
     attempt.code = outcome.code;
     attempt.text = outcome.detail;
+    attempt.remark = outcome.remark;
     if (writer.outcome() != XADErrorCode::None) {
         attempt.code = writer.outcome();
         attempt.text = writer.outcomeText();

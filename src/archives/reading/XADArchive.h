@@ -105,6 +105,7 @@ private:
         int systemError = 0;
         std::vector<CVSkippedEntry> skipped;
         int failedEntry = -1;
+        QString remark;
         bool mayDoBetter = false;   ///< another engine is left and could read what this one could not
         bool needsAllNames = false; ///< stopped early: the charset has to be chosen from all names first
     };
