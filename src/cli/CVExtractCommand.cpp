@@ -74,6 +74,7 @@ void CVExtractCommand::cancel()
 {
     m_interrupted = true;
     m_terminal.interrupt();
+    m_terminal.message(u"cancelled"_s);
     if (m_current)
         m_current->cancel();
 }
@@ -158,7 +159,10 @@ void CVExtractCommand::run(const std::shared_ptr<CVOperation> &operation,
     if (const auto *extraction = dynamic_cast<const CVExtractArchivesOperation *>(operation.get())) {
         for (const QString &path : extraction->destinationPaths()) {
             ++m_delivered;
-            m_terminal.printResult(path);
+            if (!m_terminal.printResult(path) && !m_outputGone) {
+                m_outputGone = true;
+                m_terminal.message(u"the results could not be printed: %1"_s.arg(systemText(errno)));
+            }
         }
     }
 }
@@ -225,6 +229,8 @@ int CVExtractCommand::open(const CVTerminalArguments &arguments)
         const QString reason = reasonNotToOpen(path);
         if (!reason.isEmpty() && reason != u"is a folder") {
             m_terminal.message(u"%1: %2"_s.arg(given, reason));
+            if (!given.contains(u'/') && !given.contains(u'.') && !QFile::exists(path))
+                m_terminal.detail(u"It is no command either; see “corvane --help”."_s);
             onlyArchives = false;
         } else if (!reason.isEmpty() || !CVArchive::isExtractableExtension(archivePathExtension(path))) {
             m_terminal.message(u"“%1” is no archive by its name"_s.arg(given));

@@ -51,4 +51,5 @@ private:
     bool m_passwordLacked = false;
     bool m_interrupted = false;
     bool m_cancelled = false;
+    bool m_outputGone = false;
 };

@@ -12,6 +12,7 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -209,6 +210,8 @@ bool CVListCommand::print(const QString &path, XADArchive &archive)
         m_buffer.append(",\"entries\":[");
         break;
     case Form::Table:
+        if (std::exchange(m_printedBefore, true))
+            m_buffer.append('\n');
         appendTerminalText(m_buffer, path);
         m_buffer.append(" (");
         appendTerminalText(m_buffer, archive.formatName());
@@ -255,7 +258,7 @@ bool CVListCommand::print(const QString &path, XADArchive &archive)
         };
         m_buffer.append(LXBytesValueTransformer::formatBytes(bytes).toUtf8());
         m_buffer.append(" in " + counted(count - folders, "file", "files"));
-        m_buffer.append(" and " + counted(folders, "folder", "folders") + "\n\n");
+        m_buffer.append(" and " + counted(folders, "folder", "folders") + "\n");
     }
     return flush(0);
 }

@@ -50,6 +50,7 @@ private:
     const Form m_form;
     std::stop_token m_stop;
     QByteArray m_buffer;
+    bool m_printedBefore = false;
 
     // Of the archive being opened.
     QString m_path;

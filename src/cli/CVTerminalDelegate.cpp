@@ -78,8 +78,11 @@ CVAlertResult CVTerminalDelegate::operationNeedsToAskWhetherToContinueAfterArchi
 bool CVTerminalDelegate::operationNeedsToAskWhetherToExceedLimit(CVOperation *, const QString &archivePath,
                                                                  const QString &explanation)
 {
+    // Without an answer the archive fails, and the failure gives the same explanation.
+    if (!m_terminal.canAsk())
+        return false;
     m_terminal.message(u"“%1”: %2"_s.arg(LXDisplay::displayName(archivePath), explanation));
-    return m_terminal.canAsk() && m_terminal.askYesNo(u"Extract it nevertheless?"_s);
+    return m_terminal.askYesNo(u"Extract it nevertheless?"_s);
 }
 
 void CVTerminalDelegate::operationNeedsToShowError(CVOperation *, const LXError &error)

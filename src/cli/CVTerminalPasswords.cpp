@@ -126,5 +126,8 @@ std::optional<QString> CVTerminalPasswords::takeFromEnvironment()
     // unsetenv alone leaves the text where the kernel shows it as /proc/<pid>/environ.
     ::explicit_bzero(value, std::strlen(value));
     ::unsetenv(name);
+    // Set to nothing is how scripts unset a variable.
+    if (password.isEmpty())
+        return std::nullopt;
     return password;
 }

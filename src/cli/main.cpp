@@ -71,6 +71,7 @@ int runList(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
             ::_exit(cancelledStatus);
         }
         terminal.interrupt();
+        terminal.message(u"cancelled"_s);
     });
     QCoreApplication::exec();
     worker.join();

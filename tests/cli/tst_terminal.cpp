@@ -236,15 +236,15 @@ void tst_terminal::listsAsJson()
     QDir(m_root->path()).mkdir(u"docs"_s);
     write(u"docs/a \"b\""_s, "12345");
     QVERIFY(QFile::link(u"a \"b\""_s, path(u"docs/link"_s)));
-    archive(u"x.7z"_s, {u"docs"_s});
+    archive(u"x.tar"_s, {u"docs"_s}, {u"-ttar"_s});
     write(u"c"_s, "");
     archive(u"y.zip"_s, {u"c"_s});
-    const TerminalRun run = corvane({u"list"_s, u"--json"_s, u"x.7z"_s, u"y.zip"_s});
+    const TerminalRun run = corvane({u"list"_s, u"--json"_s, u"x.tar"_s, u"y.zip"_s});
     QVERIFY2(run.exitCode == 0, run.err.constData());
     const QStringList lines = run.outLines();
     QCOMPARE(lines.size(), 2);
     const QJsonObject object = QJsonDocument::fromJson(lines[0].toUtf8()).object();
-    QCOMPARE(object[u"path"_s].toString(), u"x.7z"_s);
+    QCOMPARE(object[u"path"_s].toString(), u"x.tar"_s);
     QCOMPARE(object[u"encrypted"_s].toBool(true), false);
     QVERIFY(!object[u"format"_s].toString().isEmpty());
     QHash<QString, QJsonObject> entries;
@@ -257,6 +257,7 @@ void tst_terminal::listsAsJson()
     QVERIFY(QDateTime::fromString(entries[u"docs/a \"b\""_s][u"modified"_s].toString(), Qt::ISODate)
                 .secsTo(QDateTime::currentDateTime()) < 3600);
     QCOMPARE(entries[u"docs/link"_s][u"type"_s].toString(), u"symlink"_s);
+    QCOMPARE(entries[u"docs/link"_s][u"target"_s].toString(), u"a \"b\""_s);
     QCOMPARE(QJsonDocument::fromJson(lines[1].toUtf8()).object()[u"path"_s].toString(), u"y.zip"_s);
 }
 
