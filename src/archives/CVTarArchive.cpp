@@ -287,7 +287,9 @@ void CVTarArchive::extractCommand()
         flag = compressionFlagForHead(file.read(512));
         file.seek(0);
     }
+    // tar takes an archive without its end mark in silence; the reader says that something may be missing.
     const bool mayBeEmptied =
+        (flag || endsWithMark(file)) &&
         QDir(extractDestination)
             .isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     if (mayBeEmptied) {
@@ -305,6 +307,17 @@ void CVTarArchive::extractCommand()
     }
     file.close();
     extractWithReader();
+}
+
+bool CVTarArchive::endsWithMark(QFile &file)
+{
+    constexpr qint64 blockBytes = 512;
+    const qint64 size = file.size();
+    if (size < blockBytes || !file.seek(size - blockBytes))
+        return false;
+    const QByteArray last = file.read(blockBytes);
+    file.seek(0);
+    return last.count('\0') == last.size();
 }
 
 CVTarArchive::ToolResult CVTarArchive::extractWithTool(const QString &command, QFile &file, qint64 fileSize)

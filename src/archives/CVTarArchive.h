@@ -53,6 +53,8 @@ protected:
 private:
     /// How the tool got on with the archive.
     enum class ToolResult { Done, Odd, Cancelled };
+    /// An uncompressed tar ends in blocks of zeros. Leaves the file at its start.
+    static bool endsWithMark(class QFile &file);
     ToolResult extractWithTool(const QString &command, class QFile &file, qint64 fileSize);
     void extractWithReader();
     std::stop_token freshStopToken();

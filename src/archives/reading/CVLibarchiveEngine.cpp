@@ -579,7 +579,7 @@ private:
             source.notePosition();
             if (result == ARCHIVE_EOF)
                 break;
-            if (result < ARCHIVE_WARN) {
+            if (result != ARCHIVE_OK) { // a checksum that does not fit is but a warning for some formats
                 const Outcome failed = source.failure();
                 const Outcome ended = finish(failed.code, failed.detail);
                 return result == ARCHIVE_FATAL && ended.code == XADErrorCode::None ? failed : ended;
