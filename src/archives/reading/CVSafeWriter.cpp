@@ -3,6 +3,7 @@
 #include "archives/reading/CVSafePath.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QLoggingCategory>
 
 #include <algorithm>
@@ -326,7 +327,44 @@ CVSafeWriter::CVSafeWriter(CVDestination &destination, const CVReadingEngine &en
     , m_umask(currentUmask())
 {}
 
-CVSafeWriter::~CVSafeWriter() = default;
+CVSafeWriter::~CVSafeWriter()
+{
+    removeStaging();
+}
+
+QString CVSafeWriter::stagingFolder()
+{
+    const std::lock_guard lock(m_mutex);
+    char folder[4097];
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(m_destination.rootFd());
+    const ssize_t size = ::readlink(link.constData(), folder, sizeof folder - 1);
+    if (size <= 0)
+        return {};
+    if (m_staging.isEmpty()) {
+        // CVSafePath refuses entries of such names, and a folder that is there already is somebody else's.
+        static std::atomic<unsigned> counter = 0;
+        const QByteArray name =
+            ".corvane-staging-" + QByteArray::number(::getpid()) + '-' + QByteArray::number(++counter);
+        if (::mkdirat(m_destination.rootFd(), name.constData(), 0700) != 0)
+            return {};
+        m_staging = name;
+    }
+    return QFile::decodeName(QByteArray(folder, size) + '/' + m_staging);
+}
+
+void CVSafeWriter::removeStaging()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_staging.isEmpty())
+        return;
+    const int root = m_destination.rootFd();
+    const LXFileDescriptor staging(
+        ::openat(root, m_staging.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (staging.isOpen())
+        cvRemoveContents(staging.get());
+    ::unlinkat(root, m_staging.constData(), AT_REMOVEDIR);
+    m_staging.clear();
+}
 
 const XADEntry &CVSafeWriter::entry(int index) const
 {
@@ -800,6 +838,7 @@ void CVSafeWriter::removeLeavingLinks(std::unordered_map<std::string, PendingLin
 
 void CVSafeWriter::finishTree()
 {
+    removeStaging();
     if (m_outcome.load() == static_cast<int>(XADErrorCode::None)) {
         makeHardLinks();
         makeSymlinks();

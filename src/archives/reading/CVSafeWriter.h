@@ -60,6 +60,8 @@ public:
     std::unique_ptr<CVEntryWriter> beginEntry(int index) override;
     CVEntryWriter::Flow entryFailed(int index, XADErrorCode code, const QString &detail) override;
     bool shouldStop() override;
+    /// In the destination, hidden under a name that no entry can have; gone before finishTree() looks at it.
+    QString stagingFolder() override;
 
     /// Makes the links, then sets the modes and times of folders.
     void finishTree();
@@ -110,6 +112,7 @@ private:
     void removeLeavingLinks(std::unordered_map<std::string, PendingLink> &made);
     std::uint32_t fileMode(const XADEntry &entry) const;
     void reportProgress(bool force);
+    void removeStaging();
 
     CVDestination &m_destination;
     const CVReadingEngine &m_engine;
@@ -130,5 +133,6 @@ private:
     std::vector<CVSkippedEntry> m_skipped;
     std::vector<PendingLink> m_links;
     std::vector<PendingFolder> m_folders;
+    QByteArray m_staging;       // its name in the destination; empty: none
     std::mutex m_callbackMutex; // callbacks come one at a time
 };

@@ -13,6 +13,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QJsonArray>
 #include <QLoggingCategory>
 #include <QRegularExpression>
@@ -309,7 +310,12 @@ private:
 Listing CVUnarEngine::list(const QString &encoding, const std::optional<QString> &password)
 {
     Listing listing;
+    QHash<QString, bool> seen;
     CVLsarListing parser([&](const QJsonObject &object) {
+        // Disk images of the Amiga are shown with some entries twice: the same object under two indices.
+        const QString identity = object.value(QLatin1String("LibXADFileInfo")).toString();
+        if (!identity.isEmpty() && std::exchange(seen[identity], true))
+            return true;
         listing.items.push_back(itemFrom(object));
         return listing.items.size() <= maxEntries;
     });

@@ -182,6 +182,28 @@ private Q_SLOTS:
         QCOMPARE(path.reason.isEmpty(), !written.isEmpty());
     }
 
+    void stagingIsPrivateAndGoes()
+    {
+        QTemporaryDir folder;
+        ListedEngine engine;
+        CVDestination destination(folder.path().toUtf8());
+        QString staging;
+        {
+            CVSafeWriter writer(destination, engine, cautious(), {});
+            staging = writer.stagingFolder();
+            QCOMPARE(writer.stagingFolder(), staging);
+            QCOMPARE(QFileInfo(staging).absolutePath(), QFileInfo(folder.path()).canonicalFilePath());
+            QCOMPARE(QFileInfo(staging).permissions() & (QFile::ReadGroup | QFile::ReadOther),
+                     QFile::Permissions());
+            QVERIFY(QDir(staging).mkpath(QStringLiteral("a/b")));
+            writer.finishTree();
+            QVERIFY(!QFileInfo::exists(staging));
+            staging = writer.stagingFolder();
+            QVERIFY(QFileInfo::exists(staging));
+        }
+        QVERIFY(!QFileInfo::exists(staging));
+    }
+
     void folderThatIsTheDestination()
     {
         QCOMPARE(CVSafePath::fromName("./", true).verdict, CVSafePath::Verdict::Destination);
