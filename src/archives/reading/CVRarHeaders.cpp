@@ -1,63 +1,80 @@
 #include "archives/reading/CVRarHeaders.h"
 
-#include "util/LXFileDescriptor.h"
+#include "archives/reading/CVArchiveSource.h"
 
-#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QtEndian>
 
 #include <algorithm>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <zlib.h>
 
 namespace {
 
-// The format's own limit for a RAR 5 header; RAR 4 headers have 16-bit sizes.
-constexpr qint64 maxHeaderBytes = qint64(2) << 20;
-// More entries than this no archive has; a chain of tiny blocks must not take forever.
-constexpr std::size_t maxFiles = 4'000'000;
+using namespace Qt::StringLiterals;
 
-class Reader
+constexpr QByteArrayView signature4("Rar!\x1a\x07\0", 7);
+constexpr QByteArrayView signature5("Rar!\x1a\x07\x01\0", 8);
+// Headers hold a name and some records; the format allows 2 MiB.
+constexpr qint64 maxHeaderBytes = qint64(2) << 20;
+// A hostile file could otherwise fill the memory with headers of a few bytes.
+constexpr std::size_t maxFiles = 4'000'000;
+constexpr int maxVolumes = 10'000;
+
+/// Little-endian fields of one header, never beyond its end.
+class Fields
 {
 public:
-    explicit Reader(const QString &path)
-        : m_fd(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC))
+    explicit Fields(QByteArrayView bytes)
+        : m_bytes(bytes)
+    {}
+
+    bool isGood() const { return m_good; }
+    qsizetype left() const { return m_bytes.size() - m_at; }
+
+    template <typename T> T number()
     {
-        struct stat info;
-        if (m_fd.isOpen() && ::fstat(m_fd.get(), &info) == 0)
-            m_size = info.st_size;
-    }
-    qint64 size() const { return m_size; }
-    /// Empty when not all of it is there.
-    QByteArray at(qint64 offset, qint64 size) const
-    {
-        if (offset < 0 || size < 0 || offset > m_size || size > m_size - offset)
-            return {};
-        QByteArray bytes(static_cast<qsizetype>(size), Qt::Uninitialized);
-        qint64 got = 0;
-        while (got < size) {
-            const ssize_t n =
-                ::pread(m_fd.get(), bytes.data() + got, static_cast<std::size_t>(size - got), offset + got);
-            if (n <= 0)
-                return {};
-            got += n;
+        if (left() < static_cast<qsizetype>(sizeof(T))) {
+            m_good = false;
+            return 0;
         }
-        return bytes;
+        const T value = qFromLittleEndian<T>(m_bytes.data() + m_at);
+        m_at += static_cast<qsizetype>(sizeof(T));
+        return value;
+    }
+
+    /// Seven bits a byte, the last byte has its top bit clear.
+    std::uint64_t varInt()
+    {
+        std::uint64_t value = 0;
+        for (int shift = 0; shift < 70 && left() > 0; shift += 7) {
+            const auto byte = static_cast<unsigned char>(m_bytes[m_at++]);
+            if (shift < 64)
+                value |= std::uint64_t(byte & 0x7f) << shift;
+            if ((byte & 0x80) == 0)
+                return value;
+        }
+        m_good = false;
+        return 0;
+    }
+
+    QByteArrayView bytes(std::uint64_t size)
+    {
+        if (size > static_cast<std::uint64_t>(left())) {
+            m_good = false;
+            return {};
+        }
+        const QByteArrayView part = m_bytes.sliced(m_at, static_cast<qsizetype>(size));
+        m_at += part.size();
+        return part;
     }
 
 private:
-    LXFileDescriptor m_fd;
-    qint64 m_size = -1;
+    QByteArrayView m_bytes;
+    qsizetype m_at = 0;
+    bool m_good = true;
 };
-
-std::uint64_t little(const QByteArray &bytes, qsizetype offset, int count)
-{
-    std::uint64_t value = 0;
-    for (int i = 0; i < count; ++i)
-        if (offset + i < bytes.size())
-            value |= std::uint64_t(static_cast<unsigned char>(bytes[offset + i])) << (8 * i);
-    return value;
-}
 
 std::uint32_t crcOf(QByteArrayView bytes)
 {
@@ -65,267 +82,336 @@ std::uint32_t crcOf(QByteArrayView bytes)
         ::crc32(0, reinterpret_cast<const Bytef *>(bytes.data()), static_cast<uInt>(bytes.size())));
 }
 
-/// RAR 5's variable-length numbers.
-class Numbers
+class HeaderReader
 {
 public:
-    Numbers(const QByteArray &bytes, qsizetype at, qsizetype end)
-        : m_bytes(bytes)
-        , m_at(at)
-        , m_end(std::min(end, bytes.size()))
+    HeaderReader(const CVArchiveSource &source, CVRarHeaders &result)
+        : m_source(source)
+        , m_result(result)
     {}
-    std::uint64_t next()
-    {
-        std::uint64_t value = 0;
-        for (int shift = 0; shift < 64 && m_at < m_end; shift += 7) {
-            const auto byte = static_cast<unsigned char>(m_bytes[m_at++]);
-            value |= std::uint64_t(byte & 0x7f) << shift;
-            if (!(byte & 0x80))
-                return value;
-        }
-        ok = false;
-        return 0;
-    }
-    std::uint64_t fixed(int count)
-    {
-        if (m_end - m_at < count) {
-            ok = false;
-            return 0;
-        }
-        const std::uint64_t value = little(m_bytes, m_at, count);
-        m_at += count;
-        return value;
-    }
-    void skip(std::uint64_t count)
-    {
-        if (count > std::uint64_t(m_end - m_at))
-            ok = false;
-        else
-            m_at += static_cast<qsizetype>(count);
-    }
-    qsizetype at() const { return m_at; }
-    bool atEnd() const { return m_at >= m_end; }
-    bool ok = true;
 
-private:
-    const QByteArray &m_bytes;
-    qsizetype m_at;
-    qsizetype m_end;
-};
+    using State = CVRarHeaders::State;
 
-class Parser
-{
-public:
-    CVRarHeaders result;
-
-    bool volume4(const Reader &file, qint64 offset, bool first)
+    /// One volume, from its signature at `start` up to `end`.
+    State readVolume(qint64 start, qint64 end, bool first)
     {
-        offset += 7;
-        while (offset < file.size()) {
-            const QByteArray fixed = file.at(offset, 7);
-            if (fixed.isEmpty())
-                return fail("A block header is cut off.");
-            const int type = static_cast<unsigned char>(fixed[2]);
-            const auto flags = static_cast<unsigned>(little(fixed, 3, 2));
-            const auto size = static_cast<qint64>(little(fixed, 5, 2));
-            if (size < 7)
-                return fail("A block header is too short.");
-            const QByteArray header = file.at(offset, size);
-            if (header.isEmpty())
-                return fail("A block header is cut off.");
-            const bool hasComment =
-                type == 0x73 && (flags & 0x0002); // an old comment lies inside, outside of the CRC
-            if (type != 0x72 && !hasComment &&
-                (crcOf(QByteArrayView(header).sliced(2)) & 0xffff) != little(header, 0, 2)) {
-                const bool fileComment = type == 0x74 && (flags & 0x0008);
-                if (!fileComment && type >= 0x73 && type <= 0x7b)
-                    return fail("The checksum of a header does not fit.");
+        m_at = start;
+        m_end = end;
+        m_result.wantsNextVolume = false;
+        const QByteArray mark = bytesAt(m_at, signature5.size());
+        if (mark.startsWith("RE\x7e\x5e"))
+            return State::Unsupported;
+        const bool five = mark == signature5;
+        if (!five && !mark.startsWith(signature4))
+            return first ? State::NotRar : State::Damaged;
+        const int generation = five ? 5 : 4;
+        if (!first && generation != m_result.generation)
+            return State::Damaged;
+        m_result.generation = generation;
+        m_at += five ? signature5.size() : signature4.size();
+        bool ended = false;
+        while (!ended) {
+            if (m_at == m_end) {
+                // Old archives have no end header; there, a file that goes on says so itself.
+                if (five)
+                    return State::Damaged;
+                m_result.wantsNextVolume = !m_result.files.empty() && !m_result.files.back().isComplete;
+                break;
             }
-            qint64 data = (flags & 0x8000) ? static_cast<qint64>(little(header, 7, 4)) : 0;
-            if (type == 0x73) {
-                result.solid |= (flags & 0x0008) != 0;
-                result.multiVolume |= (flags & 0x0001) != 0;
-                if (flags & 0x0080) {
-                    result.headersEncrypted = true;
-                    return fail("The names are encrypted.");
-                }
-            } else if (type == 0x74 || type == 0x7a) {
-                if (size < 32)
-                    return fail("A file header is too short.");
-                data = static_cast<qint64>(little(header, 7, 4));
-                CVRarHeaders::File entry;
-                entry.size = static_cast<qint64>(little(header, 11, 4));
-                const auto host = static_cast<unsigned char>(header[15]);
-                entry.crc32 = static_cast<std::uint32_t>(little(header, 16, 4));
-                entry.version = static_cast<unsigned char>(header[24]);
-                entry.stored = static_cast<unsigned char>(header[25]) == 0x30;
-                const auto attributes = static_cast<std::uint32_t>(little(header, 28, 4));
-                if (flags & 0x0100) {
-                    if (size < 40)
-                        return fail("A file header is too short.");
-                    data |= static_cast<qint64>(little(header, 32, 4) << 32);
-                    entry.size |= static_cast<qint64>(little(header, 36, 4) << 32);
-                }
-                if (entry.size == 0xffffffff && !(flags & 0x0100))
-                    entry.size = -1;
-                if (data < 0)
-                    return fail("A size is out of range.");
-                entry.encrypted = (flags & 0x0004) != 0;
-                entry.isDirectory =
-                    (flags & 0x00e0) == 0x00e0 || (host == 3 && (attributes & 0170000) == 0040000);
-                entry.isLink = host == 3 && (attributes & 0170000) == 0120000;
-                result.solid |= (flags & 0x0010) != 0;
-                if (type == 0x74 && !add(entry, flags & 0x0001, flags & 0x0002))
-                    return false;
-            } else if (type == 0x7b) {
-                m_nextVolume = (flags & 0x0001) != 0;
-                m_sawEnd = true;
-                return true;
-            } else if (type < 0x72 || type > 0x7b) {
-                // Padding or foreign data after the last block.
-                return first && result.files.empty() ? fail("It holds no files.") : true;
-            }
-            offset += size + data;
+            const State state = five ? readBlock5(first, ended) : readBlock4(first, ended);
+            if (state != State::Good)
+                return state;
+            if (m_result.files.size() > maxFiles)
+                return State::Unsupported;
         }
-        return offset == file.size() || !m_openFile ? true : fail("The data is cut off.");
-    }
-
-    bool volume5(const Reader &file, qint64 offset)
-    {
-        offset += 8;
-        while (offset < file.size()) {
-            const QByteArray lead = file.at(offset, std::min<qint64>(file.size() - offset, 4 + 3));
-            if (lead.size() < 6)
-                return fail("A block header is cut off.");
-            Numbers size(lead, 4, lead.size());
-            const auto length = static_cast<qint64>(size.next());
-            if (!size.ok || length <= 0 || length > maxHeaderBytes)
-                return fail("A block header has no valid size.");
-            const QByteArray header = file.at(offset, size.at() + length);
-            if (header.isEmpty())
-                return fail("A block header is cut off.");
-            if (crcOf(QByteArrayView(header).sliced(4)) != little(header, 0, 4))
-                return fail("The checksum of a header does not fit.");
-            Numbers n(header, size.at(), header.size());
-            const std::uint64_t type = n.next();
-            const std::uint64_t flags = n.next();
-            const std::uint64_t extra = (flags & 1) ? n.next() : 0;
-            const std::uint64_t data = (flags & 2) ? n.next() : 0;
-            if (!n.ok || data > std::uint64_t(1) << 62 || extra > std::uint64_t(header.size()))
-                return fail("A block header is damaged.");
-            if (type == 4) {
-                result.headersEncrypted = true;
-                return fail("The names are encrypted.");
-            }
-            if (type == 1) {
-                const std::uint64_t archiveFlags = n.next();
-                result.multiVolume |= (archiveFlags & 1) != 0;
-                result.solid |= (archiveFlags & 4) != 0;
-            } else if (type == 2) {
-                CVRarHeaders::File entry;
-                const std::uint64_t fileFlags = n.next();
-                entry.size = static_cast<qint64>(n.next());
-                n.next(); // attributes
-                if (fileFlags & 2)
-                    n.fixed(4);
-                if (fileFlags & 4)
-                    entry.crc32 = static_cast<std::uint32_t>(n.fixed(4));
-                const std::uint64_t compression = n.next();
-                n.next(); // host
-                n.skip(n.next());
-                if (!n.ok || entry.size < 0)
-                    return fail("A file header is damaged.");
-                if (fileFlags & 8)
-                    entry.size = -1;
-                entry.isDirectory = (fileFlags & 1) != 0;
-                entry.stored = ((compression >> 7) & 7) == 0;
-                entry.version = (compression & 0x3f) == 0 ? 50 : 70;
-                Numbers records(header, header.size() - static_cast<qsizetype>(extra), header.size());
-                while (!records.atEnd()) {
-                    const std::uint64_t recordSize = records.next();
-                    const qsizetype begin = records.at();
-                    const std::uint64_t recordType = records.next();
-                    if (!records.ok || recordSize < std::uint64_t(records.at() - begin))
-                        return fail("A file header is damaged.");
-                    entry.encrypted |= recordType == 1;
-                    entry.isLink |= recordType == 5;
-                    records.skip(recordSize - std::uint64_t(records.at() - begin));
-                }
-                if (!add(entry, flags & 8, flags & 16))
-                    return false;
-            } else if (type == 5) {
-                m_nextVolume = (n.next() & 1) != 0;
-                m_sawEnd = true;
-                return true;
-            }
-            offset += header.size() + static_cast<qint64>(data);
-        }
-        return offset == file.size() ? true : fail("The data is cut off.");
-    }
-
-    bool fail(const char *why)
-    {
-        result.problem = QString::fromLatin1(why);
-        return false;
-    }
-
-    bool ended() const { return !m_openFile && !(m_sawEnd && m_nextVolume); }
-
-    void startVolume()
-    {
-        m_sawEnd = false;
-        m_nextVolume = false;
+        return State::Good;
     }
 
 private:
-    // A file that spans volumes has a header in each; the last one carries the checksum of the whole.
-    bool add(const CVRarHeaders::File &entry, bool before, bool after)
+    QByteArray bytesAt(qint64 offset, qint64 size) const
     {
-        if (before) {
-            if (!m_openFile || result.files.empty()) {
-                result.missingVolume = true;
-                return fail("The set begins in the middle.");
-            }
-            result.files.back().crc32 = entry.crc32;
-        } else {
-            if (result.files.size() >= maxFiles)
-                return fail("It holds too many files.");
-            result.files.push_back(entry);
-        }
-        m_openFile = after;
+        QByteArray bytes(std::clamp<qint64>(std::min(size, m_end - offset), 0, maxHeaderBytes),
+                         Qt::Uninitialized);
+        bytes.truncate(std::max<qint64>(m_source.readAt(offset, bytes.data(), bytes.size()), 0));
+        return bytes;
+    }
+
+    /// Passes over header and data; false when they reach beyond the volume.
+    bool advance(std::uint64_t header, std::uint64_t data)
+    {
+        const auto left = static_cast<std::uint64_t>(m_end - m_at);
+        if (header > left || data > left - header)
+            return false;
+        m_at += static_cast<qint64>(header + data);
         return true;
     }
 
-    bool m_openFile = false;
-    bool m_sawEnd = false;
-    bool m_nextVolume = false;
+    void add(CVRarFile file, bool splitBefore, bool splitAfter)
+    {
+        file.isComplete = !splitAfter;
+        if (splitBefore && !m_result.files.empty() && !m_result.files.back().isComplete) {
+            // Only the last part has the check sum of the whole.
+            CVRarFile &whole = m_result.files.back();
+            whole.packedSize += file.packedSize;
+            whole.crc32 = file.crc32;
+            whole.isComplete = file.isComplete;
+            whole.isEncrypted = whole.isEncrypted || file.isEncrypted;
+            return;
+        }
+        if (splitBefore)
+            m_result.isFirstVolume = false;
+        m_result.files.push_back(std::move(file));
+    }
+
+    State readBlock4(bool first, bool &ended)
+    {
+        enum Type { Main = 0x73, File = 0x74, NewSub = 0x7a, End = 0x7b };
+        const QByteArray start = bytesAt(m_at, 7);
+        if (start.size() < 7)
+            return State::Damaged;
+        Fields base(start);
+        const auto crc = base.number<std::uint16_t>();
+        const int type = base.number<std::uint8_t>();
+        const auto flags = base.number<std::uint16_t>();
+        const auto size = base.number<std::uint16_t>();
+        if (size < 7 || type < 0x72 || type > 0x7b)
+            return State::Damaged;
+        const QByteArray header = bytesAt(m_at, size);
+        if (header.size() < size)
+            return State::Damaged;
+        const bool hasData = (flags & 0x8000) != 0 || type == File || type == NewSub;
+        Fields fields(QByteArrayView(header).sliced(7));
+        std::uint64_t dataSize = hasData ? fields.number<std::uint32_t>() : 0;
+        if (type == Main || type == File) {
+            // A comment inside the header is not part of its check sum.
+            if ((flags & (type == Main ? 0x0002 : 0x0008)) != 0)
+                return State::Unsupported;
+            if ((crcOf(QByteArrayView(header).sliced(2)) & 0xffff) != crc)
+                return State::Damaged;
+        }
+        if (type == Main) {
+            m_result.isVolume = (flags & 0x0001) != 0;
+            m_result.isSolid = (flags & 0x0008) != 0;
+            if (first) {
+                m_result.usesPartNumbers = (flags & 0x0010) != 0;
+                m_result.isFirstVolume = !m_result.isVolume || (flags & 0x0100) != 0;
+            }
+            if ((flags & 0x0080) != 0)
+                return State::HeadersEncrypted;
+        } else if (type == File) {
+            CVRarFile file;
+            std::uint64_t unpacked = fields.number<std::uint32_t>();
+            const int host = fields.number<std::uint8_t>();
+            file.crc32 = fields.number<std::uint32_t>();
+            fields.number<std::uint32_t>(); // time
+            file.unpackVersion = fields.number<std::uint8_t>();
+            file.isStored = fields.number<std::uint8_t>() == 0x30;
+            const auto nameSize = fields.number<std::uint16_t>();
+            fields.number<std::uint32_t>(); // attributes
+            if ((flags & 0x0100) != 0) {
+                dataSize |= std::uint64_t(fields.number<std::uint32_t>()) << 32;
+                unpacked |= std::uint64_t(fields.number<std::uint32_t>()) << 32;
+            }
+            file.name = fields.bytes(nameSize).toByteArray();
+            if (!fields.isGood() || dataSize >> 62 != 0 || unpacked >> 63 != 0)
+                return State::Damaged;
+            file.packedSize = static_cast<qint64>(dataSize);
+            file.size = static_cast<qint64>(unpacked);
+            file.isDirectory = (flags & 0x00e0) == 0x00e0;
+            file.isEncrypted = (flags & 0x0004) != 0;
+            file.isSolid = (flags & 0x0010) != 0;
+            file.hasUnicodeName = (flags & 0x0200) != 0;
+            file.isUnixHost = host == 3;
+            add(std::move(file), (flags & 0x0001) != 0, (flags & 0x0002) != 0);
+        } else if (type == End) {
+            m_result.wantsNextVolume = (flags & 0x0001) != 0;
+            ended = true;
+            return State::Good;
+        }
+        return advance(size, dataSize) ? State::Good : State::Damaged;
+    }
+
+    State readBlock5(bool first, bool &ended)
+    {
+        enum Type { Main = 1, File = 2, Service = 3, Encryption = 4, End = 5 };
+        const QByteArray start = bytesAt(m_at, 7);
+        Fields base(start);
+        const auto crc = base.number<std::uint32_t>();
+        const std::uint64_t size = base.varInt();
+        if (!base.isGood() || size == 0 || size > static_cast<std::uint64_t>(maxHeaderBytes) - 8)
+            return State::Damaged;
+        const qint64 sizeBytes = start.size() - base.left() - 4;
+        const std::uint64_t headerSize = 4 + static_cast<std::uint64_t>(sizeBytes) + size;
+        const QByteArray header = bytesAt(m_at, static_cast<qint64>(headerSize));
+        if (static_cast<std::uint64_t>(header.size()) < headerSize ||
+            crcOf(QByteArrayView(header).sliced(4)) != crc)
+            return State::Damaged;
+        Fields fields(QByteArrayView(header).sliced(4 + sizeBytes));
+        const std::uint64_t type = fields.varInt();
+        const std::uint64_t flags = fields.varInt();
+        const std::uint64_t extraSize = (flags & 1) != 0 ? fields.varInt() : 0;
+        const std::uint64_t dataSize = (flags & 2) != 0 ? fields.varInt() : 0;
+        if (!fields.isGood())
+            return State::Damaged;
+        if (type == Encryption)
+            return State::HeadersEncrypted;
+        if (type == End) {
+            m_result.wantsNextVolume = (fields.varInt() & 1) != 0;
+            ended = true;
+            return State::Good;
+        }
+        if (type == Main) {
+            const std::uint64_t archiveFlags = fields.varInt();
+            m_result.isVolume = (archiveFlags & 1) != 0;
+            m_result.isSolid = (archiveFlags & 4) != 0;
+            m_result.usesPartNumbers = true;
+            const std::uint64_t number = (archiveFlags & 2) != 0 ? fields.varInt() : 0;
+            if (first)
+                m_result.isFirstVolume = number == 0;
+        } else if (type == File && !readFile5(fields, flags, extraSize, dataSize)) {
+            return State::Damaged;
+        }
+        return advance(headerSize, dataSize) ? State::Good : State::Damaged;
+    }
+
+    bool readFile5(Fields &fields, std::uint64_t flags, std::uint64_t extraSize, std::uint64_t dataSize)
+    {
+        CVRarFile file;
+        const std::uint64_t fileFlags = fields.varInt();
+        const std::uint64_t unpacked = fields.varInt();
+        fields.varInt(); // attributes
+        if ((fileFlags & 2) != 0)
+            fields.number<std::uint32_t>(); // time
+        if ((fileFlags & 4) != 0)
+            file.crc32 = fields.number<std::uint32_t>();
+        const std::uint64_t compression = fields.varInt();
+        file.isUnixHost = fields.varInt() == 1;
+        file.name = fields.bytes(fields.varInt()).toByteArray();
+        if (!fields.isGood() || unpacked >> 62 != 0 || dataSize >> 62 != 0)
+            return false;
+        file.packedSize = static_cast<qint64>(dataSize);
+        file.size = (fileFlags & 8) != 0 ? -1 : static_cast<qint64>(unpacked);
+        file.isDirectory = (fileFlags & 1) != 0;
+        file.unpackVersion = 50 + static_cast<int>(compression & 0x3f);
+        file.isSolid = (compression & 0x40) != 0;
+        file.isStored = (compression & 0x380) == 0;
+        file.hasUnicodeName = true;
+        Fields extra(fields.bytes(extraSize));
+        if (!fields.isGood())
+            return false;
+        while (extra.left() > 0) {
+            Fields record(extra.bytes(extra.varInt()));
+            const std::uint64_t type = record.varInt();
+            if (!extra.isGood() || !record.isGood())
+                return false;
+            if (type == 1) {
+                file.isEncrypted = true;
+            } else if (type == 5) {
+                const std::uint64_t kind = record.varInt();
+                record.varInt(); // flags
+                file.linkTarget = record.bytes(record.varInt()).toByteArray();
+                file.isRedirected = true;
+                file.isFileCopy = kind == 5;
+                if (!record.isGood())
+                    return false;
+            }
+        }
+        add(std::move(file), (flags & 0x08) != 0, (flags & 0x10) != 0);
+        return true;
+    }
+
+    const CVArchiveSource &m_source;
+    CVRarHeaders &m_result;
+    qint64 m_at = 0;
+    qint64 m_end = 0;
 };
+
+/// Keeps the case of the letters around it: "R00" after "RAR".
+QString oldVolumeSuffix(const QString &rar, int index)
+{
+    const QChar letter(char16_t((rar[0].isUpper() ? 'R' : 'r') + index / 100));
+    return u"%1%2"_s.arg(letter).arg(index % 100, 2, 10, QLatin1Char('0'));
+}
+
+const QRegularExpression &partPattern()
+{
+    static const QRegularExpression pattern(u"^(.*\\.part)(\\d+)(\\.[^./]+)$"_s,
+                                            QRegularExpression::CaseInsensitiveOption |
+                                                QRegularExpression::DotMatchesEverythingOption);
+    return pattern;
+}
+
+QString partName(const QRegularExpressionMatch &match, int number)
+{
+    return match.captured(1) +
+           QString::number(number).rightJustified(match.capturedLength(2), QLatin1Char('0')) +
+           match.captured(3);
+}
+
+/// The parts of a set whose first one is a program end in .rar.
+QString existing(const QString &path)
+{
+    if (QFileInfo::exists(path))
+        return path;
+    for (const QString &extension : {u".rar"_s, u".RAR"_s})
+        if (const QString other = path.left(path.lastIndexOf(u'.')) + extension; QFileInfo::exists(other))
+            return other;
+    return {};
+}
 
 } // namespace
 
-CVRarHeaders CVRarHeaders::read(const QStringList &volumes, qint64 start)
+CVRarHeaders CVRarHeaders::read(const CVArchiveSource &source, qint64 offset)
 {
-    Parser parser;
-    bool ok = true;
-    for (qsizetype i = 0; i < volumes.size() && ok; ++i) {
-        const Reader file(volumes[i]);
-        const qint64 offset = i == 0 ? start : 0;
-        const QByteArray mark =
-            file.at(offset, std::min<qint64>(8, std::max<qint64>(file.size() - offset, 0)));
-        parser.startVolume();
-        if (mark.startsWith(QByteArrayView("Rar!\x1a\x07\x01\x00", 8))) {
-            parser.result.rar5 = true;
-            ok = parser.volume5(file, offset);
-        } else if (mark.startsWith(QByteArrayView("Rar!\x1a\x07\x00", 7))) {
-            ok = parser.volume4(file, offset, i == 0);
-        } else {
-            ok = parser.fail("A volume is not a rar file.");
-        }
+    CVRarHeaders result;
+    HeaderReader reader(source, result);
+    std::vector<qint64> starts = source.starts();
+    starts.push_back(source.size());
+    for (std::size_t i = 0; i + 1 < starts.size(); ++i) {
+        result.state = reader.readVolume(i == 0 ? offset : starts[i], starts[i + 1], i == 0);
+        if (result.state != State::Good)
+            break;
     }
-    if (ok && !parser.ended()) {
-        parser.result.missingVolume = true;
-        ok = parser.fail("A volume is missing.");
+    return result;
+}
+
+QString cvFirstRarVolume(const QString &path, bool usesPartNumbers)
+{
+    if (const auto match = partPattern().match(path); usesPartNumbers && match.hasMatch()) {
+        const QString first = partName(match, 1);
+        if (QFileInfo::exists(first))
+            return first;
+        const QString program = first.left(first.lastIndexOf(u'.')) + u".exe"_s;
+        return QFileInfo::exists(program) ? program : first;
     }
-    parser.result.valid = ok;
-    return std::move(parser.result);
+    static const QRegularExpression old(u"\\.[r-z]\\d\\d$"_s, QRegularExpression::CaseInsensitiveOption);
+    if (!usesPartNumbers && old.match(path).hasMatch()) {
+        const QString stem = path.chopped(4);
+        for (const QString &extension : {u".rar"_s, u".RAR"_s})
+            if (QFileInfo::exists(stem + extension))
+                return stem + extension;
+    }
+    return path;
+}
+
+QStringList cvRarVolumes(const QString &firstVolume, bool usesPartNumbers)
+{
+    QStringList volumes{firstVolume};
+    const auto match = partPattern().match(firstVolume);
+    const qsizetype dot = firstVolume.lastIndexOf(u'.');
+    if (dot < 0 || (usesPartNumbers && !match.hasMatch()))
+        return volumes;
+    const int firstNumber = usesPartNumbers ? match.captured(2).toInt() + 1 : 0;
+    const QString extension = firstVolume.mid(dot + 1);
+    const QString style = extension.isEmpty() ? u"r"_s : extension;
+    for (int i = 0; i < maxVolumes; ++i) {
+        if (!usesPartNumbers && i >= 900)
+            break;
+        const QString next = usesPartNumbers ? existing(partName(match, firstNumber + i))
+                                             : firstVolume.left(dot + 1) + oldVolumeSuffix(style, i);
+        if (next.isEmpty() || !QFileInfo::exists(next))
+            break;
+        volumes << next;
+    }
+    return volumes;
 }

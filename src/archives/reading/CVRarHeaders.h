@@ -1,38 +1,62 @@
 #pragma once
 
 #include <QByteArray>
+#include <QString>
 #include <QStringList>
 
 #include <cstdint>
 #include <optional>
 #include <vector>
 
-/// What the block headers of a RAR 4 or RAR 5 set say about each file, so that its data can be checked:
-/// the library that unpacks rar does not compare the checksums of everything it delivers.
-/// Strict and bounded; reads headers only. Formats: the RAR 4 archive layout (technote.txt of RAR 4.20)
-/// and the published RAR 5.0 archive format.
+class CVArchiveSource;
+
+/// One file of a RAR archive, its parts in several volumes taken together.
+struct CVRarFile
+{
+    QByteArray name;       ///< as stored; RAR 4 names with a Unicode form keep both parts
+    QByteArray linkTarget; ///< RAR 5 redirections
+    qint64 packedSize = 0;
+    qint64 size = -1; ///< below zero: not stored
+    std::optional<std::uint32_t> crc32;
+    bool isDirectory = false;
+    bool isStored = false;
+    bool isEncrypted = false;
+    bool isSolid = false;
+    bool hasUnicodeName = false;
+    bool isUnixHost = false;
+    bool isFileCopy = false;   ///< RAR 5: the contents are those of linkTarget
+    bool isRedirected = false; ///< RAR 5: link of any kind
+    bool isComplete = true;    ///< all parts were found
+    int unpackVersion = 0;     ///< RAR 4: 15, 20, 26, 29, 36; RAR 5: 50 and more
+};
+
+/// What the block headers of a RAR archive say. The decoder below does not compare the check sums of
+/// all data itself, so these are needed to tell good data from bad.
 struct CVRarHeaders
 {
-    struct File
-    {
-        std::optional<std::uint32_t> crc32; ///< of the whole unpacked file
-        qint64 size = -1;                   ///< unpacked; below zero when not stored
-        bool isDirectory = false;
-        bool isLink = false; ///< symbolic or hard link, or another redirection: no data of its own
-        bool encrypted = false;
-        bool stored = false;
-        int version = 0; ///< RAR 4: version needed times ten (29, 20, …); RAR 5: 50, RAR 7: 70
+    enum class State {
+        Good,
+        NotRar,
+        Damaged,          ///< a header is cut or its check sum is wrong
+        HeadersEncrypted, ///< nothing beyond the main header can be known
+        Unsupported,      ///< RAR 1.4, comments inside headers
     };
 
-    bool valid = false; ///< every header was read to the end of the last volume
-    bool rar5 = false;
-    bool headersEncrypted = false;
-    bool solid = false;
-    bool multiVolume = false;
-    bool missingVolume = false; ///< the set begins in the middle or does not end
-    QString problem;            ///< why not valid
-    std::vector<File> files;    ///< in order, a file that spans volumes once
+    State state = State::NotRar;
+    int generation = 4; ///< 4 or 5
+    bool isVolume = false;
+    bool isSolid = false;
+    bool usesPartNumbers = false; ///< name.part1.rar, name.part2.rar instead of name.rar, name.r00
+    bool isFirstVolume = true;
+    bool wantsNextVolume = false; ///< the last volume read is not the last of the set
+    std::vector<CVRarFile> files;
 
-    /// `start`: offset of the signature in the first file (self-extracting archives).
-    static CVRarHeaders read(const QStringList &volumes, qint64 start);
+    /// Reads all volumes of the source; `offset` is where the signature stands in the first.
+    static CVRarHeaders read(const CVArchiveSource &source, qint64 offset);
 };
+
+/// The first volume of the set that the file belongs to, going by its name.
+QString cvFirstRarVolume(const QString &path, bool usesPartNumbers);
+
+/// The volumes that exist, from the first on, up to the first one missing.
+QStringList cvRarVolumes(const QString &firstVolume, bool usesPartNumbers);

@@ -127,6 +127,10 @@ public:
     /// offers, and one that checks less would only pass the same data off as good.
     virtual bool isDamageFinal() const { return true; }
 
+    /// How the pass behind entries() ended, for an engine whose entries come from one: anything but None
+    /// means that the list is not whole and why. Makes the pass when there was none.
+    virtual Outcome listingOutcome() const { return {}; }
+
     /// Sum of the sizes to extract where the engine knows it without a list; 0: not known.
     virtual qint64 declaredTotal() const { return 0; }
 
