@@ -93,6 +93,8 @@ Extras parseExtras(const char *data, qsizetype size)
             break;
         switch (id) {
         case extraZip64:
+            if (extras.zip64)
+                break; // one that states a false length lets the next field's inside look like another
             extras.zip64 = data;
             extras.zip64Size = length;
             break;
@@ -243,8 +245,9 @@ CVZipDirectory::Outcome CVZipDirectory::locate(int fd, quint64 fileSize, QByteAr
         if (u32(end64 + 16) != 0 || u32(end64 + 20) != 0 || u64(end64 + 24) != count ||
             u32(locator + 4) != 0 || u32(locator + 16) > 1)
             return notForUs(QStringLiteral("The archive spans several disks."));
-        if ((place.count != 0xffff && place.count != count) ||
-            (place.size != saturated && place.size != size) || (stated != saturated && stated != offset))
+        // Some packers also fill the narrow fields, and not always with the right place and size. The wide
+        // ones are believed, for the directory they name has to end just before this record.
+        if (place.count != 0xffff && place.count != count)
             return notForUs(QStringLiteral("The two end records contradict each other."));
         place.count = count;
         place.size = size;

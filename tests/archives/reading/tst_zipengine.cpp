@@ -217,6 +217,10 @@ void tst_ZipEngine::takesOnlyWhatIsOrdinary_data()
         zipOf({good}, {.prefix = "ustar", .behind = QByteArray(512, '\0')}), 0, 1);
     row("mark of a set in front", zipOf({good}, {.prefix = "PK\x07\x08", .offsetsCountPrefix = true}), 90, 1);
     row("wide", zipOf({good}, {.wide = true}), 90, 1);
+    QByteArray narrowToo = zipOf({good}, {.wide = true});
+    narrowToo.replace(narrowToo.size() - 10, 8, QByteArray(le(500, 4) + le(8, 4)));
+    row("wide, narrow fields false", narrowToo, 90, 1);
+    row("wide, with a false place", QByteArray(narrowToo).replace(narrowToo.size() - 50, 1, "\xff"), 90, -1);
     row("gap before the directory", zipOf({{.name = "a", .gap = QByteArray(5000, 'g')}}), 90, 1);
 
     row("cut off", plain.first(plain.size() - 30), 0, -1);
