@@ -8,8 +8,12 @@
 class LXFileDescriptor
 {
 public:
-    explicit LXFileDescriptor(int fd = -1) noexcept : m_fd(fd) {}
-    LXFileDescriptor(LXFileDescriptor &&other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    explicit LXFileDescriptor(int fd = -1) noexcept
+        : m_fd(fd)
+    {}
+    LXFileDescriptor(LXFileDescriptor &&other) noexcept
+        : m_fd(std::exchange(other.m_fd, -1))
+    {}
     LXFileDescriptor &operator=(LXFileDescriptor other) noexcept
     {
         std::swap(m_fd, other.m_fd);

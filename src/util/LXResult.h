@@ -23,8 +23,12 @@ struct LXError
 template <typename T> class [[nodiscard]] LXResult
 {
 public:
-    LXResult(T value) : m_state(std::in_place_index<0>, std::move(value)) {}
-    LXResult(LXError error) : m_state(std::in_place_index<1>, std::move(error)) {}
+    LXResult(T value)
+        : m_state(std::in_place_index<0>, std::move(value))
+    {}
+    LXResult(LXError error)
+        : m_state(std::in_place_index<1>, std::move(error))
+    {}
 
     explicit operator bool() const noexcept { return m_state.index() == 0; }
     const T &value() const & { return std::get<0>(m_state); }
@@ -40,7 +44,10 @@ template <> class [[nodiscard]] LXResult<void>
 {
 public:
     LXResult() = default;
-    LXResult(LXError error) : m_error(std::move(error)), m_ok(false) {}
+    LXResult(LXError error)
+        : m_error(std::move(error))
+        , m_ok(false)
+    {}
 
     explicit operator bool() const noexcept { return m_ok; }
     const LXError &error() const { return m_error; }
