@@ -158,12 +158,14 @@ void CVArchive::openForPreview(const QString &path)
 
 void CVArchive::previewComplete()
 {
-    if (!delegate())
+    // Read once: the job takes itself away as soon as it has heard of an end, a cancel's included.
+    CVArchiveDelegate *const receiver = delegate();
+    if (!receiver)
         return;
     if (status() == Success)
-        delegate()->archiveFinished(this);
+        receiver->archiveFinished(this);
     else
-        delegate()->archiveFailed(this, status());
+        receiver->archiveFailed(this, status());
 }
 
 void CVArchive::createComplete()

@@ -18,6 +18,7 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QSet>
 
 #include <cerrno>
@@ -30,10 +31,16 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Without QDir::cleanPath(): with a symbolic link in between, "a/../b" is not "b".
+// The folder with its links, "." and ".." resolved by the file system ("a/../b" is not "b" when "a" is
+// a link); the last component as given. What is no folder stays, for the message about it.
 QString absolute(const QString &path)
 {
-    return path.startsWith(u'/') ? path : QDir::currentPath() + u'/' + path;
+    const QString whole = path.startsWith(u'/') ? path : QDir::currentPath() + u'/' + path;
+    const qsizetype slash = whole.lastIndexOf(u'/');
+    const QString folder = QFileInfo(whole.left(slash + 1)).canonicalFilePath();
+    if (folder.isEmpty())
+        return whole;
+    return (folder == u"/" ? QString() : folder) + whole.mid(slash);
 }
 
 QString systemText(int error)

@@ -201,6 +201,13 @@ void tst_terminal::makesTheDestination()
     const TerminalRun run = corvane({u"extract"_s, u"--to"_s, u"new/er"_s, u"a.zip"_s});
     QCOMPARE(run.outLines(), QStringList{path(u"new/er/a"_s)});
     QCOMPARE(names(u"new/er"_s), QStringList{u"a"_s});
+    // However the way there is written, the result's path is the plain one.
+    QDir(m_root->path()).mkdir(u"in"_s);
+    QVERIFY(QFile::link(path(u"in"_s), path(u"new/link"_s)));
+    QVERIFY(QFile::copy(path(u"a.zip"_s), path(u"in/a.zip"_s)));
+    QCOMPARE(corvane({u"extract"_s, u"./new/link/../in//a.zip"_s}).outLines(), QStringList{path(u"in/a"_s)});
+    QCOMPARE(corvane({u"extract"_s, u"--to"_s, u"./new/link/."_s, u"a.zip"_s}).outLines(),
+             QStringList{path(u"in/a 2"_s)});
     // For this run only.
     QCOMPARE(corvane({u"extract"_s, u"a.zip"_s}).outLines(), QStringList{path(u"a"_s)});
 }
