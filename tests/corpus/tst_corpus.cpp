@@ -204,7 +204,9 @@ private:
             arguments << "--password-file" << file.fileName();
         }
         const CorpusRun run = CorpusRun::run(m_program, arguments << m_archive, place.home());
-        if (run.hung)
+        if (run.exitCode < 0)
+            say("the program could not be started");
+        else if (run.hung)
             say("did not end within the time limit");
         else if (run.exitCode >= 128)
             say("crashed, " + shortened(run));
