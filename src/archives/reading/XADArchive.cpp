@@ -521,11 +521,17 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
         return attempt.needsAllNames || (d->delegate && d->delegate->archiveExtractionShouldStop(*this));
     };
     // What a later reader fails with says less than the first one's account, which then stands.
-    const bool othersLeft = ownsContents && (isRetry || !d->others.empty()) && !engine.isDamageFinal();
-    callbacks.entryDidFail = [this, &attempt, othersLeft](int index, XADErrorCode code) {
+    const bool othersLeft = ownsContents && (isRetry || !d->others.empty());
+    // A method that this reader does not know says nothing about the others, whoever has the last word on
+    // damage.
+    const auto mayDoBetter = [othersLeft, isFinal = engine.isDamageFinal()](XADErrorCode code) {
+        return othersLeft &&
+               (code == XADErrorCode::NotSupported || (code == XADErrorCode::Damaged && !isFinal));
+    };
+    callbacks.entryDidFail = [this, &attempt, mayDoBetter](int index, XADErrorCode code) {
         if (attempt.needsAllNames)
             return XADAction::Skip;
-        if (othersLeft && (code == XADErrorCode::NotSupported || code == XADErrorCode::Damaged)) {
+        if (mayDoBetter(code)) {
             attempt.mayDoBetter = true;
             attempt.failedEntry = index;
             return XADAction::Abort;
@@ -575,8 +581,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
         attempt.needsAllNames = !stopped;
     }
     // The engine itself gave up (not one entry, not the disk, not the person): another may not.
-    if (writer.outcome() == XADErrorCode::None && othersLeft &&
-        (outcome.code == XADErrorCode::NotSupported || outcome.code == XADErrorCode::Damaged))
+    if (writer.outcome() == XADErrorCode::None && mayDoBetter(outcome.code))
         attempt.mayDoBetter = true;
     if (stopped) {
         attempt.code = XADErrorCode::Stopped;
