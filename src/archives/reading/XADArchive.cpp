@@ -356,7 +356,9 @@ QString XADArchive::linkTargetOfEntry(int index) const
 
 qint64 XADArchive::uncompressedSizeOfEntry(int index) const
 {
-    return entry(index).size;
+    const XADEntry &e = entry(index);
+    // A hard link stores nothing; its size is that of the file it leads to.
+    return e.type == XADEntry::Type::HardLink && e.size == 0 ? -1 : e.size;
 }
 
 const XADEntry &XADArchive::entry(int index) const
