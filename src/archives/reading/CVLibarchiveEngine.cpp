@@ -255,9 +255,10 @@ private:
             step = reader.read(data, offset);
             if (step != Step::Good)
                 break;
-            if (offset < position) {
+            // Only tar has holes; elsewhere one is a piece that is missing.
+            if (offset < position || (offset > position && m_input.format != CVLibarchiveFormat::Tar)) {
                 code = XADErrorCode::Damaged;
-                detail = readingText("Its pieces overlap.");
+                detail = readingText("Its pieces do not fit together.");
                 break;
             }
             if (data.empty())

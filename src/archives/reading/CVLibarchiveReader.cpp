@@ -285,9 +285,9 @@ CVLibarchiveReader::Step CVLibarchiveReader::next(XADEntry &entry)
     const int r = archive_read_next_header(m_archive.get(), &found);
     if (r == ARCHIVE_EOF)
         return m_inputCode == XADErrorCode::None ? Step::End : failed(Step::Failed);
-    // A header that has to be read again some bytes later is a damaged one: what follows may be the data
-    // of the lost entry, taken for headers.
-    if (r < ARCHIVE_WARN)
+    // ARCHIVE_RETRY, which stands between good and a warning, is a damaged header of tar. To go on would
+    // take the data of the lost entry for headers.
+    if (r != ARCHIVE_OK && r != ARCHIVE_WARN)
         return failed(Step::Failed);
     if (r == ARCHIVE_WARN)
         qCDebug(lcLibarchive) << "header:" << archive_error_string(m_archive.get());
