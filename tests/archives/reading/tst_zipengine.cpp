@@ -469,7 +469,10 @@ void tst_ZipEngine::readsArchivesOfTools_data()
 {
     QTest::addColumn<QString>("command"); // in a folder with "in", makes "out.zip"
     QTest::newRow("zip") << QStringLiteral("zip -qry out.zip in");
-    QTest::newRow("zip to a pipe") << QStringLiteral("zip -qry - in | cat > out.zip");
+    // The zip of Debian 12.0 cannot store links into a pipe; its later releases can.
+    QTest::newRow("zip to a pipe") << QStringLiteral("zip -qry - in 2>zip.err | cat > out.zip\n"
+                                                     "test -s zip.err || exit 0\n"
+                                                     "bsdtar -c --format zip -f - in | cat > out.zip");
     QTest::newRow("zip of standard input, wide") << QStringLiteral("zip -qry -fz out.zip in");
     QTest::newRow("7z") << QStringLiteral("7z a -tzip -snl out.zip in");
     QTest::newRow("bsdtar") << QStringLiteral("bsdtar -c --format zip -f out.zip in");
