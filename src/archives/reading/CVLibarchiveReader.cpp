@@ -2,6 +2,7 @@
 
 #include "archives/reading/CVReadingText.h"
 
+#include <QFile>
 #include <QLoggingCategory>
 
 #include <algorithm>
@@ -47,6 +48,8 @@ private:
 
     locale_t m_before;
 };
+
+constexpr std::size_t volumeBlockBytes = std::size_t(64) << 10;
 
 int supportFormat(archive *a, CVLibarchiveFormat format)
 {
@@ -179,6 +182,9 @@ bool CVLibarchiveReader::open()
     if (!a || archive_read_support_filter_none(a) != ARCHIVE_OK ||
         supportFormat(a, m_input.format) < ARCHIVE_WARN)
         return false;
+    const QStringList paths = m_input.source->paths();
+    if (m_input.format == CVLibarchiveFormat::Rar5 && paths.size() > 1)
+        return openVolumes(paths);
     archive_read_set_callback_data(a, this);
     archive_read_set_read_callback(a, readCallback);
     // Bytes that are summed have to be seen.
@@ -187,6 +193,22 @@ bool CVLibarchiveReader::open()
         archive_read_set_seek_callback(a, seekCallback);
     }
     return archive_read_open1(a) == ARCHIVE_OK;
+}
+
+bool CVLibarchiveReader::openVolumes(const QStringList &paths)
+{
+    // The rar 5 reader loses a block that is cut by the end of a short volume unless the volumes are
+    // files of their own and their sizes are known, which the look of the zip reader at the end brings about.
+    archive *a = m_archive.get();
+    archive_read_support_format_zip_seekable(a);
+    std::vector<QByteArray> names;
+    std::vector<const char *> pointers;
+    for (const QString &path : paths)
+        names.push_back(QFile::encodeName(path));
+    for (const QByteArray &name : names)
+        pointers.push_back(name.constData());
+    pointers.push_back(nullptr);
+    return archive_read_open_filenames(a, pointers.data(), volumeBlockBytes) == ARCHIVE_OK;
 }
 
 std::span<const char> CVLibarchiveReader::fetch()
@@ -289,6 +311,9 @@ CVLibarchiveReader::Step CVLibarchiveReader::next(XADEntry &entry)
     // take the data of the lost entry for headers.
     if (r != ARCHIVE_OK && r != ARCHIVE_WARN)
         return failed(Step::Failed);
+    if (m_input.format == CVLibarchiveFormat::Rar5 &&
+        (archive_format(m_archive.get()) & ARCHIVE_FORMAT_BASE_MASK) != ARCHIVE_FORMAT_RAR_V5)
+        return failedWith(XADErrorCode::NotSupported, {}); // a stored zip at the end of the last volume
     if (r == ARCHIVE_WARN)
         qCDebug(lcLibarchive) << "header:" << archive_error_string(m_archive.get());
     ++m_ordinal;

@@ -72,6 +72,7 @@ private:
     };
 
     bool open();
+    bool openVolumes(const QStringList &paths);
     Step failed(Step step);
     Step failedWith(XADErrorCode code, const QString &detail);
     std::span<const char> fetch();
