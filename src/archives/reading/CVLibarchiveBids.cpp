@@ -10,13 +10,13 @@ namespace {
 // for zip, 70 for cabinets and arj, 30 to 40 for what it reads as the second choice; unar 50 for RAR, 30
 // for LHA. What follows was measured on a collection of archives by other people's programs. There is no
 // bid for zip and 7z: libarchive passes over contradictions between the two lists of a zip and takes a
-// 7z without a list for an empty one, so it would call archives good that other readers have refused. Nor
-// is there one for disc images, where crafted attributes send it round in circles.
+// 7z without a list for an empty one, so it would call archives good that other readers have refused.
 constexpr int bidForContainer = 80;   ///< tar, cpio, xar, rpm, ar: nobody reads more of them right
 constexpr int bidForStream = 80;      ///< compressed streams, with a tar or a single file in them
 constexpr int bidForVagueStream = 70; ///< .lzma has no mark, only a header that makes sense
 constexpr int bidForRar = 60; ///< more of the newer RARs than unar, which gets what is refused on opening
 constexpr int bidForLha = 60; ///< but for the oldest methods
+constexpr int bidForIso = 60; ///< links and all; crafted attributes that lead in circles are looked for first
 constexpr int bidForFallback = 20; ///< cab, warc: others know more methods
 constexpr int bidForEmptyTar = 20; ///< nothing but zeros, the length of which fits
 constexpr int bidForName = 20;     ///< brotli, which nothing but the name tells
@@ -58,6 +58,12 @@ bool isLha(QByteArrayView head)
     const bool known = method == "lh0" || method == "lh5" || method == "lh6" || method == "lh7" ||
                        method == "lhd" || method == "lz4" || method == "lzs";
     return known && static_cast<unsigned char>(head[20]) <= 3;
+}
+
+bool isIso(QByteArrayView head)
+{
+    constexpr qsizetype firstDescriptor = 32768;
+    return head.size() > firstDescriptor + 6 && head.sliced(firstDescriptor + 1).startsWith("CD001");
 }
 
 } // namespace
@@ -116,6 +122,8 @@ std::optional<CVLibarchiveFormat> cvLibarchiveFormat(QByteArrayView head, qint64
         return Format::Tar;
     if (isLha(head))
         return Format::Lha;
+    if (isIso(head))
+        return Format::Iso;
     if (head.size() >= tarBlock && wholeSize % tarBlock == 0 &&
         std::all_of(head.begin(), head.end(), [](char c) { return c == '\0'; }))
         return Format::Tar;
@@ -145,6 +153,8 @@ int cvLibarchiveBid(const CVArchiveProbe &probe)
             return bidForRar;
         case Format::Lha:
             return bidForLha;
+        case Format::Iso:
+            return bidForIso;
         case Format::Cab:
         case Format::Warc:
             return bidForFallback;

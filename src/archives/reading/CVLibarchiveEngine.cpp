@@ -1,5 +1,7 @@
 #include "archives/reading/CVLibarchiveEngine.h"
 
+#include "archives/reading/CVIsoContinuations.h"
+
 #include "archives/reading/CVLibarchiveBids.h"
 #include "archives/reading/CVLibarchiveReader.h"
 #include "archives/reading/CVRarHeaders.h"
@@ -58,6 +60,8 @@ QString containerName(CVLibarchiveFormat format)
         return u"RAR 5"_s;
     case CVLibarchiveFormat::Lha:
         return u"LHA"_s;
+    case CVLibarchiveFormat::Iso:
+        return u"ISO 9660"_s;
     case CVLibarchiveFormat::Cab:
         return u"Cabinet"_s;
     case CVLibarchiveFormat::Warc:
@@ -475,7 +479,10 @@ CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
     const auto format = cvLibarchiveFormat(head, probe.fileSize);
     if (format == CVLibarchiveFormat::Rar4 || format == CVLibarchiveFormat::Rar5)
         return openRar(source, 0);
-    if (format == CVLibarchiveFormat::Cab || format == CVLibarchiveFormat::Lha)
+    if (format == CVLibarchiveFormat::Iso && cvIsoContinuesForEver(*source))
+        return refused(XADErrorCode::Damaged, readingText("The attributes of a file go round in circles."));
+    if (format == CVLibarchiveFormat::Cab || format == CVLibarchiveFormat::Lha ||
+        format == CVLibarchiveFormat::Iso)
         return openListed({source, 0, CVStreamKind::None, *format}, std::nullopt);
     if (format)
         return opened(std::make_unique<Engine>(

@@ -66,6 +66,8 @@ int supportFormat(archive *a, CVLibarchiveFormat format)
         return archive_read_support_format_rar(a);
     case CVLibarchiveFormat::Rar5:
         return archive_read_support_format_rar5(a);
+    case CVLibarchiveFormat::Iso:
+        return archive_read_support_format_iso9660(a);
     case CVLibarchiveFormat::Lha:
         return archive_read_support_format_lha(a);
     case CVLibarchiveFormat::Cab:
@@ -88,6 +90,8 @@ bool hasStoredMode(CVLibarchiveFormat format, archive_entry *entry)
     case CVLibarchiveFormat::Cab:
     case CVLibarchiveFormat::Warc:
         return false;
+    case CVLibarchiveFormat::Iso:
+        return (archive_entry_perm(entry) & 0777) != 0400 && (archive_entry_perm(entry) & 0777) != 0700;
     case CVLibarchiveFormat::Lha:
         return (archive_entry_perm(entry) & 0777) != 0666 && (archive_entry_perm(entry) & 0777) != 0777;
     default:

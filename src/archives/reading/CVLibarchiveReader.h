@@ -20,6 +20,7 @@ enum class CVLibarchiveFormat : std::uint8_t {
     Rar4,
     Rar5,
     Lha,
+    Iso,
     Cab,
     Warc,
 };
