@@ -1,7 +1,9 @@
 #include "archives/reading/CVDestination.h"
 
-#include <atomic>
+#include "util/LXRemoveTree.h"
+
 #include <cerrno>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,19 @@ DirectoryHandle openDirectory(int fd)
 bool isDots(const char *name)
 {
     return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
+}
+
+std::vector<QByteArray> namesIn(int folder, std::size_t limit)
+{
+    std::vector<QByteArray> names;
+    if (const auto dir = openDirectory(folder))
+        while (const dirent *entry = ::readdir(dir.get())) {
+            if (names.size() >= limit)
+                break;
+            if (!isDots(entry->d_name))
+                names.emplace_back(entry->d_name);
+        }
+    return names;
 }
 
 } // namespace
@@ -162,80 +177,13 @@ std::uint64_t CVDestination::freeBytes() const
 
 std::vector<QByteArray> CVDestination::topLevelNames(std::size_t limit) const
 {
-    std::vector<QByteArray> names;
-    if (const auto dir = openDirectory(m_root.get()))
-        while (const dirent *entry = ::readdir(dir.get())) {
-            if (names.size() >= limit)
-                break;
-            if (!isDots(entry->d_name))
-                names.emplace_back(entry->d_name);
-        }
-    return names;
+    return namesIn(m_root.get(), limit);
 }
 
 bool cvRemoveContents(int fd)
 {
-    // A stack of open folders instead of recursion; when the tree is deeper than the stack may hold
-    // descriptors, the folder is moved up to the top first, so depth never costs descriptors.
-    constexpr std::size_t maxOpen = 64;
-    static std::atomic<unsigned long long> flatCounter = 0;
-    struct Level
-    {
-        LXFileDescriptor fd;
-        DirectoryHandle dir;
-        std::string name;
-    };
     bool ok = true;
-    const auto open = [](int at, const char *name) {
-        LXFileDescriptor child(::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!child.isOpen() && errno == EACCES) {
-            ::fchmodat(at, name, 0700, 0);
-            child = LXFileDescriptor(::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        }
-        struct stat info;
-        if (child.isOpen() && ::fstat(child.get(), &info) == 0 && (info.st_mode & 0700) != 0700)
-            ::fchmod(child.get(), 0700);
-        return child;
-    };
-
-    std::vector<Level> stack;
-    stack.push_back({duplicate(fd), openDirectory(fd), {}});
-    bool moved = false;
-    while (!stack.empty()) {
-        Level &level = stack.back();
-        const dirent *entry = level.dir ? ::readdir(level.dir.get()) : nullptr;
-        if (!entry) {
-            const std::string name = std::move(level.name);
-            stack.pop_back();
-            if (!stack.empty() && ::unlinkat(stack.back().fd.get(), name.c_str(), AT_REMOVEDIR) != 0)
-                ok = false;
-            continue;
-        }
-        if (isDots(entry->d_name))
-            continue;
-        if (entry->d_type != DT_DIR && ::unlinkat(level.fd.get(), entry->d_name, 0) == 0)
-            continue;
-        if (entry->d_type != DT_DIR && errno != EISDIR) {
-            ok = false;
-            continue;
-        }
-        const std::string name = entry->d_name;
-        LXFileDescriptor child = open(level.fd.get(), name.c_str());
-        if (!child.isOpen()) {
-            ok = false;
-            continue;
-        }
-        if (stack.size() >= maxOpen) {
-            const std::string flat = ".corvane-flat-" + std::to_string(flatCounter++);
-            if (::renameat(level.fd.get(), name.c_str(), fd, flat.c_str()) == 0) {
-                moved = true; // met again while the top level is read, or in the second pass below
-                continue;
-            }
-        }
-        DirectoryHandle dir = openDirectory(child.get());
-        stack.push_back({std::move(child), std::move(dir), name});
-    }
-    if (moved && ok)
-        return cvRemoveContents(fd);
+    for (const QByteArray &name : namesIn(fd, std::numeric_limits<std::size_t>::max()))
+        ok = static_cast<bool>(removeTreeAt(fd, name)) && ok;
     return ok;
 }

@@ -50,6 +50,5 @@ private:
     std::unordered_map<std::string, std::shared_ptr<const LXFileDescriptor>> m_kept;
 };
 
-/// Removes what is below the folder `fd` without following links, and makes folders writable first
-/// where it must. False when something could not be removed.
+/// Removes what is below the folder `fd`, never through a link. False when something could not be removed.
 bool cvRemoveContents(int fd);

@@ -896,7 +896,9 @@ void SevenZipEngine::makeShares(ExtractionRun &extraction)
         if (nextBlock < blocks.size() && blocks[nextBlock].first == i) {
             tooLarge = blockTooLarge(m_itemOfEntry[i], blocks[nextBlock].second);
             ++nextBlock;
-            if (isParallel && !shares.back().items.empty())
+            // Folders and empty files come along with the next block: a worker of their own would cost
+            // the decoder of a single block its second thread.
+            if (isParallel && shares.back().bytes > 0)
                 shares.emplace_back();
         }
         if (!extraction.wanted[i])
