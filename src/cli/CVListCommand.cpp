@@ -152,10 +152,18 @@ CVListCommand::Outcome CVListCommand::list(const QString &path)
     const auto archive = open(path, outcome);
     if (!archive)
         return outcome;
-    if (print(path, *archive))
-        return Outcome::Listed;
+    const bool printed = print(path, *archive);
     if (m_stop.stop_requested())
         return Outcome::Stopped;
+    if (printed) {
+        const QString problem = archive->listingProblem();
+        if (problem.isEmpty())
+            return Outcome::Listed;
+        // What could be read is shown; that more was there must not pass in silence.
+        m_terminal.message(u"“%1” could only be listed in part"_s.arg(path));
+        m_terminal.detail(problem);
+        return Outcome::Failed;
+    }
     if (errno != EPIPE)
         m_terminal.message(u"the list could not be written: %1"_s.arg(systemText(errno)));
     return Outcome::OutputGone;

@@ -322,6 +322,14 @@ int XADArchive::numberOfEntries() const
     return static_cast<int>(d->engine->entries().size());
 }
 
+QString XADArchive::listingProblem() const
+{
+    const CVReadingEngine::Outcome outcome = d->engine->listingOutcome();
+    if (outcome.code == XADErrorCode::None)
+        return {};
+    return outcome.detail.isEmpty() ? text("The archive is damaged or cut off.") : outcome.detail;
+}
+
 bool XADArchive::isEncrypted() const
 {
     return d->engine->isEncrypted();

@@ -63,6 +63,8 @@ public:
     QString formatName() const;
     QString path() const;
     int numberOfEntries() const;
+    /// Why the list of entries is not whole (the archive is damaged or cut off); empty when it is.
+    QString listingProblem() const;
     bool isEncrypted() const;
     bool entryIsArchive(int index) const;
     bool entryIsDirectory(int index) const;
