@@ -70,6 +70,11 @@ public:
     virtual bool canEncrypt() const { return false; }
     virtual bool canSetCompressionLevel() const { return false; }
     virtual bool canManipulateMultimedia() const { return false; }
+    /// Whether chunkSize has an effect: the archive comes as volumes, its name followed by .001, .002, …
+    virtual bool canWriteVolumes() const { return false; }
+    /// After a create that finished: false when the tool's own words say that the archive lacks something,
+    /// although its status was Success. failureReason() then holds those words.
+    virtual bool createdWhole() const { return true; }
     virtual QString archiveDescription() const { return {}; }
 
     /// Top-level nodes / the root of the listing; empty / null where canPreview() is false.

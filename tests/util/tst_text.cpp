@@ -1,5 +1,6 @@
 #include "util/LXBytesValueTransformer.h"
 #include "util/LXDisplay.h"
+#include "util/LXFileName.h"
 #include "util/LXFileWrapper.h"
 #include "util/glob.h"
 #include "util/string_regex.h"
@@ -20,6 +21,8 @@ private Q_SLOTS:
     void bytes();
     void displayEscaped_data();
     void displayEscaped();
+    void fileNames_data();
+    void fileNames();
     void regex_data();
     void regex();
     void patternThatDoesNotCompile();
@@ -73,6 +76,31 @@ void TestText::displayEscaped()
     QFETCH(QString, text);
     QTEST(LXDisplay::displayEscaped(text), "shown");
     QTEST(LXDisplay::displayName(u"/a/b/"_s + text), "shown");
+}
+
+void TestText::fileNames_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("empty") << QByteArray("") << u""_s;
+    QTest::newRow("ascii") << QByteArray("a b") << u"a b"_s;
+    QTest::newRow("utf-8") << QByteArray("h\xc3\xa4\xf0\x9f\x98\x80.txt") << u"h\u00e4\U0001f600.txt"_s;
+    QTest::newRow("latin-1") << QByteArray("h\xe4.txt") << u"h"_s + QChar(0xdce4) + u".txt"_s;
+    QTest::newRow("cut character") << QByteArray("a\xe2\x82") << u"a"_s + QChar(0xdce2) + QChar(0xdc82);
+    QTest::newRow("valid and not") << QByteArray("\xc3\xa4\xff\xc3\xa4")
+                                   << u"\u00e4"_s + QChar(0xdcff) + u"\u00e4"_s;
+    // Would read back as an escape if it counted as a character.
+    QTest::newRow("surrogate in utf-8")
+        << QByteArray("\xed\xb2\x80") << QString(QChar(0xdced)) + QChar(0xdcb2) + QChar(0xdc80);
+    QTest::newRow("overlong") << QByteArray("\xc0\xaf") << QString(QChar(0xdcc0)) + QChar(0xdcaf);
+}
+
+void TestText::fileNames()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, text);
+    QCOMPARE(fileNameFromBytes(bytes), text);
+    QCOMPARE(bytesOfFileName(text), bytes);
 }
 
 void TestText::regex_data()
