@@ -1,8 +1,7 @@
 #include "util/LXRemoveTree.h"
 
 #include "util/LXFileDescriptor.h"
-
-#include <QFile>
+#include "util/LXFileName.h"
 
 #include <cerrno>
 #include <cstring>
@@ -24,7 +23,7 @@ LXError systemError(const QByteArray &path, int code)
 {
     return LXError{.domain = QStringLiteral("NSPOSIXErrorDomain"),
                    .code = code,
-                   .description = QStringLiteral("“%1” could not be removed.").arg(QFile::decodeName(path)),
+                   .description = QStringLiteral("“%1” could not be removed.").arg(fileNameFromBytes(path)),
                    .reason = QString::fromLocal8Bit(std::strerror(code)),
                    .suggestion = {}};
 }
@@ -224,7 +223,7 @@ LXResult<void> removeTreeAt(int folder, const QByteArray &name, std::stop_token 
 
 LXResult<void> removeTree(const QString &path, std::stop_token stop)
 {
-    QByteArray encoded = QFile::encodeName(path);
+    QByteArray encoded = bytesOfFileName(path);
     // A slash at the end would make the last component follow a link.
     while (encoded.size() > 1 && encoded.endsWith('/'))
         encoded.chop(1);

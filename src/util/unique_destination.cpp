@@ -2,14 +2,13 @@
 
 #include "util/LXCopyTree.h"
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 #include "util/LXRemoveTree.h"
+#include "util/LXRename.h"
 #include "util/unique_string.h"
-
-#include <QFile>
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <optional>
 
@@ -40,7 +39,7 @@ public:
         const QString counter = m_counter == 1 ? QString() : u' ' + QString::number(m_counter);
         ++m_counter;
         QString base = m_base;
-        while (base.size() > 1 && QFile::encodeName(base + counter + m_extension).size() > NAME_MAX)
+        while (base.size() > 1 && bytesOfFileName(QString(base + counter + m_extension)).size() > NAME_MAX)
             base.chop(base.back().isLowSurrogate() ? 2 : 1);
         const auto separator = m_directory.endsWith(u'/') ? QLatin1StringView() : QLatin1StringView("/");
         return m_directory + separator + base + counter + m_extension;
@@ -56,36 +55,7 @@ private:
 bool isTaken(const QString &path)
 {
     struct stat facts;
-    return ::lstat(QFile::encodeName(path).constData(), &facts) == 0;
-}
-
-// For file systems without a rename that refuses to replace: takes the name with an empty item of our
-// own, which the move then replaces. A folder can only replace an empty one.
-int renameByReservation(const char *from, const char *to, bool isFolder)
-{
-    if (isFolder) {
-        if (::mkdir(to, 0700) != 0)
-            return errno;
-    } else if (!LXFileDescriptor(::open(to, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)).isOpen()) {
-        return errno;
-    }
-    if (::rename(from, to) == 0)
-        return 0;
-    const int failure = errno;
-    if (isFolder)
-        ::rmdir(to);
-    else
-        ::unlink(to);
-    return failure == ENOTEMPTY ? EEXIST : failure;
-}
-
-int renameWithoutReplacing(const char *from, const char *to, bool isFolder)
-{
-    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
-        return 0;
-    if (errno == EINVAL || errno == ENOSYS)
-        return renameByReservation(from, to, isFolder);
-    return errno;
+    return ::lstat(bytesOfFileName(path).constData(), &facts) == 0;
 }
 
 /// Makes a folder writable while it is moved: its ".." changes, which needs the permission.
@@ -135,13 +105,12 @@ struct Moved
     QString path;
 };
 
-Moved moveWithin(const QByteArray &source, const QString &directory, const QString &name, bool isFolder)
+Moved moveWithin(const QByteArray &source, const QString &directory, const QString &name)
 {
     Candidates candidates(name, directory);
     for (;;) {
         const QString candidate = candidates.next();
-        const int failure =
-            renameWithoutReplacing(source.constData(), QFile::encodeName(candidate).constData(), isFolder);
+        const int failure = renameWithoutReplacing(source, bytesOfFileName(candidate));
         if (failure != EEXIST)
             return {failure, candidate};
     }
@@ -161,15 +130,14 @@ QString findUniqueDestinationForFile(const QString &name, const QString &directo
 LXResult<QString> moveToUniqueDestination(const QString &source, const QString &directory,
                                           const QString &name)
 {
-    const QByteArray from = QFile::encodeName(source);
+    const QByteArray from = bytesOfFileName(source);
     struct stat facts;
     if (::lstat(from.constData(), &facts) != 0)
         return moveError(name, errno);
-    const bool isFolder = S_ISDIR(facts.st_mode);
     Moved moved;
     {
         const WritableForTheMove writable(from.constData());
-        moved = moveWithin(from, directory, name, isFolder);
+        moved = moveWithin(from, directory, name);
     }
     if (moved.failure == 0)
         return moved.path;
@@ -178,11 +146,11 @@ LXResult<QString> moveToUniqueDestination(const QString &source, const QString &
 
     // The hidden name keeps a half copy out of sight, and the cleaning knows it should we be killed.
     const QString beside = directory + QLatin1StringView("/.corvane-") + uniqueString();
-    const QByteArray copy = QFile::encodeName(beside);
+    const QByteArray copy = bytesOfFileName(beside);
     int failure = copyTree(from.constData(), copy.constData());
     if (failure == 0) {
         const WritableForTheMove writable(copy.constData());
-        moved = moveWithin(copy, directory, name, isFolder);
+        moved = moveWithin(copy, directory, name);
         failure = moved.failure;
     }
     if (failure != 0) {

@@ -1,6 +1,7 @@
 #include "engine/control/CVOperationFactory.h"
 
 #include "engine/model/CVWorkDirectoryCleanOperation.h"
+#include "jobs/CVCreateArchiveOperation.h"
 #include "jobs/CVExtractArchivesOperation.h"
 #include "jobs/CVTemporaryArchiveExtractOperation.h"
 
@@ -28,6 +29,12 @@ CVOperationFactory::singleFileExtractThenOpenOperationWithArchive(std::shared_pt
     operation->setSourceArchive(std::move(archive));
     operation->setOpeningSingleFile(true);
     return operation;
+}
+
+std::shared_ptr<CVOperation>
+CVOperationFactory::createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data)
+{
+    return std::make_shared<CVCreateArchiveOperation>(std::move(data));
 }
 
 std::shared_ptr<CVOperation> CVOperationFactory::workDirectoryCleanOperation()

@@ -6,6 +6,7 @@
 #include <memory>
 
 class CVArchive;
+class CVCreateOperationDataBinding;
 class CVExtractArchivesOperation;
 class CVOperation;
 
@@ -21,6 +22,9 @@ public:
     /// One entry, left in a temporary folder for whoever opens it.
     static std::shared_ptr<CVExtractArchivesOperation>
     singleFileExtractThenOpenOperationWithArchive(std::shared_ptr<CVArchive> archive, const QString &file);
+    /// A new archive of the files of its window.
+    static std::shared_ptr<CVOperation>
+    createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data);
     static std::shared_ptr<CVOperation> workDirectoryCleanOperation();
 
     static bool operationExtractedSingleFileForOpening(const CVOperation *operation);

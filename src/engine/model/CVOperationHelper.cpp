@@ -5,6 +5,7 @@
 #include "engine/model/CVWorkDirectoryManager.h"
 #include "sandbox/CVFileAuthenticator.h"
 #include "util/LXDisplay.h"
+#include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXMainThread.h"
 #include "util/LXPendingAnswer.h"
@@ -12,7 +13,6 @@
 #include "util/unique_string.h"
 
 #include <QCoreApplication>
-#include <QFile>
 #include <QFileInfo>
 
 #include <cerrno>
@@ -76,7 +76,7 @@ int makeFolders(const QByteArray &path)
 
 LXResult<QString> makeWorkDirectory(const QString &directory)
 {
-    if (const int failure = makeFolders(QFile::encodeName(directory))) {
+    if (const int failure = makeFolders(bytesOfFileName(directory))) {
         return LXError{.domain = u"CorvaneErrorDomain"_s,
                        .code = CVFileError::codeForErrno(failure),
                        .description = text("The folder “%1” could not be made.").arg(directory),
@@ -255,7 +255,12 @@ LXResult<void> CVOperationHelper::removeItemAtPathForOverwrite(const QString &pa
     const auto removed = removeTree(path);
     if (removed)
         return {};
-    const int code = CVFileError::codeForErrno(removed.error().code);
+    return errorForOverwriting(path, removed.error().code);
+}
+
+LXError CVOperationHelper::errorForOverwriting(const QString &path, int systemError)
+{
+    const int code = CVFileError::codeForErrno(systemError);
     const bool forbidden = code == CVFileError::noPermission;
     const char *description =
         forbidden ? "“%1” couldn’t be overwritten because you don’t have permission to access it."

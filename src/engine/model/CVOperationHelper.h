@@ -76,6 +76,8 @@ public:
 
     /// Domain "RSErrorDomain", code of CVFileError.
     static LXResult<void> removeItemAtPathForOverwrite(const QString &path);
+    /// Its error, from an errno, for those who replace in another way than by removing first.
+    static LXError errorForOverwriting(const QString &path, int systemError);
 
     /// Why the input could not be opened to the destination, for people, from an errno met while writing
     /// there.

@@ -3,10 +3,10 @@
 #include "engine/model/CVSettings.h"
 #include "engine/model/CVTempDir.h"
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 #include "util/LXLog.h"
 
 #include <QDir>
-#include <QFile>
 
 #include <map>
 #include <mutex>
@@ -33,7 +33,7 @@ Locks &locks()
 LXFileDescriptor openedDirectory(const QString &path)
 {
     return LXFileDescriptor(
-        ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        ::open(bytesOfFileName(path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 void changeList(const std::function<void(QStringList &)> &change)
