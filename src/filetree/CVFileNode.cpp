@@ -1,20 +1,20 @@
 #include "filetree/CVFileNode.h"
 
 #include "util/LXBytesValueTransformer.h"
+#include "util/LXCopyFile.h"
+#include "util/LXFileName.h"
 #include "util/LXFileWrapper.h"
 #include "util/LXLog.h"
-
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QFileInfo>
+#include "util/LXRename.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -31,26 +31,45 @@ QStringView lastComponent(const QString &path)
     return view.size() > 1 ? view.mid(view.lastIndexOf(u'/') + 1) : view;
 }
 
-// A link is copied as a link: what it points to may be far larger, or gone.
-bool copyFile(const QString &source, const QString &target, QString &why)
+QByteArray bytesOfItem(const QString &path)
 {
-    const QFileInfo info(source);
-    if (info.isSymbolicLink()) {
-        char text[4096];
-        const auto length = ::readlink(QFile::encodeName(source).constData(), text, sizeof text - 1);
-        if (length >= 0) {
-            text[length] = '\0';
-            if (::symlink(text, QFile::encodeName(target).constData()) == 0)
-                return true;
-        }
-        why = QString::fromLocal8Bit(std::strerror(errno));
-        return false;
+    QByteArray bytes = bytesOfFileName(path);
+    while (bytes.size() > 1 && bytes.endsWith('/'))
+        bytes.chop(1);
+    return bytes;
+}
+
+struct DirClose
+{
+    void operator()(DIR *dir) const noexcept { ::closedir(dir); }
+};
+
+bool isFolderEntry(DIR *dir, const dirent &entry)
+{
+    if (entry.d_type != DT_UNKNOWN)
+        return entry.d_type == DT_DIR;
+    struct stat facts;
+    return ::fstatat(::dirfd(dir), entry.d_name, &facts, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(facts.st_mode);
+}
+
+// With those above it that are missing.
+void makeFolders(const QByteArray &path)
+{
+    for (qsizetype slash = 0; slash >= 0;) {
+        slash = path.indexOf('/', slash + 1);
+        ::mkdir((slash < 0 ? path : path.first(slash)).constData(), 0777);
     }
-    QFile file(source);
-    if (file.copy(target))
-        return true;
-    why = file.errorString();
-    return false;
+}
+
+// Hard link or copy; 0 or an errno. A link is never followed: what it points to may be far larger, or gone.
+int linkOrCopy(const QByteArray &from, const QByteArray &to)
+{
+    if (::link(from.constData(), to.constData()) == 0)
+        return 0;
+    struct stat facts;
+    if (::lstat(from.constData(), &facts) != 0)
+        return errno;
+    return S_ISLNK(facts.st_mode) ? copySymlink(from, AT_FDCWD, to) : copyFile(from, AT_FDCWD, to).failure;
 }
 
 } // namespace
@@ -94,24 +113,29 @@ CVFileNode::Pointer CVFileNode::previewDirectoryNodeWithFilename(const QString &
     return create(name, true, 0);
 }
 
-CVFileNode::Pointer CVFileNode::buildFromFile(const QString &path)
+CVFileNode::Pointer CVFileNode::buildFromFile(const QString &name)
 {
-    auto top = create(path);
+    auto top = create(name);
     List folders;
-    if (const LXFileWrapper facts(path); facts.isDirectory())
+    if (const LXFileWrapper facts(name); facts.isDirectory())
         folders.push_back(top);
     while (!folders.empty()) {
         const auto folder = std::move(folders.back());
         folders.pop_back();
-        QDirIterator entries(folder->m_filename,
-                             QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-        while (entries.hasNext()) {
-            auto child = create(entries.next());
-            const QFileInfo facts = entries.fileInfo();
-            if (facts.isDir() && !facts.isSymbolicLink())
+        const QByteArray path = bytesOfItem(folder->m_filename);
+        const std::unique_ptr<DIR, DirClose> dir(::opendir(path.constData()));
+        const QByteArray prefix = path.endsWith('/') ? path : path + '/';
+        errno = 0;
+        while (const dirent *entry = dir ? ::readdir(dir.get()) : nullptr) {
+            if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+                continue;
+            auto child = create(fileNameFromBytes(QByteArray(prefix + entry->d_name)));
+            if (isFolderEntry(dir.get(), *entry))
                 folders.push_back(child);
             folder->appendChild(std::move(child));
+            errno = 0;
         }
+        folder->m_isIncomplete = !dir || errno != 0;
     }
     return top;
 }
@@ -321,21 +345,19 @@ void CVFileNode::copyToPath(const QString &folder) const
 {
     const QString destination = folder + u'/' + path();
     if (isDirectory()) {
-        QDir().mkpath(destination);
+        makeFolders(bytesOfFileName(destination));
         return;
     }
-    if (::link(QFile::encodeName(m_filename).constData(), QFile::encodeName(destination).constData()) == 0)
-        return;
-    QString why;
-    if (!copyFile(m_filename, destination, why)) {
+    if (const int failure = linkOrCopy(bytesOfItem(m_filename), bytesOfFileName(destination))) {
         LX_WARNING(lcFileTree, "ERROR copying %s to %s: %s", qUtf8Printable(m_filename),
-                   qUtf8Printable(destination), qUtf8Printable(why));
+                   qUtf8Printable(destination), std::strerror(failure));
     }
 }
 
 void CVFileNode::moveToPath(const QString &folder) const
 {
-    QFile::rename(m_filename, folder + u'/' + path());
+    const QString destination = folder + u'/' + path();
+    (void)renameWithoutReplacing(bytesOfItem(m_filename), bytesOfFileName(destination));
 }
 
 QString CVFileNode::description() const

@@ -35,7 +35,8 @@ public:
     static Pointer previewRegularFileNodeWithFilename(const QString &name, std::optional<qint64> size);
     static Pointer previewDirectoryNodeWithFilename(const QString &name);
     /// The path and, for a real folder, everything beneath it, in the order of the file system. Links
-    /// are not followed; a folder that cannot be read stays empty.
+    /// are not followed; a folder that cannot be read stays empty and isIncomplete(). Names may be of any
+    /// bytes, see fileNameFromBytes().
     static Pointer buildFromFile(const QString &path);
 
     explicit CVFileNode(Key) {}
@@ -51,6 +52,8 @@ public:
     /// True for a root, else when nothing is visible below.
     bool isLeaf() const;
     bool isPreview() const { return m_isPreview; }
+    /// A folder on disk of which some or all could not be read when the tree was built.
+    bool isIncomplete() const { return m_isIncomplete; }
     bool isPreviewableFolder() const { return m_isPreviewableFolder; }
     bool isEncryptedArchive() const { return m_isEncryptedArchive; }
     void setIsEncryptedArchive(bool encrypted) { m_isEncryptedArchive = encrypted; }
@@ -97,8 +100,9 @@ public:
     const QString &icon() const { return m_icon; }
     void setIcon(const QString &icon) { m_icon = icon; }
 
-    /// Puts what the node stands for at folder/path(): a folder is made (with those above it), anything
-    /// else is hard-linked or, where that fails, copied. An error is only logged.
+    /// Puts what the node stands for at folder/path(): a folder is made (with those above it), a file or
+    /// link is hard-linked or, where that fails, copied. An error is only logged: whoever has to know uses
+    /// CVPackingTree.
     void copyToPath(const QString &folder) const;
     /// Moves it to folder/path(). Errors are ignored.
     void moveToPath(const QString &folder) const;
@@ -119,6 +123,7 @@ private:
     bool m_treatAppBundlesAsFiles : 1 = false;
     bool m_ignoreMacHiddenFiles : 1 = false;
     bool m_isEncryptedArchive : 1 = false;
+    bool m_isIncomplete : 1 = false;
 };
 
 /// By the last component of the name: "._…", ".DS_Store", ".localized", ".hidden", ".Spotlight-V100".

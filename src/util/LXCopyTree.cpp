@@ -1,16 +1,14 @@
 #include "util/LXCopyTree.h"
 
-#include "util/LXFileDescriptor.h"
+#include "util/LXCopyFile.h"
 
 #include <array>
 #include <cerrno>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <fts.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 
 namespace {
@@ -19,58 +17,6 @@ struct FtsClose
 {
     void operator()(FTS *walk) const noexcept { fts_close(walk); }
 };
-
-int copyContents(int from, int to)
-{
-    for (;;) {
-        const ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, 1 << 30, 0);
-        if (n == 0)
-            return 0;
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            break;
-    }
-    // Not between all file systems; what was copied so far is behind both positions.
-    for (;;) {
-        const ssize_t n = ::sendfile(to, from, nullptr, 1 << 30);
-        if (n == 0)
-            return 0;
-        if (n < 0 && errno != EINTR)
-            return errno;
-    }
-}
-
-int copyFile(const char *from, const char *to, const struct stat &facts)
-{
-    const LXFileDescriptor source(::open(from, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!source.isOpen())
-        return errno;
-    LXFileDescriptor target(::open(to, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!target.isOpen())
-        return errno;
-    if (const int failure = copyContents(source.get(), target.get()))
-        return failure;
-    const std::array times = {facts.st_atim, facts.st_mtim};
-    if (::fchmod(target.get(), facts.st_mode & 0777) != 0 || ::futimens(target.get(), times.data()) != 0)
-        return errno;
-    return target.reset() ? 0 : errno;
-}
-
-int copyLink(const char *from, const char *to, const struct stat &facts)
-{
-    std::string target(static_cast<std::size_t>(facts.st_size) + 1, '\0');
-    const ssize_t length = ::readlink(from, target.data(), target.size());
-    if (length < 0)
-        return errno;
-    target.resize(static_cast<std::size_t>(length));
-    if (::symlink(target.c_str(), to) != 0)
-        return errno;
-    const std::array times = {facts.st_atim, facts.st_mtim};
-    // Not every file system keeps times of links; the link itself is what matters.
-    (void)::utimensat(AT_FDCWD, to, times.data(), AT_SYMLINK_NOFOLLOW);
-    return 0;
-}
 
 int finishFolder(const char *to, const struct stat &facts)
 {
@@ -101,11 +47,11 @@ int copyTree(const char *from, const char *to)
             failure = finishFolder(target.c_str(), *entry->fts_statp);
             break;
         case FTS_F:
-            failure = copyFile(entry->fts_accpath, target.c_str(), *entry->fts_statp);
+            failure = copyFile(entry->fts_accpath, AT_FDCWD, target.c_str()).failure;
             break;
         case FTS_SL:
         case FTS_SLNONE:
-            failure = copyLink(entry->fts_accpath, target.c_str(), *entry->fts_statp);
+            failure = copySymlink(entry->fts_accpath, AT_FDCWD, target.c_str());
             break;
         case FTS_DNR:
         case FTS_ERR:

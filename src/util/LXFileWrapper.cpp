@@ -1,8 +1,7 @@
 #include "util/LXFileWrapper.h"
 
 #include "util/LXBytesValueTransformer.h"
-
-#include <QFile>
+#include "util/LXFileName.h"
 
 #include <fts.h>
 
@@ -31,13 +30,22 @@ qint64 sizeBeneath(const QByteArray &path)
     return sum;
 }
 
+// A slash at the end would follow a link.
+QByteArray bytesOfItem(const QString &path)
+{
+    QByteArray bytes = bytesOfFileName(path);
+    while (bytes.size() > 1 && bytes.endsWith('/'))
+        bytes.chop(1);
+    return bytes;
+}
+
 } // namespace
 
 LXFileWrapper::LXFileWrapper(const QString &path)
     : m_path(path)
 {
     struct stat facts;
-    if (path.isEmpty() || ::lstat(QFile::encodeName(path).constData(), &facts) != 0)
+    if (path.isEmpty() || ::lstat(bytesOfItem(path).constData(), &facts) != 0)
         return;
     m_exists = true;
     m_mode = facts.st_mode;
@@ -46,7 +54,7 @@ LXFileWrapper::LXFileWrapper(const QString &path)
 
 qint64 LXFileWrapper::fileSizeBytes() const
 {
-    return isDirectory() ? sizeBeneath(QFile::encodeName(m_path)) : m_size;
+    return isDirectory() ? sizeBeneath(bytesOfItem(m_path)) : m_size;
 }
 
 QString LXFileWrapper::fileSize() const
