@@ -1,0 +1,18 @@
+#pragma once
+
+#include "util/LXResult.h"
+
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+
+/// Property lists, as far as one dictionary of texts goes. Written in the XML form; read in that and in the
+/// binary form ("bplist00"). Pure; any thread.
+namespace LXPropertyList {
+
+QByteArray fromStrings(const QMap<QString, QString> &strings);
+
+/// Fails for anything else than a dictionary whose values are all texts, and for a key that comes twice.
+LXResult<QMap<QString, QString>> toStrings(const QByteArray &data);
+
+} // namespace LXPropertyList
