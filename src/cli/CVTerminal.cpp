@@ -129,7 +129,7 @@ void CVTerminal::setProgressTitle(const QString &title)
     m_rateSince = m_titleSince;
 }
 
-void CVTerminal::showProgress(double done, double total)
+void CVTerminal::showProgress(double done, double total, Unit unit)
 {
     if (!m_progressWanted)
         return;
@@ -153,12 +153,13 @@ void CVTerminal::showProgress(double done, double total)
     if (!m_progressShown && now - m_titleSince < progressDelay)
         return;
     m_lastDrawn = now;
-    drawProgressLocked(done, total);
+    drawProgressLocked(done, total, unit);
 }
 
-void CVTerminal::drawProgressLocked(double done, double total)
+void CVTerminal::drawProgressLocked(double done, double total, Unit unit)
 {
-    const CVTerminalProgress progress = {.done = done, .total = total, .rate = m_rate, .title = m_title};
+    const CVTerminalProgress progress = {
+        .done = done, .total = total, .rate = m_rate, .title = m_title, .inBytes = unit == Unit::Bytes};
     // One cell short of the edge, where some terminals wrap.
     writeErrorLocked("\r" + progress.line(columns(m_err) - 1).toUtf8() + "\033[K");
     m_progressShown = true;

@@ -42,9 +42,11 @@ public:
 
     /// What the progress line names, until the next call.
     void setProgressTitle(const QString &title);
-    /// Draws the progress line, at most ten times a second and only on a terminal. Bytes; a total of
-    /// zero or less means that nobody knows it.
-    void showProgress(double done, double total);
+    /// What progress is counted in. Only bytes say anything to people as they are.
+    enum class Unit { Bytes, Share };
+    /// Draws the progress line, at most ten times a second and only on a terminal. A total of zero or less
+    /// means that nobody knows it.
+    void showProgress(double done, double total, Unit unit = Unit::Bytes);
     void clearProgress();
 
     /// A line typed without echo, after `prompt` as it stands. Nothing when it was interrupted, ended with
@@ -64,7 +66,7 @@ private:
     std::optional<QByteArray> readAnswer(const QByteArray &prompt, bool echo);
     void eraseProgressLocked();
     void writeErrorLocked(const QByteArray &bytes);
-    void drawProgressLocked(double done, double total);
+    void drawProgressLocked(double done, double total, Unit unit);
 
     using Clock = std::chrono::steady_clock;
 

@@ -1,6 +1,7 @@
 #include "cli/CVTerminalArguments.h"
 
 #include <array>
+#include <set>
 
 using namespace Qt::StringLiterals;
 
@@ -14,20 +15,30 @@ LXError usageError(const QString &text)
         .domain = u"CorvaneErrorDomain"_s, .code = 2, .description = text, .reason = {}, .suggestion = {}};
 }
 
+struct CommandName
+{
+    const char *name;
+    Command command;
+};
+
+constexpr std::array commandNames = {
+    CommandName{"extract", Command::Extract}, CommandName{"list", Command::List},
+    CommandName{"create", Command::Create},   CommandName{"convert", Command::Convert},
+    CommandName{"clean", Command::Clean},
+};
+
 std::optional<Command> commandNamed(const QString &word)
 {
-    if (word == u"extract")
-        return Command::Extract;
-    if (word == u"list")
-        return Command::List;
-    if (word == u"clean")
-        return Command::Clean;
+    for (const CommandName &known : commandNames) {
+        if (word == QLatin1StringView(known.name))
+            return known.command;
+    }
     return std::nullopt;
 }
 
 bool isCommandOfAnotherVersion(const QString &word)
 {
-    constexpr std::array names = {"create", "convert", "split", "combine", "install-rar"};
+    constexpr std::array names = {"split", "combine", "install-rar"};
     for (const char *name : names) {
         if (word == QLatin1StringView(name))
             return true;
@@ -37,39 +48,85 @@ bool isCommandOfAnotherVersion(const QString &word)
 
 QString nameOf(Command command)
 {
-    switch (command) {
-    case Command::Extract:
-        return u"extract"_s;
-    case Command::List:
-        return u"list"_s;
-    case Command::Clean:
-        return u"clean"_s;
-    case Command::Open:
-    case Command::Help:
-    case Command::Version:
-        break;
+    for (const CommandName &known : commandNames) {
+        if (command == known.command)
+            return QString::fromLatin1(known.name);
     }
     return u"corvane"_s;
 }
 
-enum class Option { Destination, Entry, Fate, Json, PasswordFile };
+enum class Option {
+    Destination,
+    Entry,
+    Fate,
+    Json,
+    PasswordFile,
+    Format,
+    Name,
+    Level,
+    Encrypt,
+    Volume,
+    Images,
+    Audio,
+    Replace,
+};
+
+enum ForCommands : unsigned {
+    ForExtract = 1,
+    ForList = 2,
+    ForPacking = 4,
+};
 
 struct OptionRule
 {
     const char *name;
     Option option;
     bool takesValue;
-    bool forExtract;
-    bool forList;
+    unsigned commands;
 };
 
 constexpr std::array optionRules = {
-    OptionRule{"--to", Option::Destination, true, true, false},
-    OptionRule{"--entry", Option::Entry, true, true, false},
-    OptionRule{"--after", Option::Fate, true, true, false},
-    OptionRule{"--json", Option::Json, false, false, true},
-    OptionRule{"--password-file", Option::PasswordFile, true, true, true},
+    OptionRule{"--to", Option::Destination, true, ForExtract | ForPacking},
+    OptionRule{"--entry", Option::Entry, true, ForExtract},
+    OptionRule{"--after", Option::Fate, true, ForExtract},
+    OptionRule{"--json", Option::Json, false, ForList},
+    OptionRule{"--password-file", Option::PasswordFile, true, ForExtract | ForList | ForPacking},
+    OptionRule{"--format", Option::Format, true, ForPacking},
+    OptionRule{"--name", Option::Name, true, ForPacking},
+    OptionRule{"--level", Option::Level, true, ForPacking},
+    OptionRule{"--encrypt", Option::Encrypt, false, ForPacking},
+    OptionRule{"--volume", Option::Volume, true, ForPacking},
+    OptionRule{"--images", Option::Images, true, ForPacking},
+    OptionRule{"--audio", Option::Audio, true, ForPacking},
+    OptionRule{"--replace", Option::Replace, false, ForPacking},
 };
+
+unsigned maskOf(Command command)
+{
+    switch (command) {
+    case Command::Extract:
+        return ForExtract;
+    case Command::List:
+        return ForList;
+    case Command::Create:
+    case Command::Convert:
+        return ForPacking;
+    case Command::Clean:
+    case Command::Open:
+    case Command::Help:
+    case Command::Version:
+        break;
+    }
+    return 0;
+}
+
+/// A whole number from 0 to `most`.
+std::optional<int> numberUpTo(int most, const QString &text)
+{
+    bool ok = false;
+    const int number = text.size() <= 2 ? text.toInt(&ok) : 0;
+    return ok && number >= 0 && number <= most && text.at(0).isDigit() ? std::optional(number) : std::nullopt;
+}
 
 class Parser
 {
@@ -87,8 +144,7 @@ public:
                 first = 1;
             } else if (isCommandOfAnotherVersion(m_words.first())) {
                 return usageError(
-                    u"“%1” is not part of this version, which extracts, lists and cleans up"_s.arg(
-                        m_words.first()));
+                    u"“%1” is not part of this version; see “corvane --help”"_s.arg(m_words.first()));
             }
         }
         bool optionsOver = false;
@@ -126,9 +182,7 @@ private:
         }
         if (!rule)
             return usageError(u"unknown option “%1”"_s.arg(name));
-        const bool fits = (m_result.command == Command::Extract && rule->forExtract) ||
-                          (m_result.command == Command::List && rule->forList);
-        if (!fits)
+        if (!(rule->commands & maskOf(m_result.command)))
             return usageError(u"“%1” does not take the option “%2”"_s.arg(nameOf(m_result.command), name));
         QString value;
         if (rule->takesValue) {
@@ -147,21 +201,18 @@ private:
     std::optional<LXError> apply(const OptionRule &rule, const QString &value)
     {
         // Two different answers to one question are a slip, and with --after a costly one.
-        const auto twice = [&rule] {
+        if (m_given.contains(rule.option) && rule.option != Option::Entry && rule.takesValue)
             return usageError(u"the option “%1” is given twice"_s.arg(QLatin1StringView(rule.name)));
-        };
+        m_given.insert(rule.option);
+        CVPackOptions &pack = m_result.pack;
         switch (rule.option) {
         case Option::Destination:
-            if (m_result.destination)
-                return twice();
             m_result.destination = value;
             break;
         case Option::Entry:
             m_result.entries.append(value);
             break;
         case Option::Fate:
-            if (m_result.fate)
-                return twice();
             if (value == u"keep")
                 m_result.fate = CVTerminalArguments::Fate::Keep;
             else if (value == u"trash")
@@ -175,11 +226,70 @@ private:
             m_result.json = true;
             break;
         case Option::PasswordFile:
-            if (m_result.passwordFile)
-                return twice();
             m_result.passwordFile = value;
             break;
+        case Option::Format:
+            if (const auto format = CVPackOptions::formatNamed(value))
+                pack.format = *format;
+            else if (value.compare(u"rar"_s, Qt::CaseInsensitive) == 0)
+                return usageError(
+                    u"rar archives need the tool “rar”, which is not installed; without it there are %1"_s
+                        .arg(CVPackOptions::formats().join(u", "_s)));
+            else
+                return usageError(u"there is no format “%1”; there are %2"_s.arg(
+                    value, CVPackOptions::formats().join(u", "_s)));
+            break;
+        case Option::Name:
+            pack.name = value;
+            break;
+        case Option::Level:
+            return number(rule, value, 9, pack.level);
+        case Option::Images:
+            return number(rule, value, CVPackOptions::imageFormats, pack.images);
+        case Option::Audio:
+            return number(rule, value, CVPackOptions::audioFormats, pack.audio);
+        case Option::Volume:
+            pack.volumeBytes = CVPackOptions::parseSize(value);
+            if (!pack.volumeBytes)
+                return usageError(
+                    u"“--volume” takes a size like 100MB, 1.5GiB or 700000 (bytes), not “%1”"_s.arg(value));
+            break;
+        case Option::Encrypt:
+            pack.encrypt = true;
+            break;
+        case Option::Replace:
+            pack.replace = true;
+            break;
         }
+        return std::nullopt;
+    }
+
+    static std::optional<LXError> number(const OptionRule &rule, const QString &value, int most,
+                                         std::optional<int> &place)
+    {
+        place = numberUpTo(most, value);
+        if (place)
+            return std::nullopt;
+        return usageError(u"“%1” takes a number from 0 to %2, not “%3”"_s.arg(QString::fromLatin1(rule.name),
+                                                                              QString::number(most), value));
+    }
+
+    std::optional<LXError> packingProblem() const
+    {
+        const QString command = nameOf(m_result.command);
+        if (m_result.pack.format.isEmpty())
+            return usageError(u"“%1” needs “--format” with one of %2"_s.arg(
+                command, CVPackOptions::formats().join(u", "_s)));
+        if (m_result.paths.isEmpty())
+            return usageError(m_result.command == Command::Create ? u"“create” needs at least one file"_s
+                                                                  : u"“convert” needs an archive"_s);
+        if (m_result.command == Command::Convert && m_result.paths.size() > 1)
+            return usageError(u"“convert” takes one archive at a time, and “%1” is a second one"_s.arg(
+                m_result.paths.at(1)));
+        if (const auto problem = m_result.pack.problem())
+            return usageError(*problem);
+        if (m_result.passwordFile && m_result.command == Command::Create && !m_result.pack.encrypt)
+            return usageError(u"“--password-file” has no effect without “--encrypt”"_s);
         return std::nullopt;
     }
 
@@ -194,6 +304,11 @@ private:
         case Command::Clean:
             if (!m_result.paths.isEmpty())
                 return usageError(u"“clean” takes no file names"_s);
+            break;
+        case Command::Create:
+        case Command::Convert:
+            if (auto error = packingProblem())
+                return *error;
             break;
         case Command::Open:
             if (m_result.paths.isEmpty())
@@ -212,6 +327,7 @@ private:
 
     const QStringList &m_words;
     CVTerminalArguments m_result;
+    std::set<Option> m_given;
 };
 
 } // namespace
@@ -223,9 +339,9 @@ LXResult<CVTerminalArguments> CVTerminalArguments::parse(const QStringList &word
 
 QString CVTerminalArguments::help()
 {
-    return uR"(Corvane opens archives.
+    return uR"(Corvane opens archives, makes them, and turns one kind into another.
 
-  corvane FILE…                     extract the archives FILE…
+  corvane FILE…                     extract archives; pack other files and folders by the settings
   corvane extract [options] ARCHIVE…
         --to DIR                    put the results into DIR, which is made if it is missing
                                     (otherwise: where the settings say, at first beside the archive)
@@ -235,17 +351,38 @@ QString CVTerminalArguments::help()
   corvane list [options] ARCHIVE…
         --json                      one JSON object an archive and line
         --password-file FILE        as above
+  corvane create --format F [options] FILE…
+  corvane convert --format F [options] ARCHIVE
+        --format F                  zip, 7z, corvane, tar, tar.gz, tar.bz2, tar.Z, or tar.xz (which is
+                                    written without compression); rar where its tool is installed
+        --name N                    of the new archive (otherwise: that of the file, “Archive” for several)
+        --to DIR                    as above
+        --level 0-9                 0 none, 9 best; for zip and 7z, and from 1 on for tar.gz and tar.bz2
+        --encrypt                   with a password, which is asked for twice; for zip and 7z
+        --volume SIZE               in files of this size, together in a folder; for zip and 7z. Bytes, or
+                                    with KB, MB, GB (1000) or KiB, MiB, GiB (1024) behind the number
+        --images 0-13               for corvane: convert images to jpg of quality 0.6, 0.8, 1.0 (1 to 3),
+                                    png, tiff, tga, sgi, psd, pdf, bmp, gif, jp2, exr (4 to 13); 0 does not
+        --audio 0-8                 for corvane: convert sound to m4a of 32, 128, 256, 320 kbit/s (1 to 4)
+                                    or the same as mp4 (5 to 8); 0 does not
+        --replace                   replace an archive that is there already, without a question
+        --password-file FILE        for “create --encrypt”: the password of the new archive; for “convert”:
+                                    that of ARCHIVE, and with --encrypt also that of the new one
   corvane clean                     remove work folders that a crash left behind
   corvane --help | --version
 
 After “--” every word is a file name. A password is never taken from the command line: give it by
 --password-file, in the environment variable CORVANE_PASSWORD, or type it when asked.
+What the settings hold (level, media, where to) counts where no option says otherwise, and an option counts
+for its run only. Encryption is the exception: “create” and “convert” encrypt only with --encrypt.
+“convert” leaves images as they are. It never changes ARCHIVE.
 
-What was extracted is printed on standard output, one path a line; everything else goes to standard
+What was made is printed on standard output, one path a line; everything else goes to standard
 error. Control characters in names are shown escaped. “list” prints a table on a terminal and only
 the paths elsewhere. Without a terminal, questions take their safe answer: keep, do not replace, stop.
 
 Exit status: 0 done; 1 failed, nothing produced; 2 wrong use; 3 password missing or wrong;
-4 some archives failed, the others were delivered; 130 cancelled.
+4 some archives failed, the others were delivered, or a new archive was delivered but files changed while
+they were packed or entries had to be left out; 130 cancelled.
 )"_s;
 }

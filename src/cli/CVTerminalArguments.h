@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cli/CVPackOptions.h"
 #include "util/LXResult.h"
 
 #include <QString>
@@ -7,8 +8,8 @@
 
 #include <optional>
 
-/// What the command line asks for. Parsing looks at nothing but the words: whether a path exists is
-/// found out when it is used.
+/// What the command line asks for. Parsing looks at nothing but the words (and at which formats can be
+/// written): whether a path exists is found out when it is used.
 struct CVTerminalArguments
 {
     enum class Command {
@@ -16,6 +17,8 @@ struct CVTerminalArguments
         Extract,
         List,
         Clean,
+        Create,
+        Convert,
         Help,
         Version,
     };
@@ -34,6 +37,7 @@ struct CVTerminalArguments
     std::optional<Fate> fate;
     bool json = false;
     std::optional<QString> passwordFile; ///< "-" for standard input
+    CVPackOptions pack;                  ///< of Create and Convert
 
     /// `words` without the program's own name. The error's description is one line that names the
     /// word in question.

@@ -3,6 +3,7 @@
 #include "cli/CVTerminal.h"
 #include "cli/CVTerminalPasswords.h"
 #include "engine/model/CVSettings.h"
+#include "filetree/CVFileTreeBuilder.h"
 #include "util/LXDisplay.h"
 
 #include <algorithm>
@@ -33,9 +34,27 @@ QStringList CVTerminalDelegate::operationPathsToInputFiles(CVOperation *)
     return m_inputPaths;
 }
 
+std::shared_ptr<CVFileNode> CVTerminalDelegate::operationInputFiles(CVOperation *)
+{
+    const std::lock_guard lock(m_mutex);
+    // Here, on the job's thread, because it reads whole folders.
+    if (!m_inputFiles) {
+        m_inputFiles = CVFileNode::create();
+        CVFileTreeBuilder::addFiles(m_inputPaths, *m_inputFiles);
+    }
+    return m_inputFiles;
+}
+
+QStringList CVTerminalDelegate::resultPaths() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_results;
+}
+
 void CVTerminalDelegate::operationHasMadeProgress(CVOperation *, double done, double totalBytes)
 {
-    m_terminal.showProgress(done, totalBytes);
+    // Who packs counts files and thirds, not bytes.
+    m_terminal.showProgress(done, totalBytes, m_packing ? CVTerminal::Unit::Share : CVTerminal::Unit::Bytes);
 }
 
 void CVTerminalDelegate::operationWorkingOnJob(CVOperation *, const QString &text)
@@ -52,13 +71,20 @@ CVTerminalDelegate::operationNeedsPasswordForFileAtPath(CVOperation *, const QSt
 CVAlertResult CVTerminalDelegate::operationNeedsToAskWhetherToReplaceFileAtPath(CVOperation *,
                                                                                 const QString &path)
 {
-    if (!m_terminal.canAsk()) {
+    if (m_packing && m_packing->replaces)
+        return CVAlertResult::Default;
+    if (m_terminal.canAsk() &&
+        m_terminal.askYesNo(u"“%1” already exists. Do you want to replace it?"_s.arg(path)))
+        return CVAlertResult::Default;
+    if (!m_terminal.wasInterrupted()) {
         m_terminal.message(u"“%1” already exists and is kept"_s.arg(path));
-        return CVAlertResult::Cancel;
+        if (!m_terminal.canAsk())
+            m_terminal.detail(u"With “--replace” it would be replaced."_s);
+        // The job calls it a cancel, but nobody wanted to stop it.
+        ++m_failures;
+        m_stopped = true;
     }
-    return m_terminal.askYesNo(u"“%1” already exists. Do you want to replace it?"_s.arg(path))
-               ? CVAlertResult::Default
-               : CVAlertResult::Cancel;
+    return CVAlertResult::Cancel;
 }
 
 CVAlertResult CVTerminalDelegate::operationNeedsToAskWhetherToContinueAfterArchiveAtPath(CVOperation *,
@@ -102,8 +128,19 @@ void CVTerminalDelegate::operationSkippedEntries(CVOperation *, const QString &a
         m_terminal.detail(u"%1: %2"_s.arg(entries[i].name, entries[i].reason));
     if (entries.size() > skippedShown)
         m_terminal.detail(u"… and %1 more"_s.arg(entries.size() - skippedShown));
+    if (m_packing) {
+        if (m_packing->lacksCount)
+            ++m_failures;
+        return;
+    }
     if (CVSettings::integer(CVSettingsKey::archiveFateAfterExtract) != static_cast<int>(CVArchiveFate::Keep))
         m_terminal.detail(u"The archive is kept, because they are in it alone."_s);
+}
+
+void CVTerminalDelegate::operationCompletedWithFilesAtPaths(CVOperation *, const QStringList &paths, bool)
+{
+    const std::lock_guard lock(m_mutex);
+    m_results = paths;
 }
 
 void CVTerminalDelegate::operationFailedWithError(CVOperation *, const LXError &error)

@@ -20,6 +20,16 @@ class CVTerminalDelegate final : public CVOperationDelegate
 public:
     CVTerminalDelegate(CVTerminal &terminal, CVTerminalPasswords &passwords, QStringList inputPaths);
 
+    /// For jobs that write an archive.
+    struct Packing
+    {
+        bool replaces = false;   ///< agreed to beforehand
+        bool lacksCount = false; ///< entries that were left out are missing in the result
+    };
+    void setPacking(const Packing &packing) { m_packing = packing; }
+
+    /// What was delivered, told by the job.
+    QStringList resultPaths() const;
     /// Archives that could not be opened, told to the person already.
     int failures() const { return m_failures; }
     /// The person, or nobody in their place, chose not to go on after a failure.
@@ -28,6 +38,7 @@ public:
 
     QString operationPathToInputFile(CVOperation *operation) override;
     QStringList operationPathsToInputFiles(CVOperation *operation) override;
+    std::shared_ptr<CVFileNode> operationInputFiles(CVOperation *operation) override;
 
     void operationHasMadeProgress(CVOperation *operation, double done, double totalBytes) override;
     void operationWorkingOnJob(CVOperation *operation, const QString &text) override;
@@ -46,6 +57,8 @@ public:
     void operationSkippedEntries(CVOperation *operation, const QString &archivePath,
                                  const std::vector<CVSkippedEntry> &entries) override;
 
+    void operationCompletedWithFilesAtPaths(CVOperation *operation, const QStringList &paths,
+                                            bool multipleFiles) override;
     void operationFailedWithError(CVOperation *operation, const LXError &error) override;
     void operationWasCancelled(CVOperation *operation) override;
     void operationCancelledShowingNotification(CVOperation *operation, bool show) override;
@@ -56,6 +69,12 @@ private:
     CVTerminal &m_terminal;
     CVTerminalPasswords &m_passwords;
     const QStringList m_inputPaths;
+    std::optional<Packing> m_packing;
+    mutable std::mutex m_mutex; ///< guards what follows, down to the next comment
+    std::shared_ptr<CVFileNode> m_inputFiles;
+    QStringList m_results;
+
+    // Counters and marks.
     std::atomic<int> m_failures = 0;
     std::atomic<bool> m_stopped = false;
     std::atomic<bool> m_cancelled = false;

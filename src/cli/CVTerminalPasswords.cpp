@@ -83,6 +83,44 @@ std::optional<QString> CVTerminalPasswords::forFile(const QString &path, bool fa
     return answer;
 }
 
+std::optional<QString> CVTerminalPasswords::forNewArchive(const QString &name, const Check &check)
+{
+    m_lack = Lack::None;
+    if (m_given) {
+        if (const auto problem = check(*m_given)) {
+            m_lack = Lack::Unfit;
+            m_terminal.message(*problem);
+            return std::nullopt;
+        }
+        return m_given;
+    }
+    if (!m_terminal.canAsk()) {
+        m_lack = Lack::Missing;
+        m_terminal.message(
+            u"no password for the new archive “%1”; use --password-file or CORVANE_PASSWORD"_s.arg(name));
+        return std::nullopt;
+    }
+    for (int i = 0; i < triesAllowed; ++i) {
+        const auto answer = m_terminal.askPassword(u"Password for the new archive “%1”: "_s.arg(name));
+        if (!answer)
+            break;
+        if (const auto problem = check(*answer)) {
+            m_terminal.message(*problem);
+            continue;
+        }
+        const auto again = m_terminal.askPassword(u"The same once more: "_s);
+        if (!again)
+            break;
+        if (*again == *answer)
+            return answer;
+        m_terminal.message(u"the passwords do not match"_s);
+    }
+    m_lack = Lack::Missing;
+    if (!m_terminal.wasInterrupted())
+        m_terminal.message(u"no password for the new archive “%1”"_s.arg(name));
+    return std::nullopt;
+}
+
 LXResult<QString> CVTerminalPasswords::readFile(const QString &path)
 {
     LXFileDescriptor own;

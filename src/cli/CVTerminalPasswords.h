@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
 #include <optional>
 
 class CVTerminal;
@@ -20,6 +21,7 @@ public:
         None,
         Missing, ///< nobody gave one
         Wrong,   ///< those that were given do not fit
+        Unfit,   ///< the given one cannot be that of the new archive
     };
 
     /// Tries at the prompt before an archive counts as not to be opened.
@@ -31,6 +33,12 @@ public:
     /// The password for the archive at `path`; `failed` says that the one before did not fit. Nothing
     /// when there is none or the tries are used up, which the person has been told then.
     std::optional<QString> forFile(const QString &path, bool failed);
+
+    /// What is wrong with a password, in one line; nothing when it is fit.
+    using Check = std::function<std::optional<QString>(const QString &password)>;
+    /// The password for a new archive: the given one, or typed twice. Nothing when there is none that is
+    /// fit, which the person has been told then.
+    std::optional<QString> forNewArchive(const QString &name, const Check &check);
 
     /// Why the last answer was nothing.
     Lack lack() const { return m_lack; }

@@ -26,13 +26,14 @@ QString CVTerminalProgress::line(int cells) const
     const double share = known ? std::clamp(done / total, 0.0, 1.0) : 0;
     const auto bytes = [](double n) { return LXBytesValueTransformer::formatBytes(static_cast<qint64>(n)); };
 
-    QString amount = bytes(std::max(done, 0.0));
-    if (known)
+    QString amount = inBytes ? bytes(std::max(done, 0.0)) : QString();
+    if (known && inBytes)
         amount += u" of "_s + bytes(total);
     QString speed;
     QString left;
     if (rate > 0) {
-        speed = bytes(rate) + u"/s"_s;
+        if (inBytes)
+            speed = bytes(rate) + u"/s"_s;
         if (known && done < total) {
             const QString time = duration((total - done) / rate);
             if (!time.isEmpty())

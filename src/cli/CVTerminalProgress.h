@@ -5,10 +5,11 @@
 /// The text of the progress line. Stateless, so that it can be tested without a terminal.
 struct CVTerminalProgress
 {
-    double done = 0;  ///< bytes
-    double total = 0; ///< bytes; zero or less when not known
-    double rate = 0;  ///< bytes a second; zero or less when not known yet
-    QString title;    ///< escaped already
+    double done = 0;     ///< bytes
+    double total = 0;    ///< bytes; zero or less when not known
+    double rate = 0;     ///< bytes a second; zero or less when not known yet
+    QString title;       ///< escaped already
+    bool inBytes = true; ///< else the numbers above count something else, which is not shown itself
 
     /// At most `cells` wide: bar, percent, amount, rate, time left, title; what does not fit goes,
     /// least important first.

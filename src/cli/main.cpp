@@ -1,14 +1,15 @@
 #include "cli/CVExtractCommand.h"
 #include "cli/CVListCommand.h"
+#include "cli/CVPackCommand.h"
 #include "cli/CVTerminal.h"
 #include "cli/CVTerminalArguments.h"
 #include "cli/CVTerminalPasswords.h"
 #include "cli/CVTerminalSignals.h"
 #include "engine/model/CVOperationQueue.h"
+#include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 
 #include <QCoreApplication>
-#include <QStringDecoder>
 
 #include <clocale>
 #include <csignal>
@@ -78,10 +79,23 @@ int runList(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
     return status;
 }
 
+/// Files of all kinds are packed; every other command opens archives.
+bool isPacking(const CVTerminalArguments &arguments)
+{
+    return arguments.command == CVTerminalArguments::Command::Create ||
+           (arguments.command == CVTerminalArguments::Command::Open &&
+            CVPackCommand::areFilesToPack(arguments.paths));
+}
+
 int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTerminalPasswords &passwords)
 {
     CVOperationQueue queue;
-    CVExtractCommand command(queue, terminal, passwords);
+    CVExtractCommand extraction(queue, terminal, passwords);
+    CVPackCommand packing(queue, terminal, passwords);
+    const bool packs = isPacking(arguments);
+    CVJobCommand &command = packs || arguments.command == CVTerminalArguments::Command::Convert
+                                ? static_cast<CVJobCommand &>(packing)
+                                : extraction;
     int interrupts = 0;
     const CVTerminalSignals signalsToCancel([&](int) {
         // Whoever asks twice does not want to wait. The work directory is on the list that
@@ -95,11 +109,15 @@ int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
     });
     switch (arguments.command) {
     case CVTerminalArguments::Command::Extract:
-        return command.extract(arguments);
+        return extraction.extract(arguments);
     case CVTerminalArguments::Command::Open:
-        return command.open(arguments);
+        return packs ? packing.open(arguments) : extraction.open(arguments);
     case CVTerminalArguments::Command::Clean:
-        return command.clean();
+        return extraction.clean();
+    case CVTerminalArguments::Command::Create:
+        return packing.create(arguments);
+    case CVTerminalArguments::Command::Convert:
+        return packing.convert(arguments);
     case CVTerminalArguments::Command::List:
     case CVTerminalArguments::Command::Help:
     case CVTerminalArguments::Command::Version:
@@ -122,13 +140,10 @@ int main(int argc, char **argv)
     qInstallMessageHandler(writeLog);
 
     QStringList words;
+    bool areUtf8 = true;
     for (int i = 1; i < argc; ++i) {
-        QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-        words.append(decoder.decode(QByteArrayView(argv[i])));
-        if (decoder.hasError()) {
-            terminal.message(u"the name “%1” is not valid UTF-8; please rename the file"_s.arg(words.last()));
-            return 1;
-        }
+        words.append(fileNameFromBytes(argv[i]));
+        areUtf8 = areUtf8 && QByteArrayView(argv[i]).isValidUtf8();
     }
     const auto parsed = CVTerminalArguments::parse(words);
     if (!parsed) {
@@ -137,6 +152,11 @@ int main(int argc, char **argv)
         return usageStatus;
     }
     const CVTerminalArguments &arguments = parsed.value();
+    const bool packs = isPacking(arguments);
+    if (!areUtf8 && !packs) {
+        terminal.message(u"a name among the words is not valid UTF-8; please rename the file"_s);
+        return 1;
+    }
 
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"corvane"_s);

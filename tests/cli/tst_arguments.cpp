@@ -19,6 +19,10 @@ private Q_SLOTS:
     void understood();
     void refused_data();
     void refused();
+    void sizes_data();
+    void sizes();
+    void passwords_data();
+    void passwords();
     void escapes_data();
     void escapes();
     void progressFits_data();
@@ -32,7 +36,8 @@ namespace {
 // Everything that was understood in one line, so that a row compares the whole.
 QString summary(const CVTerminalArguments &a)
 {
-    static const char *const names[] = {"open", "extract", "list", "clean", "help", "version"};
+    static const char *const names[] = {"open",   "extract", "list", "clean",
+                                        "create", "convert", "help", "version"};
     QString text = QLatin1StringView(names[static_cast<int>(a.command)]);
     if (a.destination)
         text += u" to=" + *a.destination;
@@ -44,6 +49,23 @@ QString summary(const CVTerminalArguments &a)
         text += u" json";
     if (a.passwordFile)
         text += u" password=" + *a.passwordFile;
+    const CVPackOptions &pack = a.pack;
+    if (!pack.format.isEmpty())
+        text += u" format=" + pack.format;
+    if (pack.name)
+        text += u" name=" + *pack.name;
+    if (pack.level)
+        text += u" level=" + QString::number(*pack.level);
+    if (pack.encrypt)
+        text += u" encrypt"_s;
+    if (pack.volumeBytes)
+        text += u" volume=" + QString::number(*pack.volumeBytes, 'f', 0);
+    if (pack.images)
+        text += u" images=" + QString::number(*pack.images);
+    if (pack.audio)
+        text += u" audio=" + QString::number(*pack.audio);
+    if (pack.replace)
+        text += u" replace"_s;
     return text + u" | " + a.paths.join(u'|');
 }
 
@@ -73,6 +95,9 @@ void tst_arguments::understood_data()
     row("help after --", "extract -- --help", "extract | --help");
     row("version", "--version", "version | ");
     row("clean", "clean", "clean | ");
+    row("convert", "convert a.zip --format tar.gz --level 1 --password-file p",
+        "convert password=p format=tar.gz level=1 | a.zip");
+    row("the case of a format", "create --format TAR.z a", "create format=tar.Z | a");
     row("keep with entries", "extract --after keep --entry a b", "extract entry=a fate=0 | b");
 }
 
@@ -107,7 +132,42 @@ void tst_arguments::refused_data()
     QTest::newRow("clean with files") << QStringList{u"clean"_s, u"a"_s} << u"clean"_s;
     QTest::newRow("password as a word")
         << QStringList{u"extract"_s, u"--password"_s, u"x"_s, u"a"_s} << u"--password"_s;
-    QTest::newRow("not in this version") << QStringList{u"create"_s, u"a"_s} << u"create"_s;
+    QTest::newRow("not in this version") << QStringList{u"split"_s, u"a"_s} << u"split"_s;
+    // What cannot be written like that, with what the message has to offer instead.
+    const auto create = [](const char *name, const char *options, const QString &offers) {
+        const QString words = u"create --format "_s + QString::fromUtf8(options) + u" a"_s;
+        QTest::addRow("create: %s", name) << words.split(u' ') << offers;
+    };
+    QTest::newRow("no format") << QStringList{u"create"_s, u"a"_s} << u"tar.bz2"_s;
+    create("unknown format", "arj", u"tar.bz2"_s);
+    create("format without its tool", "rar", u"not installed"_s);
+    create("password with tar", "tar --encrypt", u"zip and 7z"_s);
+    create("password with tar.gz", "tar.gz --encrypt", u"zip and 7z"_s);
+    create("password with the own format", "corvane --encrypt", u"zip and 7z"_s);
+    create("password file without encryption", "zip --password-file p", u"--encrypt"_s);
+    create("level with tar", "tar --level 5", u"tar.gz"_s);
+    create("level with tar.Z", "tar.Z --level 5", u"tar.gz"_s);
+    create("level with tar.xz", "tar.xz --level 5", u"tar.gz"_s);
+    create("level with the own format", "corvane --level 5", u"tar.gz"_s);
+    create("no compression with tar.gz", "tar.gz --level 0", u"1 to 9"_s);
+    create("no compression with tar.bz2", "tar.bz2 --level 0", u"1 to 9"_s);
+    create("level too high", "zip --level 10", u"0 to 9"_s);
+    create("level below zero", "zip --level -1", u"0 to 9"_s);
+    create("level of words", "zip --level best", u"0 to 9"_s);
+    create("level given twice", "zip --level 1 --level 2", u"twice"_s);
+    create("volumes without a size", "7z --volume big", u"100MB"_s);
+    create("volumes of an unclear unit", "7z --volume 100M", u"100MB"_s);
+    create("images out of range", "corvane --images 14", u"0 to 13"_s);
+    create("sound out of range", "corvane --audio 9", u"0 to 8"_s);
+    create("images in zip", "zip --images 1", u"corvane"_s);
+    create("sound in tar", "tar --audio 1", u"corvane"_s);
+    create("name with a slash", "zip --name a/b", u"--to"_s);
+    create("name of a folder", "zip --name ..", u".."_s);
+    create("endless name", qPrintable(u"zip --name "_s + QString(252, u'x')), u"shorter"_s);
+    create("entries", "zip --entry x", u"--entry"_s);
+    QTest::newRow("create nothing") << QStringList{u"create"_s, u"--format=zip"_s} << u"file"_s;
+    QTest::newRow("convert nothing") << QStringList{u"convert"_s, u"--format=zip"_s} << u"archive"_s;
+    QTest::newRow("convert two") << QStringList{u"convert"_s, u"--format=zip"_s, u"a"_s, u"b"_s} << u"“b”"_s;
 }
 
 void tst_arguments::refused()
@@ -117,6 +177,51 @@ void tst_arguments::refused()
     const auto result = CVTerminalArguments::parse(words);
     QVERIFY(!result);
     QVERIFY2(result.error().description.contains(names), qPrintable(result.error().description));
+}
+
+void tst_arguments::sizes_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<double>("bytes"); // below zero: not understood
+    QTest::newRow("bytes") << u"700000"_s << 700000.0;
+    QTest::newRow("thousands") << u"100MB"_s << 1e8;
+    QTest::newRow("powers of two") << u"1.5GiB"_s << 1.5 * 1073741824;
+    QTest::newRow("small letters, a space") << u"2 kib"_s << 2048.0;
+    QTest::newRow("half a byte is none") << u"1.0005KB"_s << 1000.0;
+    QTest::newRow("negative") << u"-5"_s << -1.0;
+    QTest::newRow("exponent") << u"1e9"_s << -1.0;
+    QTest::newRow("comma") << u"1,5GB"_s << -1.0;
+    QTest::newRow("unit alone") << u"MB"_s << -1.0;
+    QTest::newRow("too many digits") << u"1000000000000000000"_s << -1.0;
+}
+
+void tst_arguments::sizes()
+{
+    QFETCH(QString, text);
+    QFETCH(double, bytes);
+    QCOMPARE(CVPackOptions::parseSize(text).value_or(-1), bytes);
+}
+
+void tst_arguments::passwords_data()
+{
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<QString>("password");
+    QTest::addColumn<bool>("fit");
+    QTest::newRow("zip") << u"zip"_s << u"pa ss$\"'"_s << true;
+    QTest::newRow("zip beyond ASCII") << u"zip"_s << u"päss"_s << false;
+    QTest::newRow("7z beyond ASCII") << u"7z"_s << u"päss"_s << true;
+    QTest::newRow("begins with =") << u"7z"_s << u"=x"_s << false;
+    QTest::newRow("= further on") << u"7z"_s << u"x="_s << true;
+    QTest::newRow("empty") << u"7z"_s << u""_s << false;
+    QTest::newRow("two lines") << u"7z"_s << u"a\nb"_s << false;
+}
+
+void tst_arguments::passwords()
+{
+    QFETCH(QString, format);
+    QFETCH(QString, password);
+    QFETCH(bool, fit);
+    QCOMPARE(!CVPackOptions::passwordProblem(format, password), fit);
 }
 
 void tst_arguments::escapes_data()
@@ -160,13 +265,16 @@ void tst_arguments::progressFits_data()
     QTest::newRow("no room for the bar") << 50 << u" 25%  1.0 MB of 4.0 MB  0:06 left  写真.zip"_s;
     QTest::newRow("narrow") << 15 << u" 25%  写真.zip"_s;
     QTest::newRow("very narrow") << 8 << u" 25%  …"_s;
+    QTest::newRow("not in bytes") << -60 << u"[#####...............]   25%  0:06 left  写真.zip"_s;
 }
 
 void tst_arguments::progressFits()
 {
     QFETCH(int, cells);
     QFETCH(QString, line);
-    const CVTerminalProgress progress = {.done = 1e6, .total = 4e6, .rate = 5e5, .title = u"写真.zip"_s};
+    const CVTerminalProgress progress = {
+        .done = 1e6, .total = 4e6, .rate = 5e5, .title = u"写真.zip"_s, .inBytes = cells > 0};
+    cells = std::abs(cells);
     QCOMPARE(progress.line(cells), line);
     QVERIFY(terminalWidth(progress.line(cells)) <= cells);
 }

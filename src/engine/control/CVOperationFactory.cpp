@@ -1,6 +1,7 @@
 #include "engine/control/CVOperationFactory.h"
 
 #include "engine/model/CVWorkDirectoryCleanOperation.h"
+#include "jobs/CVConvertArchiveOperation.h"
 #include "jobs/CVCreateArchiveOperation.h"
 #include "jobs/CVExtractArchivesOperation.h"
 #include "jobs/CVTemporaryArchiveExtractOperation.h"
@@ -35,6 +36,12 @@ std::shared_ptr<CVOperation>
 CVOperationFactory::createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data)
 {
     return std::make_shared<CVCreateArchiveOperation>(std::move(data));
+}
+
+std::shared_ptr<CVOperation>
+CVOperationFactory::convertOperationWithDataBinding(std::shared_ptr<CVConvertOperationDataBinding> data)
+{
+    return std::make_shared<CVConvertArchiveOperation>(std::move(data));
 }
 
 std::shared_ptr<CVOperation> CVOperationFactory::workDirectoryCleanOperation()

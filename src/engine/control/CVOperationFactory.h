@@ -7,6 +7,7 @@
 
 class CVArchive;
 class CVCreateOperationDataBinding;
+class CVConvertOperationDataBinding;
 class CVExtractArchivesOperation;
 class CVOperation;
 
@@ -25,6 +26,8 @@ public:
     /// A new archive of the files of its window.
     static std::shared_ptr<CVOperation>
     createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data);
+    static std::shared_ptr<CVOperation>
+    convertOperationWithDataBinding(std::shared_ptr<CVConvertOperationDataBinding> data);
     static std::shared_ptr<CVOperation> workDirectoryCleanOperation();
 
     static bool operationExtractedSingleFileForOpening(const CVOperation *operation);

@@ -164,7 +164,7 @@ void CVEditArchiveOperationDataBinding::setAudioFileFormat(int format)
 
 QString CVEditArchiveOperationDataBinding::outputArchiveName() const
 {
-    if (m_archiveType.isEmpty() || archivePathExtension(m_archiveName).toLower() == m_archiveType)
+    if (m_archiveType.isEmpty() || archivePathExtension(m_archiveName).toLower() == m_archiveType.toLower())
         return m_archiveName;
     return m_archiveName + u'.' + m_archiveType;
 }

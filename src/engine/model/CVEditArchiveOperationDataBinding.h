@@ -53,6 +53,10 @@ public:
     int audioFileFormat() const { return m_audioFileFormat; }
     void setAudioFileFormat(int format);
 
+    /// Bytes of each part; 0 for one file.
+    double chunkSize() const { return m_chunkSize; }
+    void setChunkSize(double bytes) { change(m_chunkSize, bytes, QStringLiteral("chunkSize")); }
+
     bool shouldUseZipCompression() const { return m_shouldUseZipCompression; }
     void setShouldUseZipCompression(bool use)
     {
@@ -98,6 +102,7 @@ private:
     int m_compressionLevel = 0;
     int m_imageFileFormat = 0;
     int m_audioFileFormat = 0;
+    double m_chunkSize = 0;
     bool m_shouldUseZipCompression = false;
     bool m_storing = false; ///< the change of the setting under way is our own
 
@@ -109,15 +114,10 @@ private:
 class CVCreateOperationDataBinding : public CVEditArchiveOperationDataBinding
 {
 public:
-    /// Bytes of each part; 0 for one file.
-    double chunkSize() const { return m_chunkSize; }
-    void setChunkSize(double bytes) { change(m_chunkSize, bytes, QStringLiteral("chunkSize")); }
-
     std::shared_ptr<class CVArchive> archive() const { return m_archive; }
     void setArchive(std::shared_ptr<class CVArchive> archive) { m_archive = std::move(archive); }
 
 private:
-    double m_chunkSize = 0;
     std::shared_ptr<class CVArchive> m_archive;
 };
 
