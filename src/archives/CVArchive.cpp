@@ -4,6 +4,7 @@
 #include "archives/CVTarArchive.h"
 #include "archives/CVXArchive.h"
 #include "archives/archive_string.h"
+#include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 #include "util/string_regex.h"
 
@@ -13,8 +14,14 @@
 #include <QRegularExpression>
 #include <QTimer>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 Q_LOGGING_CATEGORY(lcArchive, "corvane.archives")
 
@@ -22,13 +29,20 @@ namespace {
 
 constexpr int createProgressPeriodMs = 200;
 
+qint64 sizeOfFile(const QByteArray &path)
+{
+    struct stat info;
+    return ::lstat(path.constData(), &info) == 0 ? static_cast<qint64>(info.st_size) : -1;
+}
+
 double sizeOfItemAtPath(const QString &path)
 {
     namespace fs = std::filesystem;
+    const QByteArray bytesOfPath = bytesOfFileName(path);
     std::error_code error;
-    const fs::path item(path.toStdString());
+    const fs::path item(bytesOfPath.toStdString());
     if (!fs::is_directory(fs::symlink_status(item, error)))
-        return static_cast<double>(QFileInfo(path).size());
+        return static_cast<double>(std::max<qint64>(sizeOfFile(bytesOfPath), 0));
     double bytes = 0;
     for (fs::recursive_directory_iterator it(item, fs::directory_options::skip_permission_denied, error), end;
          !error && it != end; it.increment(error)) {
@@ -52,7 +66,9 @@ CVArchive::CVArchive()
 
 CVArchive::~CVArchive()
 {
-    stopCreateProgressTimer();
+    // Possibly not on its thread, possibly in its own call.
+    if (m_createTimer)
+        LXMainThread::post([timer = std::shared_ptr<CreateTimer>(std::move(m_createTimer))] {});
 }
 
 QString CVArchive::statusToString(std::int32_t status)
@@ -111,9 +127,19 @@ void CVArchive::bundle(const QString &source, const QString &destinationPath)
     progressCounter = 0;
     maxProgress = sizeOfItemAtPath(source);
     const auto self = shared_from_this();
-    LXMainThread::post([self] { self->setupCreateProgressTimer(); });
-    if (status() != Cancelled)
-        LXMainThread::post([self] { self->createCommand(); });
+    {
+        const std::lock_guard lock(m_createMutex);
+        m_creating = status() != Cancelled;
+    }
+    // A cancel that comes in between has told its end already.
+    LXMainThread::post([self] {
+        if (self->status() != Cancelled)
+            self->setupCreateProgressTimer();
+    });
+    LXMainThread::post([self] {
+        if (self->status() != Cancelled)
+            self->createCommand();
+    });
 }
 
 void CVArchive::open(const QString &path, const QString &destinationFolder)
@@ -189,15 +215,14 @@ void CVArchive::reportExtractEnd()
 void CVArchive::cancelCreate()
 {
     setStatus(Cancelled);
-    // exists() follows links and would miss a dangling one; remove() never does.
-    const QFileInfo info(destination);
-    if ((info.exists() || info.isSymLink()) && !QFile::remove(destination)) {
-        if (delegate())
-            delegate()->archiveFailed(this, InvalidFile);
+    stopCreateProgressTimer();
+    const bool removed = removeCreated();
+    if (!delegate())
         return;
-    }
-    if (delegate())
+    if (removed)
         delegate()->archiveCancelled(this);
+    else
+        delegate()->archiveFailed(this, InvalidFile);
 }
 
 void CVArchive::cancelExtract()
@@ -238,20 +263,46 @@ void CVArchive::createDidAddFile(const QString &)
     hasMadeProgress(progressCounter, maxProgress);
 }
 
+double CVArchive::createdBytes()
+{
+    return static_cast<double>(sizeOfFile(bytesOfFileName(destination)));
+}
+
+bool CVArchive::removeCreated()
+{
+    return ::unlink(bytesOfFileName(destination).constData()) == 0 || errno == ENOENT || errno == ENOTDIR;
+}
+
 void CVArchive::setupCreateProgressTimer()
 {
     m_createTimer = std::make_unique<CreateTimer>();
-    QObject::connect(&m_createTimer->timer, &QTimer::timeout, &m_createTimer->timer, [this] {
-        const QFileInfo info(destination);
-        if (info.exists())
-            hasMadeProgress(static_cast<double>(info.size()), maxProgress);
+    QTimer &timer = m_createTimer->timer;
+    QObject::connect(&timer, &QTimer::timeout, &timer, [weak = weak_from_this()] {
+        if (const auto self = weak.lock())
+            self->tellCreateProgress();
     });
-    m_createTimer->timer.start(createProgressPeriodMs);
+    timer.start(createProgressPeriodMs);
+}
+
+void CVArchive::tellCreateProgress()
+{
+    const double bytes = createdBytes();
+    if (bytes < 0)
+        return;
+    const std::lock_guard lock(m_createMutex);
+    if (m_creating)
+        hasMadeProgress(bytes, maxProgress);
 }
 
 void CVArchive::stopCreateProgressTimer()
 {
-    if (!m_createTimer)
-        return;
-    LXMainThread::wait([this] { m_createTimer.reset(); });
+    {
+        const std::lock_guard lock(m_createMutex);
+        if (!std::exchange(m_creating, false))
+            return;
+    }
+    LXMainThread::post([weak = weak_from_this()] {
+        if (const auto self = weak.lock())
+            self->m_createTimer.reset();
+    });
 }

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -88,7 +89,7 @@ public:
     /// Lists on the calling thread. A path without a file only logs, without any callback.
     void openForPreview(const QString &path);
 
-    /// Any thread.
+    /// Any thread, but not while holding a lock that the delegate takes when it hears of progress.
     virtual void cancelCreate();
     /// A running extraction reports its end itself, once it has stopped writing: whoever removes the
     /// destination on that report must not race with the writer.
@@ -129,6 +130,13 @@ protected:
     virtual void extractCommand() {}
     virtual void preview() {}
 
+    /// What has been written so far; below zero while there is nothing. Called on the main thread every
+    /// 0.2 s while an archive is created.
+    virtual double createdBytes();
+    /// Removes what an unfinished create has left. False when something is still there.
+    virtual bool removeCreated();
+
+    /// The end of a create; any thread. No progress is told any more when it returns.
     void createComplete();
     void previewComplete();
     void extractDidFinish();
@@ -145,11 +153,15 @@ private:
     void reportExtractEnd();
     void setupCreateProgressTimer();
     void stopCreateProgressTimer();
+    void tellCreateProgress();
 
     std::atomic<CVArchiveDelegate *> m_delegate = nullptr;
     std::atomic<std::int32_t> m_status = Success;
     std::atomic<bool> m_extracting = false;
     std::atomic<bool> m_extractReported = false;
+    /// Held while progress is told. Recursive: whoever hears it may cancel in the call.
+    std::recursive_mutex m_createMutex;
+    bool m_creating = false;
     struct CreateTimer;
-    std::unique_ptr<CreateTimer> m_createTimer;
+    std::unique_ptr<CreateTimer> m_createTimer; ///< of the main thread
 };

@@ -96,6 +96,12 @@ bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
     return true;
 }
 
+void CVXArchive::createCommand()
+{
+    setStatus(Unsupported);
+    createComplete();
+}
+
 void CVXArchive::preview()
 {
     Listing listing;

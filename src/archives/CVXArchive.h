@@ -21,6 +21,8 @@ public:
     static bool pathIsParentOrIsPathOfTarget(const QString &path, const QString &target);
 
 protected:
+    /// Nobody writes the formats that are only read: ends with Unsupported.
+    void createCommand() override;
     void preview() override;
     void extractCommand() override;
 

@@ -1,5 +1,7 @@
 #include "util/LXChildProcess.h"
 
+#include "util/LXFileName.h"
+
 #include <QCoreApplication>
 #include <QFile>
 #include <QProcessEnvironment>
@@ -121,7 +123,7 @@ LXFileDescriptor ruleset(const QStringList &writable)
     if (!fd.isOpen())
         return fd;
     for (const QString &folder : writable)
-        allow(fd.get(), QFile::encodeName(folder), granted);
+        allow(fd.get(), bytesOfFileName(folder), granted);
     // Programs write to these as a matter of course; neither keeps anything.
     allow(fd.get(), "/dev/null", writeFile | truncate);
     allow(fd.get(), "/dev/tty", writeFile | truncate);
@@ -190,7 +192,8 @@ bool makeTerminal(Pipe &terminal)
 std::vector<QByteArray> environmentFor(const QMap<QString, QString> &own)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const char *name : {"TAPE", "TAR_OPTIONS", "CORVANE_PASSWORD"})
+    // Options that would come on top of ours, and another language in spite of LC_ALL.
+    for (const char *name : {"TAPE", "TAR_OPTIONS", "GZIP", "BZIP", "BZIP2", "LANGUAGE", "CORVANE_PASSWORD"})
         environment.remove(QString::fromLatin1(name));
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     if (!environment.contains(QStringLiteral("TZ")))
@@ -201,7 +204,7 @@ std::vector<QByteArray> environmentFor(const QMap<QString, QString> &own)
     const QStringList names = environment.keys();
     result.reserve(static_cast<std::size_t>(names.size()));
     for (const QString &name : names)
-        result.push_back(QFile::encodeName(name) + '=' + QFile::encodeName(environment.value(name)));
+        result.push_back(bytesOfFileName(name) + '=' + bytesOfFileName(environment.value(name)));
     return result;
 }
 
@@ -471,14 +474,14 @@ LXResult<std::unique_ptr<LXChildProcess>> LXChildProcess::start(const LXChildOpt
     const LXFileDescriptor ruleset =
         options.confined ? landlock::ruleset(options.writableFolders) : LXFileDescriptor();
 
-    std::vector<QByteArray> arguments{QFile::encodeName(program)};
+    std::vector<QByteArray> arguments{bytesOfFileName(program)};
     for (const QString &argument : options.arguments)
-        arguments.push_back(QFile::encodeName(argument));
+        arguments.push_back(bytesOfFileName(argument));
     std::vector<QByteArray> environment = environmentFor(options.environment);
     const std::vector<char *> argumentPointers = pointers(arguments);
     const std::vector<char *> environmentPointers = pointers(environment);
-    const QByteArray programPath = QFile::encodeName(program);
-    const QByteArray folder = QFile::encodeName(options.workingFolder);
+    const QByteArray programPath = bytesOfFileName(program);
+    const QByteArray folder = bytesOfFileName(options.workingFolder);
     const std::vector<int> inherited(options.inheritedDescriptors.begin(),
                                      options.inheritedDescriptors.end());
 

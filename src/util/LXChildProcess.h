@@ -24,7 +24,7 @@ struct LXChildLimits
     qint64 processes = 0; ///< counted per user; without effect for root
 };
 
-/// How a child is started. Nothing of it goes through a shell.
+/// How a child is started. Nothing of it goes through a shell. Texts become bytes by bytesOfFileName().
 struct LXChildOptions
 {
     enum class Stream {
@@ -37,8 +37,8 @@ struct LXChildOptions
     QString program; ///< a path, or a name to be looked up in PATH
     QStringList arguments;
     QString workingFolder; ///< empty: ours
-    /// Wins over our own environment, which the child gets without TAPE, TAR_OPTIONS and
-    /// CORVANE_PASSWORD, and with LC_ALL=C.UTF-8 and TZ set.
+    /// Wins over our own environment, which the child gets without TAPE, TAR_OPTIONS, GZIP, BZIP, BZIP2,
+    /// LANGUAGE and CORVANE_PASSWORD, and with LC_ALL=C.UTF-8 and TZ set.
     QMap<QString, QString> environment;
     Stream input = Stream::Null;
     Stream output = Stream::Pipe;

@@ -1,11 +1,14 @@
 #include "support/TestTree.h"
 
+#include "util/LXFileName.h"
+
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QJsonObject>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,9 +29,10 @@ QByteArray cleanPath(const QByteArray &path)
 
 QByteArray sha256OfFile(const QByteArray &path)
 {
-    QFile file(QFile::decodeName(path));
+    QFile file;
     QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || !file.open(fd, QIODevice::ReadOnly, QFile::AutoCloseHandle) || !hash.addData(&file))
         return "unreadable";
     return hash.result().toHex();
 }
@@ -42,7 +46,7 @@ void readFolder(const QByteArray &root, const QByteArray &relative, const QStrin
         return;
     while (const dirent *item = readdir(folder)) {
         const QByteArray name = item->d_name;
-        if (name == "." || name == ".." || (relative.isEmpty() && leaveOut.contains(QFile::decodeName(name))))
+        if (name == "." || name == ".." || (relative.isEmpty() && leaveOut.contains(fileNameFromBytes(name))))
             continue;
         const QByteArray path = relative.isEmpty() ? name : relative + '/' + name;
         const QByteArray full = root + '/' + path;
@@ -127,7 +131,7 @@ TestTree treeFromEntries(const QJsonArray &entries)
 TestTree treeFromDisk(const QString &folder, const QStringList &leaveOut)
 {
     TestTree tree;
-    readFolder(QFile::encodeName(folder), {}, leaveOut, tree);
+    readFolder(bytesOfFileName(folder), {}, leaveOut, tree);
     return tree;
 }
 
