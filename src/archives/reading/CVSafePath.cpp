@@ -1,5 +1,7 @@
 #include "archives/reading/CVSafePath.h"
 
+#include "util/LXFileName.h"
+
 #include <QCoreApplication>
 
 namespace {
@@ -54,7 +56,7 @@ CVSafePath CVSafePath::fromName(const QString &name, bool isDirectory)
         // A folder of this name would later be taken for one of our own and cleaned away.
         if (component.startsWith(u".corvane-"))
             return refuse("Its name is reserved for work folders.");
-        QByteArray bytes = component.toUtf8();
+        QByteArray bytes = bytesOfFileName(component);
         if (bytes.size() > maxComponentBytes)
             return refuse("Its name is longer than a file name can be (255 bytes).");
         total += bytes.size() + 1;

@@ -30,7 +30,7 @@ struct CVSafePath
     static constexpr qsizetype maxPathBytes = 3584;
 
     Verdict verdict = Verdict::Refused;
-    std::vector<QByteArray> components; ///< UTF-8
+    std::vector<QByteArray> components; ///< as bytesOfFileName() gives them
     QString reason;                     ///< one sentence, plain words
 
     static CVSafePath fromName(const QString &name, bool isDirectory);

@@ -1,6 +1,7 @@
 #include "archives/reading/CVSafeWriter.h"
 
 #include "archives/reading/CVSafePath.h"
+#include "util/LXFileName.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -646,7 +647,7 @@ bool CVSafeWriter::addLink(int index, const QByteArray &path, const QByteArray &
         }
         link.target = safe.joined();
     } else {
-        link.target = decoded.toUtf8();
+        link.target = bytesOfFileName(decoded);
         if (link.target.isEmpty() || link.target.contains('\0') || link.target.size() > maxLinkTargetBytes) {
             failEntry(index, XADErrorCode::NotMade, text("Its link target is empty or cannot be stored."));
             return false;
