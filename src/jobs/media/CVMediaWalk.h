@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <chrono>
 #include <functional>
 #include <stop_token>
 
@@ -24,6 +25,8 @@ struct CVMediaWalk
     std::stop_token stop;
     /// Called on the calling thread, once for each path beneath the folder, folders included.
     std::function<void()> pathDone = [] {};
+    /// How long one image, or ten seconds of sound, may take before the file counts as broken.
+    std::chrono::milliseconds patience = std::chrono::minutes(5);
 
     struct Result
     {
