@@ -256,7 +256,8 @@ LXResult<void> CVFileCombiner::verifyChecksums(const QString &checksumFile, cons
             return combineError(
                 QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” is not in the list of checksums."), part);
     }
-    const QMap<QString, QString> found = LXChecksum::checksumsOfFiles(listed, m_stop.get_token());
+    const QMap<QString, QString> found =
+        LXChecksum::checksumsOfFiles(listed, [this] { return isCancelled(); });
     for (const QString &path : listed) {
         if (found.value(path) != sums.value().value(lastComponent(path)) || !parts.contains(path))
             return modifiedError(path);
@@ -361,7 +362,6 @@ void CVFileCombiner::fail(const LXError &error)
 void CVFileCombiner::cancel()
 {
     m_isCancelled = true;
-    m_stop.request_stop();
     combineCancelled();
 }
 

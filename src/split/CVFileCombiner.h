@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <memory>
-#include <stop_token>
 
 class CVFileCombiner;
 class CVFileWriter;
@@ -34,7 +33,7 @@ public:
 /// where a checksum file is among the files, exactly the parts that it lists are there and unchanged.
 /// A compressed set has to come to the end of its stream, not before it and not with bytes left. After a
 /// failure or a cancel there is no joined file.
-/// Memory: bounded, whatever the sizes. Thread: one; cancel() from any.
+/// Memory: bounded, whatever the sizes. Thread: one; requestCancel() from any.
 class CVFileCombiner
 {
 public:
@@ -60,8 +59,11 @@ public:
     /// 2 anything else with files. What the delegate was told as combineFailed() is no error here.
     LXResult<void> combine();
 
-    /// Stops, removes the joined file and tells the delegate at once.
+    /// Stops, removes the joined file and tells the delegate at once. On the thread that combines.
     void cancel();
+    /// Any thread, also before it begins: combine() stops at the next block, removes the joined file and
+    /// tells.
+    void requestCancel() { m_isCancelled = true; }
     /// Removes the joined file.
     void cleanUp();
 
@@ -82,7 +84,6 @@ private:
     QStringList m_files;
     QString m_destinationPath;
     CVCombineDelegate *m_delegate = nullptr;
-    std::stop_source m_stop; ///< for the checksums
     std::atomic<bool> m_isCancelled = false;
     std::atomic<bool> m_cancelTold = false;
     quint64 m_bytesWritten = 0;

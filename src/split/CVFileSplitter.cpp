@@ -135,17 +135,16 @@ void CVFileSplitter::actualSplit()
     }
     closePart();
 
-    if (m_isCancelled) {
-        if (m_delegate)
-            m_delegate->splitWasCancelled(*this);
-        return;
-    }
-    if (m_shouldChecksum) {
+    if (m_shouldChecksum && !m_isCancelled) {
         if (m_delegate)
             m_delegate->splitWillChecksum(*this);
         writeChecksumsForDestinationFile(outputFileName());
     }
-    if (m_delegate)
+    if (!m_delegate)
+        return;
+    if (m_isCancelled)
+        m_delegate->splitWasCancelled(*this);
+    else
         m_delegate->splitHasCompleted(*this);
 }
 
@@ -231,7 +230,10 @@ void CVFileSplitter::tellProgress(quint64 bytes)
 
 void CVFileSplitter::writeChecksumsForDestinationFile(const QString &outputFile)
 {
-    const QMap<QString, QString> sums = LXChecksum::checksumsOfFiles(m_outputFiles);
+    const QMap<QString, QString> sums =
+        LXChecksum::checksumsOfFiles(m_outputFiles, [this] { return isCancelled(); });
+    if (m_isCancelled)
+        return;
     if (sums.size() != m_outputFiles.size())
         throw FileSplitterIOException("Failed to write checksum");
     QMap<QString, QString> byName;

@@ -25,7 +25,7 @@ struct DigestFree
 
 } // namespace
 
-std::optional<QString> LXChecksum::checksumFileAtPath(const QString &path, std::stop_token stop)
+std::optional<QString> LXChecksum::checksumFileAtPath(const QString &path, const ShouldStop &shouldStop)
 {
     const LXFileDescriptor file(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC));
     const std::unique_ptr<EVP_MD_CTX, DigestFree> digest(EVP_MD_CTX_new());
@@ -34,7 +34,7 @@ std::optional<QString> LXChecksum::checksumFileAtPath(const QString &path, std::
     (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     std::vector<char> block(blockBytes);
     for (;;) {
-        if (stop.stop_requested())
+        if (shouldStop && shouldStop())
             return std::nullopt;
         const ssize_t got = ::read(file.get(), block.data(), block.size());
         if (got < 0 && errno == EINTR)
@@ -53,19 +53,19 @@ std::optional<QString> LXChecksum::checksumFileAtPath(const QString &path, std::
     return QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(sum), size).toHex());
 }
 
-bool LXChecksum::verifyFileAtPath(const QString &path, const QString &checksum, std::stop_token stop)
+bool LXChecksum::verifyFileAtPath(const QString &path, const QString &checksum, const ShouldStop &shouldStop)
 {
-    return checksumFileAtPath(path, std::move(stop)) == checksum;
+    return checksumFileAtPath(path, shouldStop) == checksum;
 }
 
-QMap<QString, QString> LXChecksum::checksumsOfFiles(const QStringList &paths, std::stop_token stop)
+QMap<QString, QString> LXChecksum::checksumsOfFiles(const QStringList &paths, const ShouldStop &shouldStop)
 {
     QMap<QString, QString> sums;
     std::mutex mutex;
     std::atomic<qsizetype> next = 0;
     const auto work = [&] {
         for (qsizetype i = next++; i < paths.size(); i = next++) {
-            if (const auto sum = checksumFileAtPath(paths[i], stop)) {
+            if (const auto sum = checksumFileAtPath(paths[i], shouldStop)) {
                 const std::lock_guard lock(mutex);
                 sums.insert(paths[i], *sum);
             }

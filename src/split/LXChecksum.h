@@ -4,19 +4,24 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <optional>
-#include <stop_token>
 
 /// SHA-1 (FIPS 180) of whole files. Stateless; any thread. Memory: one block of 1 MiB a file at work.
 class LXChecksum
 {
 public:
+    /// Asked between blocks; on several threads at once.
+    using ShouldStop = std::function<bool()>;
+
     /// 40 lower-case hexadecimal digits. Nothing when the file cannot be read to its end, or when stopped.
-    static std::optional<QString> checksumFileAtPath(const QString &path, std::stop_token stop = {});
+    static std::optional<QString> checksumFileAtPath(const QString &path, const ShouldStop &shouldStop = {});
 
     /// Equal to the digit, in lower case. A file that cannot be read is not.
-    static bool verifyFileAtPath(const QString &path, const QString &checksum, std::stop_token stop = {});
+    static bool verifyFileAtPath(const QString &path, const QString &checksum,
+                                 const ShouldStop &shouldStop = {});
 
     /// Of several files at once, one a core. Those that cannot be read are missing in the answer.
-    static QMap<QString, QString> checksumsOfFiles(const QStringList &paths, std::stop_token stop = {});
+    static QMap<QString, QString> checksumsOfFiles(const QStringList &paths,
+                                                   const ShouldStop &shouldStop = {});
 };

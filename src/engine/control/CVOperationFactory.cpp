@@ -1,9 +1,11 @@
 #include "engine/control/CVOperationFactory.h"
 
 #include "engine/model/CVWorkDirectoryCleanOperation.h"
+#include "jobs/CVCombineFilesOperation.h"
 #include "jobs/CVConvertArchiveOperation.h"
 #include "jobs/CVCreateArchiveOperation.h"
 #include "jobs/CVExtractArchivesOperation.h"
+#include "jobs/CVSplitFileOperation.h"
 #include "jobs/CVTemporaryArchiveExtractOperation.h"
 
 std::shared_ptr<CVExtractArchivesOperation> CVOperationFactory::extractArchivesOperation()
@@ -42,6 +44,17 @@ std::shared_ptr<CVOperation>
 CVOperationFactory::convertOperationWithDataBinding(std::shared_ptr<CVConvertOperationDataBinding> data)
 {
     return std::make_shared<CVConvertArchiveOperation>(std::move(data));
+}
+
+std::shared_ptr<CVOperation>
+CVOperationFactory::splitFileOperationWithDataBinding(std::shared_ptr<CVSplitOperationDataBinding> data)
+{
+    return std::make_shared<CVSplitFileOperation>(std::move(data));
+}
+
+std::shared_ptr<CVOperation> CVOperationFactory::combineOperation()
+{
+    return std::make_shared<CVCombineFilesOperation>();
 }
 
 std::shared_ptr<CVOperation> CVOperationFactory::workDirectoryCleanOperation()

@@ -10,6 +10,7 @@ class CVCreateOperationDataBinding;
 class CVConvertOperationDataBinding;
 class CVExtractArchivesOperation;
 class CVOperation;
+class CVSplitOperationDataBinding;
 
 /// The one place that makes jobs. Each call gives a new one, not yet queued and without a delegate.
 class CVOperationFactory
@@ -28,6 +29,9 @@ public:
     createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data);
     static std::shared_ptr<CVOperation>
     convertOperationWithDataBinding(std::shared_ptr<CVConvertOperationDataBinding> data);
+    static std::shared_ptr<CVOperation>
+    splitFileOperationWithDataBinding(std::shared_ptr<CVSplitOperationDataBinding> data);
+    static std::shared_ptr<CVOperation> combineOperation();
     static std::shared_ptr<CVOperation> workDirectoryCleanOperation();
 
     static bool operationExtractedSingleFileForOpening(const CVOperation *operation);

@@ -1,0 +1,167 @@
+#include "jobs/CVCombineFilesOperation.h"
+
+#include "archives/archive_string.h"
+#include "engine/model/CVOperationDelegate.h"
+#include "jobs/CVJobFolders.h"
+#include "split/split_names.h"
+#include "util/LXDisplay.h"
+#include "util/LXFileName.h"
+#include "util/LXPendingAnswer.h"
+
+#include <QCoreApplication>
+#include <QSet>
+
+#include <memory>
+
+#include <dirent.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString tr(const char *text)
+{
+    return QCoreApplication::translate("CVCombineFilesOperation", text);
+}
+
+struct FolderClose
+{
+    void operator()(DIR *folder) const noexcept { ::closedir(folder); }
+};
+
+LXError jobError(const LXError &cause)
+{
+    const bool full = cause.code == 1;
+    // The sentence of the split serves both jobs.
+    return LXError{.domain = cause.domain,
+                   .code = cause.code,
+                   .description = full ? tr("Files could not be combined because the disk is full.")
+                                       : tr("File could not be split because an unexpected error occurred."),
+                   .reason = full ? QString() : cause.reason,
+                   .suggestion = full ? tr("Please delete some files on your disk and try again.")
+                                      : tr("Please try again.")};
+}
+
+} // namespace
+
+QString CVCombineFilesOperation::taskDescription() const
+{
+    return tr("Combine “%1”").arg(LXDisplay::displayName(m_combiner.combineFileName()));
+}
+
+void CVCombineFilesOperation::cancel()
+{
+    CVOperation::cancel();
+    m_combiner.requestCancel();
+}
+
+void CVCombineFilesOperation::endAsCancelled()
+{
+    if (endOnce())
+        delegate()->operationWasCancelled(this);
+}
+
+void CVCombineFilesOperation::endAsFailed(const LXError &error)
+{
+    if (endOnce())
+        delegate()->operationFailedWithError(this, error);
+}
+
+bool CVCombineFilesOperation::waitForAccess(const QString &path)
+{
+    const auto pending = std::make_shared<LXPendingAnswer<bool>>();
+    runAuthorizedHandler({path}, [pending](bool granted, const QString &) { pending->give(granted); });
+    return pending->wait(stopToken()).value_or(false);
+}
+
+QStringList CVCombineFilesOperation::sweepFilePartsAtPath(const QString &path, const QString &combinedFile,
+                                                          const QStringList &existing)
+{
+    const QString prefix = path.left(path.lastIndexOf(u'/') + 1);
+    const std::unique_ptr<DIR, FolderClose> folder(
+        ::opendir(prefix.isEmpty() ? "." : bytesOfFileName(prefix).constData()));
+    const QSet<QString> known(existing.begin(), existing.end());
+    QStringList found;
+    while (const dirent *entry = folder ? ::readdir(folder.get()) : nullptr) {
+        const QString name = fileNameFromBytes(entry->d_name);
+        if (!isSplitFile(name) || splitSetName(name) != combinedFile || known.contains(prefix + name))
+            continue;
+        // The sums of a set are those beside its parts, whichever of them was given.
+        found.append(prefix + name);
+    }
+    return found;
+}
+
+void CVCombineFilesOperation::main()
+{
+    const QStringList inputs = delegate()->operationPathsToInputFiles(this);
+    if (inputs.isEmpty())
+        return endAsFailed({.domain = u"CorvaneErrorDomain"_s,
+                            .code = 1,
+                            .description = tr("Combine failed"),
+                            .reason = tr("There is no part to combine."),
+                            .suggestion = {}});
+    const QString &first = inputs.first();
+    if (!isSplitFile(first))
+        return endAsFailed(
+            {.domain = u"CorvaneErrorDomain"_s,
+             .code = 1,
+             .description = tr("Combine failed"),
+             .reason = tr("“%1” is no part of a file that was split.").arg(LXDisplay::displayName(first)),
+             .suggestion = tr("Name one of its parts, or its checksum file.")});
+    const QString name = splitSetName(first);
+    delegate()->operationWorkingOnJob(this, tr("Combining file “%1”").arg(LXDisplay::displayName(name)));
+    delegate()->operationProgressIconForFilename(this, name, false);
+
+    if (!waitForAccess(first))
+        return endAsCancelled();
+    const QStringList files = inputs + sweepFilePartsAtPath(first, name, inputs);
+    if (isCancelled())
+        return endAsCancelled();
+    m_combiner.setFiles(files);
+
+    const auto folders = CVJobFolders::choose(*this, u"Combine"_s, first, files);
+    if (!folders)
+        return endAsFailed(folders.error());
+    if (!folders.value() || isCancelled())
+        return endAsCancelled();
+    combineInWorkDirectory(*folders.value());
+}
+
+void CVCombineFilesOperation::combineInWorkDirectory(const CVJobFolders &folders)
+{
+    m_combiner.setDestinationPath(folders.workDirectory());
+    m_combiner.setDelegate(this);
+    const LXResult<void> result = m_combiner.combine();
+    m_combiner.setDelegate(nullptr);
+    if (isCancelled())
+        return endAsCancelled();
+    if (!result)
+        return endAsFailed(jobError(result.error()));
+    if (m_hasFailure)
+        return endAsFailed(m_failure);
+    const auto delivered =
+        folders.deliver(m_combiner.combineFileName(), splitSetName(m_combiner.files().first()));
+    if (!delivered)
+        return endAsFailed(delivered.error());
+    if (endOnce())
+        delegate()->operationCompletedWithFilesAtPath(this, delivered.value(), false);
+}
+
+void CVCombineFilesOperation::combineWillVerifyChecksums(CVFileCombiner &)
+{
+    delegate()->operationHasIndeterminateProgress(this);
+}
+
+void CVCombineFilesOperation::combineHasMadeProgress(CVFileCombiner &, quint64 bytesWritten,
+                                                     quint64 totalBytes)
+{
+    delegate()->operationHasMadeProgress(this, static_cast<double>(bytesWritten),
+                                         static_cast<double>(totalBytes));
+}
+
+void CVCombineFilesOperation::combineFailed(CVFileCombiner &, const LXError &error)
+{
+    m_failure = error;
+    m_hasFailure = true;
+}
