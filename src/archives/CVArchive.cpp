@@ -1,6 +1,5 @@
 #include "archives/CVArchive.h"
 
-#include "archives/CVCorvaneArchive.h"
 #include "archives/CVP7ZipArchive.h"
 #include "archives/CVTarArchive.h"
 #include "archives/CVXArchive.h"
@@ -93,17 +92,13 @@ std::shared_ptr<CVArchive> CVArchive::archiveForExtracting(const QString &fileNa
     static const QRegularExpression tar(QStringLiteral("(tar|tar.gz|tgz|tar.bz2|tar.bz|tbz|tar.z|tar.xz)"));
     if (extension.contains(tar))
         return std::make_shared<CVTarArchive>(extension);
-    if (extension == u"corvane")
-        return std::make_shared<CVCorvaneArchive>();
     if (extension == u"7z" || extension == u"001")
         return std::make_shared<CVP7ZipArchive>();
     return std::make_shared<CVXArchive>();
 }
 
-std::shared_ptr<CVArchive> CVArchive::archiveForPreviewing(const QString &fileName)
+std::shared_ptr<CVArchive> CVArchive::archiveForPreviewing(const QString &)
 {
-    if (archivePathExtension(fileName).toLower() == u"corvane")
-        return std::make_shared<CVCorvaneArchive>();
     return std::make_shared<CVXArchive>();
 }
 

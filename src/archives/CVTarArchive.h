@@ -1,13 +1,14 @@
 #pragma once
 
 #include "archives/CVArchive.h"
-#include "archives/CVFallbackReader.h"
 #include "archives/LXTaskHelper.h"
 
 #include <QSet>
 
 #include <mutex>
 #include <stop_token>
+
+class CVXArchive;
 
 /// Tar archives, plain or compressed, by the system's own tools. The extension says how the archive is
 /// compressed; where it does not, the first bytes do.
@@ -22,7 +23,7 @@
 /// emptied. So all archives follow one set of rules, and the ordinary ones cost no more than the tool.
 ///
 /// Thread: extraction on the job's worker, creation on the main thread, both cancels from any.
-class CVTarArchive final : public CVArchive, private LXTaskDelegate
+class CVTarArchive final : public CVArchive, private LXTaskDelegate, private CVArchiveDelegate
 {
 public:
     /// The extension in lower case, without its first dot ("tar.gz").
@@ -62,6 +63,14 @@ private:
     void taskHasOutputAvailable(LXTask &task, const QString &line) override;
     void taskHasCompletedWithStatus(LXTask &task, std::int32_t status) override;
 
+    // CVArchiveDelegate, for the reader
+    void archiveFinished(CVArchive *archive) override;
+    void archiveFailed(CVArchive *archive, std::int32_t status) override;
+    void archiveCancelled(CVArchive *archive) override;
+    void archiveHasMadeProgress(CVArchive *archive, double done, double total) override;
+    std::optional<QString> archiveWantsPassword(CVArchive *archive) override;
+    bool archiveMayExceedLimit(CVArchive *archive, const QString &explanation) override;
+
     std::optional<QString> m_compressionFlag;
     const char *m_description; ///< the text and its key
     std::atomic<bool> m_isCancelled = false;
@@ -70,6 +79,5 @@ private:
     std::mutex m_mutex; // what follows
     std::unique_ptr<LXTaskHelper> m_taskWrapper;
     std::stop_source m_stop;
-
-    CVFallbackReader m_reader;
+    std::shared_ptr<CVXArchive> m_reader;
 };

@@ -123,6 +123,12 @@ mode_t modeForOwner(const struct stat &facts, bool ownerKept)
     return facts.st_mode & (ownerKept ? 07777 : 0777);
 }
 
+/// Some file systems keep no modes or times; contents are what a copy is for.
+bool failed(int result)
+{
+    return result != 0 && errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS;
+}
+
 } // namespace
 
 LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &name, std::stop_token stop)
@@ -145,8 +151,8 @@ LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &nam
     if (outcome.failure == 0) {
         const bool ownerKept = ::fchown(target.get(), before.st_uid, before.st_gid) == 0;
         const std::array times = {before.st_atim, before.st_mtim};
-        if (::fchmod(target.get(), modeForOwner(before, ownerKept)) != 0 ||
-            ::futimens(target.get(), times.data()) != 0)
+        if (failed(::fchmod(target.get(), modeForOwner(before, ownerKept))) ||
+            failed(::futimens(target.get(), times.data())))
             outcome.failure = errno;
     }
     struct stat after;
@@ -183,8 +189,8 @@ int copyAttributes(const struct stat &facts, int folder, const QByteArray &name)
     const bool ownerKept =
         ::fchownat(folder, name.constData(), facts.st_uid, facts.st_gid, AT_SYMLINK_NOFOLLOW) == 0;
     const std::array times = {facts.st_atim, facts.st_mtim};
-    if (::utimensat(folder, name.constData(), times.data(), AT_SYMLINK_NOFOLLOW) != 0 ||
-        ::fchmodat(folder, name.constData(), modeForOwner(facts, ownerKept), 0) != 0)
+    if (failed(::utimensat(folder, name.constData(), times.data(), AT_SYMLINK_NOFOLLOW)) ||
+        failed(::fchmodat(folder, name.constData(), modeForOwner(facts, ownerKept), 0)))
         return errno;
     return 0;
 }

@@ -16,9 +16,9 @@ struct LXCopyOutcome
 };
 
 /// Copies the regular file `from` to `name` in the open folder `folder` (AT_FDCWD and a path do as well),
-/// where nothing may be yet: contents, permission bits, times and, where we may, the owner. Holes stay
-/// holes. Set-user-ID and its kin are kept only together with the owner. A stop takes effect within one
-/// block (16 MiB). After a failure nothing is left at the target.
+/// where nothing may be yet: contents, and as far as the file system can permission bits, times and owner.
+/// Holes stay holes. Set-user-ID and its kin are kept only together with the owner. A stop takes effect
+/// within one block (16 MiB). After a failure nothing is left at the target.
 LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &name, std::stop_token stop = {});
 
 /// The same for a symbolic link, which becomes a link with the same text. 0 or an errno.

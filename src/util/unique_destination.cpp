@@ -18,37 +18,20 @@
 
 namespace {
 
-/// "name", "name 2", "name 3.ext" with names cut to what a file system takes.
+/// The places that are tried, in order.
 class Candidates
 {
 public:
     Candidates(const QString &name, const QString &directory)
-        : m_directory(directory)
-    {
-        const qsizetype dot = name.lastIndexOf(u'.');
-        m_base = dot > 0 ? name.left(dot) : name;
-        m_extension = dot > 0 ? name.mid(dot) : QString();
-        if (m_extension.size() == 1) {
-            m_base = name;
-            m_extension.clear();
-        }
-    }
+        : m_name(name)
+        , m_prefix(directory.endsWith(u'/') ? directory : directory + u'/')
+    {}
 
-    QString next()
-    {
-        const QString counter = m_counter == 1 ? QString() : u' ' + QString::number(m_counter);
-        ++m_counter;
-        QString base = m_base;
-        while (base.size() > 1 && bytesOfFileName(QString(base + counter + m_extension)).size() > NAME_MAX)
-            base.chop(base.back().isLowSurrogate() ? 2 : 1);
-        const auto separator = m_directory.endsWith(u'/') ? QLatin1StringView() : QLatin1StringView("/");
-        return m_directory + separator + base + counter + m_extension;
-    }
+    QString next() { return m_prefix + nameWithCounter(m_name, m_counter++); }
 
 private:
-    QString m_directory;
-    QString m_base;
-    QString m_extension;
+    QString m_name;
+    QString m_prefix;
     int m_counter = 1;
 };
 
@@ -117,6 +100,19 @@ Moved moveWithin(const QByteArray &source, const QString &directory, const QStri
 }
 
 } // namespace
+
+QString nameWithCounter(const QString &name, int counter)
+{
+    const qsizetype dot = name.lastIndexOf(u'.');
+    const bool hasExtension = dot > 0 && dot + 1 < name.size();
+    QString base = hasExtension ? name.left(dot) : name;
+    QString rest = hasExtension ? name.mid(dot) : QString();
+    if (counter > 1)
+        rest.prepend(u' ' + QString::number(counter));
+    while (base.size() > 1 && bytesOfFileName(QString(base + rest)).size() > NAME_MAX)
+        base.chop(base.back().isLowSurrogate() && base.at(base.size() - 2).isHighSurrogate() ? 2 : 1);
+    return base + rest;
+}
 
 QString findUniqueDestinationForFile(const QString &name, const QString &directory)
 {

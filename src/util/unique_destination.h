@@ -4,6 +4,10 @@
 
 #include <QString>
 
+/// The name itself for a counter of 1, else "photos 2.zip": the counter goes before the last extension,
+/// and the name is cut to what a file system takes.
+QString nameWithCounter(const QString &name, int counter);
+
 /// directory/name when nothing is there, else the first free of "photos 2.zip", "photos 3.zip", …
 /// (the counter goes before the last extension). A link whose target is gone counts as something.
 /// Only an answer for the moment: to put a file there use moveToUniqueDestination().

@@ -92,7 +92,7 @@ public:
     // News that end nothing.
     /// An error to show while the job goes on.
     virtual void operationNeedsToShowError(CVOperation *, const LXError &) {}
-    /// What the extraction of this archive left out, each with its reason. Never an empty list.
+    /// What the extraction or creation of this archive left out, each with its reason. Never an empty list.
     virtual void operationSkippedEntries(CVOperation *, const QString & /*archivePath*/,
                                          const std::vector<CVSkippedEntry> &)
     {}
