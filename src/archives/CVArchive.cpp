@@ -1,5 +1,6 @@
 #include "archives/CVArchive.h"
 
+#include "archives/CVCorvaneArchive.h"
 #include "archives/CVP7ZipArchive.h"
 #include "archives/CVTarArchive.h"
 #include "archives/CVXArchive.h"
@@ -92,13 +93,17 @@ std::shared_ptr<CVArchive> CVArchive::archiveForExtracting(const QString &fileNa
     static const QRegularExpression tar(QStringLiteral("(tar|tar.gz|tgz|tar.bz2|tar.bz|tbz|tar.z|tar.xz)"));
     if (extension.contains(tar))
         return std::make_shared<CVTarArchive>(extension);
+    if (extension == u"corvane")
+        return std::make_shared<CVCorvaneArchive>();
     if (extension == u"7z" || extension == u"001")
         return std::make_shared<CVP7ZipArchive>();
     return std::make_shared<CVXArchive>();
 }
 
-std::shared_ptr<CVArchive> CVArchive::archiveForPreviewing(const QString &)
+std::shared_ptr<CVArchive> CVArchive::archiveForPreviewing(const QString &fileName)
 {
+    if (archivePathExtension(fileName).toLower() == u"corvane")
+        return std::make_shared<CVCorvaneArchive>();
     return std::make_shared<CVXArchive>();
 }
 

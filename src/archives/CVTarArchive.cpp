@@ -1,6 +1,5 @@
 #include "archives/CVTarArchive.h"
 
-#include "archives/CVXArchive.h"
 #include "archives/reading/CVDestination.h"
 #include "archives/reading/CVSafeWriter.h"
 #include "archives/reading/CVTreeCheck.h"
@@ -116,6 +115,7 @@ private:
 
 CVTarArchive::CVTarArchive(const QString &extension)
     : m_description(plainDescription)
+    , m_reader(*this)
 {
     for (const KnownExtension &known : knownExtensions) {
         if (extension != QLatin1String(known.extension))
@@ -249,20 +249,18 @@ std::stop_token CVTarArchive::freshStopToken()
 void CVTarArchive::cancelExtract()
 {
     m_isCancelled = true;
-    std::shared_ptr<CVXArchive> reader;
     {
         const std::lock_guard lock(m_mutex);
         m_stop.request_stop();
-        reader = m_reader;
     }
-    if (reader)
-        reader->cancelExtract();
+    m_reader.cancel();
     CVArchive::cancelExtract();
 }
 
 void CVTarArchive::extractCommand()
 {
     m_isCancelled = false;
+    m_reader.reset();
     m_skippedEntries.clear();
     m_failureReason.clear();
     m_systemError = 0;
@@ -430,59 +428,17 @@ CVTarArchive::ToolResult CVTarArchive::extractWithTool(const QString &command, Q
 
 void CVTarArchive::extractWithReader()
 {
-    const auto reader = std::make_shared<CVXArchive>();
-    reader->setDelegate(this);
-    reader->singleFilesToBeExtracted = singleFilesToBeExtracted;
-    reader->password = password;
-    {
-        const std::lock_guard lock(m_mutex);
-        m_reader = reader;
-    }
-    if (!m_isCancelled)
-        reader->open(extractFile, extractDestination);
-    {
-        const std::lock_guard lock(m_mutex);
-        m_reader.reset();
-    }
-    reader->setDelegate(nullptr);
-    password = reader->password;
-    m_skippedEntries = reader->skippedEntries();
-    m_failureReason = reader->failureReason();
-    m_systemError = reader->systemError();
+    CVFallbackReader::Result result = m_reader.extract();
+    m_skippedEntries = std::move(result.skipped);
+    m_failureReason = std::move(result.failureReason);
+    m_systemError = result.systemError;
     if (m_isCancelled)
         return;
-    std::int32_t result = reader->status();
-    if (result != Success && m_toolStatus != 0) {
+    if (result.status != Success && m_toolStatus != 0) {
         LX_WARNING(lcTar, "tar exited abnormally with status %d", m_toolStatus);
-        if (result == Unsupported)
-            result = InvalidFile;
+        if (result.status == Unsupported)
+            result.status = InvalidFile;
     }
-    setStatus(result);
+    setStatus(result.status);
     extractDidFinish();
-}
-
-// ---- what the reader says on the way ----
-
-void CVTarArchive::archiveFinished(CVArchive *)
-{}
-
-void CVTarArchive::archiveFailed(CVArchive *, std::int32_t)
-{}
-
-void CVTarArchive::archiveCancelled(CVArchive *)
-{}
-
-void CVTarArchive::archiveHasMadeProgress(CVArchive *, double done, double total)
-{
-    hasMadeProgress(done, total);
-}
-
-std::optional<QString> CVTarArchive::archiveWantsPassword(CVArchive *)
-{
-    return delegate() ? delegate()->archiveWantsPassword(this) : std::nullopt;
-}
-
-bool CVTarArchive::archiveMayExceedLimit(CVArchive *, const QString &explanation)
-{
-    return delegate() && delegate()->archiveMayExceedLimit(this, explanation);
 }

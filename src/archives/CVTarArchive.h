@@ -1,14 +1,13 @@
 #pragma once
 
 #include "archives/CVArchive.h"
+#include "archives/CVFallbackReader.h"
 #include "archives/LXTaskHelper.h"
 
 #include <QSet>
 
 #include <mutex>
 #include <stop_token>
-
-class CVXArchive;
 
 /// Tar archives, plain or compressed, by the system's own tools. The extension says how the archive is
 /// compressed; where it does not, the first bytes do.
@@ -23,7 +22,7 @@ class CVXArchive;
 /// emptied. So all archives follow one set of rules, and the ordinary ones cost no more than the tool.
 ///
 /// Thread: extraction on the job's worker, creation on the main thread, both cancels from any.
-class CVTarArchive final : public CVArchive, private LXTaskDelegate, private CVArchiveDelegate
+class CVTarArchive final : public CVArchive, private LXTaskDelegate
 {
 public:
     /// The extension in lower case, without its first dot ("tar.gz").
@@ -63,14 +62,6 @@ private:
     void taskHasOutputAvailable(LXTask &task, const QString &line) override;
     void taskHasCompletedWithStatus(LXTask &task, std::int32_t status) override;
 
-    // CVArchiveDelegate, for the reader
-    void archiveFinished(CVArchive *archive) override;
-    void archiveFailed(CVArchive *archive, std::int32_t status) override;
-    void archiveCancelled(CVArchive *archive) override;
-    void archiveHasMadeProgress(CVArchive *archive, double done, double total) override;
-    std::optional<QString> archiveWantsPassword(CVArchive *archive) override;
-    bool archiveMayExceedLimit(CVArchive *archive, const QString &explanation) override;
-
     std::optional<QString> m_compressionFlag;
     const char *m_description; ///< the text and its key
     std::atomic<bool> m_isCancelled = false;
@@ -79,5 +70,6 @@ private:
     std::mutex m_mutex; // what follows
     std::unique_ptr<LXTaskHelper> m_taskWrapper;
     std::stop_source m_stop;
-    std::shared_ptr<CVXArchive> m_reader;
+
+    CVFallbackReader m_reader;
 };

@@ -95,6 +95,8 @@ void tst_arguments::understood_data()
     row("help after --", "extract -- --help", "extract | --help");
     row("version", "--version", "version | ");
     row("clean", "clean", "clean | ");
+    row("create", "create --format 7z --name N --to D --level 0 --encrypt --volume 1.5GB --replace a b",
+        "create to=D format=7z name=N level=0 encrypt volume=1500000000 replace | a|b");
     row("convert", "convert a.zip --format tar.gz --level 1 --password-file p",
         "convert password=p format=tar.gz level=1 | a.zip");
     row("the case of a format", "create --format TAR.z a", "create format=tar.Z | a");
@@ -155,8 +157,12 @@ void tst_arguments::refused_data()
     create("level below zero", "zip --level -1", u"0 to 9"_s);
     create("level of words", "zip --level best", u"0 to 9"_s);
     create("level given twice", "zip --level 1 --level 2", u"twice"_s);
+    create("volumes of tar", "tar --volume 1MB", u"7z"_s);
+    create("volumes of the own format", "corvane --volume 1MB", u"7z"_s);
     create("volumes without a size", "7z --volume big", u"100MB"_s);
     create("volumes of an unclear unit", "7z --volume 100M", u"100MB"_s);
+    create("volumes of nothing", "7z --volume 0", u"or more"_s);
+    create("volumes too small", "7z --volume 10KB", u"or more"_s);
     create("images out of range", "corvane --images 14", u"0 to 13"_s);
     create("sound out of range", "corvane --audio 9", u"0 to 8"_s);
     create("images in zip", "zip --images 1", u"corvane"_s);

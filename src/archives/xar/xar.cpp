@@ -123,9 +123,9 @@ void xar_cancel(xar_archive &archive)
         archive.d->writer->cancel();
 }
 
-LXResult<void> xar_close(xar_t archive)
+LXResult<void> xar_close(xar_archive &archive)
 {
-    return archive->d->writer ? archive->d->writer->close() : LXResult<void>();
+    return archive.d->writer ? archive.d->writer->close() : LXResult<void>();
 }
 
 xar_iter_t xar_iter_new()

@@ -95,8 +95,8 @@ bool xar_add_beneath(xar_archive &archive, xar_file_t parent, const QByteArray &
 /// Any thread: what is being written ends in the error `stopped`, within one block of 1 MiB.
 void xar_cancel(xar_archive &archive);
 
-/// Finishes an archive that is being written. An error leaves no file.
-LXResult<void> xar_close(xar_t archive);
+/// Finishes an archive that is being written; nothing can be added then. An error leaves no file.
+LXResult<void> xar_close(xar_archive &archive);
 
 /// A place in the list of entries. Folders come before what they hold.
 struct xar_iter

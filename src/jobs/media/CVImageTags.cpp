@@ -25,7 +25,8 @@ void quiet()
     static_cast<void>(done);
 }
 
-/// The contents of a file, mapped.
+/// The contents of a file, mapped. Writable, because tags are changed in place where they fit; nothing of it
+/// gets into the file by itself.
 class Mapping
 {
 public:
@@ -36,7 +37,7 @@ public:
         if (::fstat(descriptor, &facts) != 0 || facts.st_size <= 0)
             return;
         m_size = static_cast<std::size_t>(facts.st_size);
-        m_data = ::mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, descriptor, 0);
+        m_data = ::mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE, descriptor, 0);
         if (m_data == MAP_FAILED)
             m_data = nullptr;
     }

@@ -2,9 +2,11 @@
 
 #include <Magick++.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <string>
 
 #include <unistd.h>
 
@@ -151,6 +153,14 @@ LXResult<void> write(const QImage &pixels, const QByteArray &path, const QByteAr
         image.magick(extension.toUpper().toStdString());
         if (!profile.isEmpty())
             image.profile("icc", Magick::Blob(profile.constData(), static_cast<std::size_t>(profile.size())));
+        if (extension == "jp2") {
+            // By itself it halves small images more often than they can be.
+            const int side = std::min(packed.width(), packed.height());
+            int resolutions = 1;
+            while (resolutions < 6 && side >> resolutions >= 8)
+                ++resolutions;
+            image.defineValue("jp2", "number-resolutions", std::to_string(resolutions));
+        }
         if (extension == "exr")
             image.compressType(Magick::ZipCompression);
         else if (extension == "tga" || extension == "sgi" || extension == "psd")

@@ -1,6 +1,7 @@
 #include "jobs/media/CVPicture.h"
 
 #include "jobs/media/CVMagickImage.h"
+#include "jobs/media/image_length.h"
 
 #include <QColorSpace>
 #include <QFile>
@@ -15,7 +16,6 @@
 #include <atomic>
 #include <cmath>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -59,27 +59,6 @@ public:
     bool heard() const { return damageWasTold; }
 };
 
-/// Qt's reader of BMP does not mind when rows are missing.
-bool isCutOff(int descriptor, const QByteArray &format, const QImage &pixels)
-{
-    if (format != "bmp")
-        return false;
-    unsigned char header[34] = {};
-    struct stat facts
-    {};
-    if (::pread(descriptor, header, sizeof header, 0) != sizeof header || ::fstat(descriptor, &facts) != 0)
-        return true;
-    const auto number = [&header](int at, int bytes) {
-        qint64 value = 0;
-        for (int i = bytes - 1; i >= 0; --i)
-            value = value << 8 | header[at + i];
-        return value;
-    };
-    const bool plain = number(14, 4) >= 40 && (number(30, 4) == 0 || number(30, 4) == 3);
-    const qint64 row = (pixels.width() * number(28, 2) + 31) / 32 * 4;
-    return plain && facts.st_size < number(10, 4) + row * pixels.height();
-}
-
 LXResult<CVPicture> readWithQt(int descriptor, const QByteArray &extension)
 {
     QImageReader::setAllocationLimit(allocationLimitMiB);
@@ -89,11 +68,13 @@ LXResult<CVPicture> readWithQt(int descriptor, const QByteArray &extension)
     if (!file.open(descriptor, QIODevice::ReadOnly, QFileDevice::DontCloseHandle))
         return pictureError(file.errorString());
     const DamageListener damage;
-    QImageReader reader(&file, isPixelFormat(extension) ? extension : QByteArray());
+    QImageReader reader(&file);
+    reader.setDecideFormatFromContent(true);
     reader.setAutoTransform(false); // done by the tags, the same way for all
+    if (!reader.canRead() && isPixelFormat(extension))
+        reader.setFormat(extension); // one without a mark
     if (!reader.canRead() || !isPixelFormat(reader.format()))
         return pictureError(QStringLiteral("It is no image that can be read."));
-    const QByteArray format = reader.format();
     const QSize size = reader.size();
     if (size.isValid() && static_cast<qint64>(size.width()) * size.height() > pictureMaximumPixels)
         return pictureError(QStringLiteral("Its dimensions are beyond all reason."));
@@ -101,7 +82,7 @@ LXResult<CVPicture> readWithQt(int descriptor, const QByteArray &extension)
     picture.pixels = reader.read();
     if (picture.pixels.isNull())
         return pictureError(reader.errorString());
-    if (damage.heard() || isCutOff(descriptor, format, picture.pixels))
+    if (damage.heard())
         return pictureError(QStringLiteral("The image is damaged."));
     return picture;
 }
@@ -214,6 +195,8 @@ LXError pictureError(const QString &reason)
 
 LXResult<CVPicture> readPicture(int descriptor, const QByteArray &path, const QByteArray &extension)
 {
+    if (isImageCutOff(descriptor))
+        return pictureError(QStringLiteral("The image is cut off."));
     const char *format = CVMagickImage::formatOf(descriptor, extension);
     const bool isForQt = !format || qstrcmp(format, "TIFF") == 0 || qstrcmp(format, "TGA") == 0;
     auto result = isForQt ? readWithQt(descriptor, extension) : CVMagickImage::read(path, format);
@@ -240,6 +223,8 @@ LXResult<void> writePicture(CVPicture picture, int descriptor, const QByteArray 
                             const QByteArray &extension, double quality)
 {
     QImage &pixels = picture.pixels;
+    if (pixels.depth() <= 8 && pixels.hasAlphaChannel())
+        pixels.convertTo(QImage::Format_ARGB32); // not every writer looks for transparency in palettes
     const bool withQt = extension == "jpg" || extension == "png" || extension == "tiff" ||
                         extension == "bmp" || extension == "pdf";
     if (extension == "jpg" || extension == "bmp" || extension == "pdf")

@@ -1,6 +1,6 @@
 #include "jobs/media/MediaFolder.h"
 
-#include "util/LXFileName.h"
+#include "util/LXFileDescriptor.h"
 #include "util/LXRemoveTree.h"
 
 #include <QDir>
@@ -44,9 +44,10 @@ MediaFolder::MediaFolder() = default;
 MediaFolder::~MediaFolder()
 {
     // QTemporaryDir cannot remove names that are no UTF-8.
+    const LXFileDescriptor folder(::open(path().toUtf8().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (const QByteArray &name : names())
-        if (name.count('/') == 0)
-            static_cast<void>(removeTree(path() + u'/' + fileNameFromBytes(name)));
+        if (!name.contains('/'))
+            static_cast<void>(removeTreeAt(folder.get(), name));
 }
 
 void MediaFolder::write(const QByteArray &name, const QByteArray &contents) const

@@ -197,7 +197,7 @@ int create(const Arguments &arguments)
             !xar_add_beneath(*archive, entry, path, [] { return true; }))
             break;
     }
-    if (const auto result = xar_close(std::move(archive)); !result) {
+    if (const auto result = xar_close(*archive); !result) {
         complain(result.error());
         return failed;
     }
