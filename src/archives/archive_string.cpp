@@ -1,5 +1,6 @@
 #include "archives/archive_string.h"
 
+#include "util/LXFileName.h"
 #include "util/glob.h"
 
 #include <QRegularExpression>
@@ -35,7 +36,7 @@ QStringView archiveExtension(QStringView path)
     static const QRegularExpression compound(uR"(\.(tar\.(gz|bz2|z|xz)|7z\.\d{3}|part\d+\.rar)$)"_s,
                                              QRegularExpression::CaseInsensitiveOption);
     const QStringView name = lastComponent(path);
-    const auto match = compound.match(name);
+    const auto match = compound.match(matchableFileName(name));
     if (match.hasMatch())
         return name.mid(match.capturedStart() + 1, match.capturedLength() - 1);
     return ordinaryExtension(name);
@@ -43,7 +44,7 @@ QStringView archiveExtension(QStringView path)
 
 bool hasMatch(const QRegularExpression &expression, const QString &text)
 {
-    return expression.match(text).hasMatch();
+    return expression.match(matchableFileName(text)).hasMatch();
 }
 
 QLatin1StringView globSuffix(CVMultipartArchiveType type)

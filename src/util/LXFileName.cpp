@@ -62,3 +62,16 @@ QByteArray bytesOfFileName(QStringView name)
     }
     return bytes + name.sliced(plain).toUtf8();
 }
+
+QString matchableFileName(QStringView name)
+{
+    QString result = name.toString();
+    for (qsizetype i = 0; i < result.size(); ++i) {
+        const QChar c = result.at(i);
+        if (c.isHighSurrogate() && i + 1 < result.size() && result.at(i + 1).isLowSurrogate())
+            ++i;
+        else if (c.isSurrogate())
+            result[i] = QChar::ReplacementCharacter;
+    }
+    return result;
+}

@@ -13,3 +13,7 @@ QString fileNameFromBytes(QByteArrayView bytes);
 
 /// The name or path for the system. Lone surrogates that stand for no byte become "?".
 QByteArray bytesOfFileName(QStringView name);
+
+/// For regular expressions, which match nothing at all in a text with lone surrogates: the same length, with
+/// U+FFFD in their places.
+QString matchableFileName(QStringView name);

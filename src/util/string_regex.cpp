@@ -1,5 +1,7 @@
 #include "util/string_regex.h"
 
+#include "util/LXFileName.h"
+
 #include <QRegularExpression>
 
 namespace {
@@ -67,7 +69,7 @@ bool isValidRegexPattern(const QString &pattern)
 bool isMatchedByRegexPattern(const QString &text, const QString &pattern, bool caseSensitive)
 {
     const QRegularExpression expression = compiled(pattern, caseSensitive);
-    return expression.isValid() && expression.match(text).hasMatch();
+    return expression.isValid() && expression.match(matchableFileName(text)).hasMatch();
 }
 
 LXResult<QString> stringByReplacingOccurrencesOfRegexPattern(const QString &text, const QString &pattern,

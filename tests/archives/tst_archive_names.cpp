@@ -43,6 +43,9 @@ void TestArchiveNames::extension_data()
     QTest::newRow("plain rar") << u"x.rar"_s << u"rar"_s << u"x"_s << 0;
     QTest::newRow("new rar") << u"x.part12.rar"_s << u"part12.rar"_s << u"x"_s << 3;
     QTest::newRow("folder that looks like a part") << u"/a.r00/x.zip"_s << u"zip"_s << u"/a.r00/x"_s << 0;
+    const QString odd = u"a"_s + QChar(0xdcff) + u"b\n"_s; // a byte that is no text
+    QTest::newRow("no text") << odd + u".tar.gz" << u"tar.gz"_s << odd << 0;
+    QTest::newRow("volume that is no text") << odd + u".7z.003" << u"7z.003"_s << odd << 1;
     QTest::newRow("empty") << u""_s << u""_s << u""_s << 0;
 }
 
