@@ -1,9 +1,12 @@
 #include "archives/CVTarArchive.h"
 
+#include "archives/CVToolPaths.h"
 #include "archives/reading/CVDestination.h"
 #include "archives/reading/CVSafeWriter.h"
 #include "archives/reading/CVTreeCheck.h"
+#include "archives/shell_line.h"
 #include "util/LXChildProcess.h"
+#include "util/LXFileName.h"
 #include "util/LXLog.h"
 
 #include <QCoreApplication>
@@ -12,6 +15,8 @@
 #include <QFileInfo>
 
 #include <array>
+#include <cerrno>
+#include <cstring>
 
 #include <sys/statvfs.h>
 
@@ -55,19 +60,17 @@ QString tool(const char *name)
     return given.isEmpty() ? QStringLiteral("/usr/bin/") + QLatin1String(name) : given;
 }
 
-/// For a place between double quotes in a shell line: a hostile name stays a name.
-QString inShellQuotes(QString text)
+/// The program that tar's output is piped through; null where tar writes the archive itself.
+const char *compressorOf(const QString &flag)
 {
-    for (const QChar special : {QChar(u'\\'), QChar(u'"'), QChar(u'$'), QChar(u'`')})
-        text.replace(special, QString(u'\\') + special);
-    return u'"' + text + u'"';
+    return flag == u"-z" ? "gzip" : flag == u"-j" ? "bzip2" : nullptr;
 }
 
 /// The space that its user may still fill on the file system of a folder; below zero when not known.
 qint64 freeBytes(const QString &folder)
 {
     struct statvfs space;
-    if (::statvfs(QFile::encodeName(folder).constData(), &space) != 0)
+    if (::statvfs(bytesOfFileName(folder).constData(), &space) != 0)
         return -1;
     return static_cast<qint64>(space.f_bavail) * static_cast<qint64>(space.f_frsize);
 }
@@ -145,13 +148,17 @@ QString CVTarArchive::archiveDescription() const
 
 void CVTarArchive::createCommand()
 {
+    m_output = CVTarOutput();
+    m_readingBack = false;
+    m_createdWhole = false;
+    m_failureReason.clear();
+    m_systemError = 0;
     auto task = std::make_shared<LXTask>();
-    task->currentDirectoryPath = sourcePath;
     const QString flag = m_compressionFlag.value_or(QString());
-    if (flag == u"-z" || flag == u"-j") {
+    if (const char *const compressor = compressorOf(flag)) {
         task->launchPath = QStringLiteral("/bin/sh");
         task->arguments = {QStringLiteral("-c"), QStringLiteral("%1 -vcf - . | %2 -v%3 > %4")
-                                                     .arg(tool("tar"), tool(flag == u"-z" ? "gzip" : "bzip2"))
+                                                     .arg(tool("tar"), tool(compressor))
                                                      .arg(compressionLevel)
                                                      .arg(inShellQuotes(destination))};
     } else {
@@ -161,23 +168,89 @@ void CVTarArchive::createCommand()
             task->arguments << flag;
         task->arguments << QStringLiteral("-f") << destination << QStringLiteral(".");
     }
+    launch(std::move(task));
+}
+
+void CVTarArchive::launch(std::shared_ptr<LXTask> task)
+{
+    task->currentDirectoryPath = sourcePath;
+    task->environment = {{QStringLiteral("TAR_OPTIONS"), CVTarOutput::tarOptions()}};
     const std::shared_ptr<LXTaskDelegate> self(shared_from_this(), this);
     const std::lock_guard lock(m_mutex);
-    m_taskWrapper = std::make_unique<LXTaskHelper>(self, task);
+    if (m_createCancelled)
+        return; // and told
+    m_taskWrapper = std::make_unique<LXTaskHelper>(self, std::move(task));
     m_taskWrapper->launchTask();
 }
 
-void CVTarArchive::taskHasOutputAvailable(LXTask &, const QString &)
-{}
+void CVTarArchive::taskHasOutputAvailable(LXTask &, const QString &line)
+{
+    m_output.add(line);
+}
 
-void CVTarArchive::taskHasCompletedWithStatus(LXTask &, std::int32_t)
+void CVTarArchive::taskHasCompletedWithStatus(LXTask &, std::int32_t status)
 {
     std::unique_ptr<LXTaskHelper> ended;
     {
         const std::lock_guard lock(m_mutex);
+        if (m_createCancelled)
+            return;
         ended = std::move(m_taskWrapper);
     }
-    createComplete();
+    if (judgeCreated(status))
+        createComplete();
+}
+
+bool CVTarArchive::judgeCreated(std::int32_t status)
+{
+    constexpr std::int32_t someFilesDiffer = 1; // from what they were when tar began to read them
+    if (m_readingBack) {
+        m_createdWhole = status == 0;
+    } else if (m_compressionFlag == u"-Z" && status == 2 && m_output.onlyDidNotShrink()) {
+        // So it says. Rare, and worth a look: the same words would hide an archive that lacks something.
+        m_readingBack = true;
+        auto task = std::make_shared<LXTask>();
+        task->launchPath = tool("tar");
+        task->arguments = {QStringLiteral("-d"), QStringLiteral("-Z"), QStringLiteral("-f"), destination};
+        launch(std::move(task));
+        return false;
+    } else {
+        const bool isPipe = compressorOf(m_compressionFlag.value_or(QString()));
+        m_createdWhole = (status == 0 || (status == someFilesDiffer && !isPipe)) && m_output.hasTotal() &&
+                         !m_output.hasFailed();
+    }
+    if (!m_createdWhole)
+        explainCreated(status);
+    return true;
+}
+
+void CVTarArchive::explainCreated(std::int32_t status)
+{
+    const auto isMissing = [](const char *name) { return !QFileInfo(tool(name)).isExecutable(); };
+    const char *const compressor = compressorOf(m_compressionFlag.value_or(QString()));
+    const char *const missing = isMissing("tar")                         ? "tar"
+                                : compressor && isMissing(compressor)    ? compressor
+                                : m_output.says("compress: not found")   ? "compress"
+                                : m_output.says("compress: Cannot exec") ? "compress"
+                                                                         : nullptr;
+    // tar itself only says that less was written than it wanted.
+    constexpr qint64 full = 64 * 1024;
+    const qint64 slash = destination.lastIndexOf(u'/');
+    const qint64 left = freeBytes(slash > 0 ? destination.left(slash) : QStringLiteral("."));
+    if (m_output.says("No space left on device") || (m_output.says("Wrote only") && left >= 0 && left < full))
+        m_systemError = ENOSPC;
+    if (missing) {
+        const LXError error = CVToolPaths::missingTool(QString::fromLatin1(missing));
+        m_failureReason = QStringList{error.description, error.suggestion}.join(u' ').trimmed();
+    } else if (m_systemError != 0) {
+        m_failureReason = QString::fromLocal8Bit(std::strerror(m_systemError));
+    } else {
+        m_failureReason = m_output.firstComplaint();
+        if (m_failureReason.isEmpty())
+            m_failureReason =
+                QCoreApplication::translate("CVTarArchive", "“tar” ended early, with status %1.").arg(status);
+    }
+    LX_WARNING(lcTar, "%s is not whole: %s", qUtf8Printable(destination), qUtf8Printable(m_failureReason));
 }
 
 void CVTarArchive::cancelCreate()
@@ -185,6 +258,7 @@ void CVTarArchive::cancelCreate()
     std::unique_ptr<LXTaskHelper> wrapper;
     {
         const std::lock_guard lock(m_mutex);
+        m_createCancelled = true;
         wrapper = std::move(m_taskWrapper);
     }
     if (wrapper && wrapper->task().isRunning()) {

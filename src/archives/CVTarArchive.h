@@ -2,6 +2,7 @@
 
 #include "archives/CVArchive.h"
 #include "archives/CVFallbackReader.h"
+#include "archives/CVTarOutput.h"
 #include "archives/LXTaskHelper.h"
 
 #include <QSet>
@@ -21,6 +22,9 @@
 /// The same happens without the tool where the destination is not empty, because then it could not be
 /// emptied. So all archives follow one set of rules, and the ordinary ones cost no more than the tool.
 ///
+/// Creation. The status says nothing about the tools; createdWhole() does. Towards the delegate a failed tar
+/// ends like a good one.
+///
 /// Thread: extraction on the job's worker, creation on the main thread, both cancels from any.
 class CVTarArchive final : public CVArchive, private LXTaskDelegate
 {
@@ -31,6 +35,7 @@ public:
 
     bool canSetCompressionLevel() const override;
     QString archiveDescription() const override;
+    bool createdWhole() const override { return m_createdWhole; }
     void cancelCreate() override;
     void cancelExtract() override;
 
@@ -50,6 +55,11 @@ protected:
     void extractCommand() override;
 
 private:
+    void launch(std::shared_ptr<LXTask> task);
+    /// Looks at how the tools ended. False when that takes another look at the archive, which is under way.
+    bool judgeCreated(std::int32_t status);
+    void explainCreated(std::int32_t status);
+
     /// How the tool got on with the archive.
     enum class ToolResult { Done, Odd, Cancelled };
     /// An uncompressed tar ends in blocks of zeros. Leaves the file at its start.
@@ -66,9 +76,14 @@ private:
     const char *m_description; ///< the text and its key
     std::atomic<bool> m_isCancelled = false;
     int m_toolStatus = 0;
+    // What follows: of the main thread, until the end is told.
+    CVTarOutput m_output;
+    bool m_readingBack = false;
+    bool m_createdWhole = true; ///< nothing has been made that could lack anything
 
     std::mutex m_mutex; // what follows
     std::unique_ptr<LXTaskHelper> m_taskWrapper;
+    bool m_createCancelled = false;
     std::stop_source m_stop;
 
     CVFallbackReader m_reader;

@@ -41,15 +41,6 @@ bool isProgram(const QString &path)
     return info.isFile() && info.isExecutable();
 }
 
-LXError missing(const QString &name, const QString &reason)
-{
-    const QString package = CVToolPaths::packageOfTool(name);
-    const auto text = [](const char *source) { return QCoreApplication::translate("CVToolPaths", source); };
-    return {QString::fromLatin1(CVToolPaths::errorDomain), ENOENT,
-            text("The tool “%1” is not installed.").arg(name), reason,
-            package.isEmpty() ? QString() : text("Install the package “%1”.").arg(package)};
-}
-
 } // namespace
 
 namespace CVToolPaths {
@@ -63,8 +54,9 @@ LXResult<QString> toolPath(const QString &name)
     if (!given.isEmpty()) {
         if (isProgram(given))
             return given;
-        return missing(name, QCoreApplication::translate("CVToolPaths", "%1 names “%2”, which is no program.")
-                                 .arg(variable, given));
+        return missingTool(name,
+                           QCoreApplication::translate("CVToolPaths", "%1 names “%2”, which is no program.")
+                               .arg(variable, given));
     }
     const QString own = resourcesFolder() + QLatin1Char('/') + name;
     if (isProgram(own))
@@ -72,7 +64,15 @@ LXResult<QString> toolPath(const QString &name)
     const QString found = QStandardPaths::findExecutable(name);
     if (!found.isEmpty())
         return found;
-    return missing(name, QString());
+    return missingTool(name);
+}
+
+LXError missingTool(const QString &name, const QString &reason)
+{
+    const QString package = packageOfTool(name);
+    const auto text = [](const char *source) { return QCoreApplication::translate("CVToolPaths", source); };
+    return {QString::fromLatin1(errorDomain), ENOENT, text("The tool “%1” is not installed.").arg(name),
+            reason, package.isEmpty() ? QString() : text("Install the package “%1”.").arg(package)};
 }
 
 bool isInstalled(const QString &name)

@@ -17,6 +17,9 @@ LXResult<QString> toolPath(const QString &name);
 
 bool isInstalled(const QString &name);
 
+/// The error for a tool that is not there, for those who look for it themselves.
+LXError missingTool(const QString &name, const QString &reason = {});
+
 /// The Debian package that has the tool; empty when not known.
 QString packageOfTool(const QString &name);
 

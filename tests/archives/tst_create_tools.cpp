@@ -1,134 +1,20 @@
-#include "archives/CVArchive.h"
 #include "archives/CVToolPaths.h"
+#include "support/CreateSupport.h"
 #include "support/TestTree.h"
-#include "util/LXChildProcess.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 #include "util/LXRemoveTree.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <mutex>
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 // What the back ends make of the tools that they write with: the exact command lines, seen by a double where
 // only the line matters, everything else with the real tools.
-
-namespace {
-
-class Recorder final : public CVArchiveDelegate
-{
-public:
-    QStringList events() const
-    {
-        const std::lock_guard lock(m_mutex);
-        return m_events;
-    }
-    std::atomic<double> mostBytes = 0;
-
-    void archiveFinished(CVArchive *) override { add("finished"); }
-    void archiveFailed(CVArchive *, std::int32_t status) override
-    {
-        add("failed " + QString::number(status));
-    }
-    void archiveCancelled(CVArchive *) override { add("cancelled"); }
-    void archiveHasMadeProgress(CVArchive *, double done, double) override
-    {
-        mostBytes = std::max(mostBytes.load(), done);
-    }
-    std::optional<QString> archiveWantsPassword(CVArchive *) override { return std::nullopt; }
-
-private:
-    void add(const QString &event)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_events << event;
-    }
-    mutable std::mutex m_mutex;
-    QStringList m_events;
-};
-
-struct Output
-{
-    int status = -1;
-    QByteArray text; ///< output and error
-};
-
-/// Runs a tool to its end. Names go to it as they are.
-Output run(const QString &program, const QStringList &arguments, const QString &folder = {},
-           const QByteArray &input = {})
-{
-    LXChildOptions options;
-    options.program = program;
-    options.arguments = arguments;
-    options.workingFolder = folder;
-    options.input = LXChildOptions::Stream::Pipe;
-    options.error = LXChildOptions::Stream::Merge;
-    auto child = LXChildProcess::start(options);
-    if (!child)
-        return {-1, child.error().reason.toUtf8()};
-    child.value()->write(input.constData(), input.size());
-    child.value()->closeInput();
-    Output output;
-    for (auto chunk = child.value()->read(); chunk.kind != LXChildProcess::Chunk::Kind::Closed;
-         chunk = child.value()->read())
-        output.text += chunk.data;
-    const auto exit = child.value()->wait();
-    output.status = exit->normal ? exit->status : 128 + exit->status;
-    return output;
-}
-
-void writeFile(const QByteArray &path, const QByteArray &data, mode_t mode = 0644)
-{
-    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC, mode);
-    QVERIFY2(fd >= 0, path.constData());
-    QCOMPARE(::write(fd, data.constData(), static_cast<std::size_t>(data.size())), data.size());
-    ::close(fd);
-}
-
-QByteArray contents(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-/// Names in a folder, sorted.
-QStringList namesIn(const QString &folder)
-{
-    QStringList names;
-    DIR *const dir = ::opendir(bytesOfFileName(folder).constData());
-    if (!dir)
-        return names;
-    while (const dirent *entry = ::readdir(dir))
-        if (const QByteArray name = entry->d_name; name != "." && name != "..")
-            names << fileNameFromBytes(name);
-    ::closedir(dir);
-    names.sort();
-    return names;
-}
-
-QByteArray noise(qsizetype bytes)
-{
-    QByteArray data(bytes, Qt::Uninitialized);
-    quint64 state = 1;
-    for (char &c : data)
-        c = static_cast<char>((state = state * 6364136223846793005ULL + 1442695040888963407ULL) >> 56);
-    return data;
-}
-
-const QByteArray hostile = "h \"q\" 'a' $(touch bad) `touch bad` \\ \n \xff\xfe\x81\x88 *?[x] -";
-
-} // namespace
 
 class TestCreateTools : public QObject
 {
@@ -165,27 +51,24 @@ private:
     QString source() const { return path("in"); }
     /// An archive that is to be made at this path, and not started.
     std::shared_ptr<CVArchive> archive(const QString &archivePath);
-    void makeTree(const QByteArray &folder);
     /// The program that is taken for the tool behind the launcher.
     void setRealTool(const QByteArray &script);
 
     std::unique_ptr<QTemporaryDir> m_folder;
-    std::unique_ptr<Recorder> m_recorder;
+    std::unique_ptr<CreateRecorder> m_recorder;
     std::shared_ptr<CVArchive> m_archive;
 };
 
 void TestCreateTools::initTestCase()
 {
     LXMainThread::install();
-    // File systems that a test mounts are nobody else's and go with it.
-    if (::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0)
-        ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    separateMounts();
 }
 
 void TestCreateTools::init()
 {
     m_folder = std::make_unique<QTemporaryDir>();
-    m_recorder = std::make_unique<Recorder>();
+    m_recorder = std::make_unique<CreateRecorder>();
     QVERIFY(QDir().mkdir(path("in")) && QDir().mkdir(path("out")));
 }
 
@@ -211,28 +94,10 @@ std::shared_ptr<CVArchive> TestCreateTools::archive(const QString &archivePath)
     return result;
 }
 
-void TestCreateTools::makeTree(const QByteArray &folder)
-{
-    ::mkdir(folder.constData(), 0755);
-    for (const QByteArray &name :
-         {QByteArray("plain"), QByteArray("two words"), QByteArray("q\"uote's"), QByteArray("$HOME `x` $(y)"),
-          QByteArray("new\nline"), QByteArray("back\\slash"), QByteArray("not\xff\x81utf8"),
-          QByteArray("\xc3\xa4\xe6\xbc\xa2"), QByteArray(255, 'L'), QByteArray("-p"), QByteArray("@list"),
-          QByteArray("*"), QByteArray("esc\x1b[1m")})
-        writeFile(folder + '/' + name, "of " + name);
-    const auto at = [&](const char *name) -> QByteArray { return folder + '/' + name; };
-    ::mkdir(at("empty").constData(), 0700);
-    ::mkdir(at("d\xfe").constData(), 0755);
-    writeFile(folder + "/d\xfe/run", "x", 0755);
-    writeFile(folder + "/.hidden", noise(200'000), 0600);
-    QCOMPARE(::symlink("plain", at("link").constData()), 0);
-    QCOMPARE(::symlink("no/such", at("dangling").constData()), 0);
-}
-
 void TestCreateTools::setRealTool(const QByteArray &script)
 {
     const QByteArray tool = QFile::encodeName(path("double"));
-    writeFile(tool, "#!/bin/sh\n" + script + '\n', 0755);
+    writeTestFile(path("double"), "#!/bin/sh\n" + script + '\n', 0755);
     ::chmod(tool.constData(), 0755);
     qputenv("CORVANE_REAL_7ZA", tool);
 }
@@ -264,8 +129,8 @@ void TestCreateTools::commandLines()
     QFETCH(QString, password);
     QFETCH(QStringList, switches);
     // A double in place of the launcher, which would take the password away.
-    writeFile(QFile::encodeName(path("double")),
-              "#!/bin/sh\nexec > \"${0%/*}/log\"\npwd\nfor a; do printf '%s\\0' \"$a\"; done\n", 0755);
+    writeTestFile(path("double"),
+                  "#!/bin/sh\nexec > \"${0%/*}/log\"\npwd\nfor a; do printf '%s\\0' \"$a\"; done\n", 0755);
     qputenv("CORVANE_TOOL_7ZA", QFile::encodeName(path("double")));
     const auto zip = archive(path(name));
     zip->compressionLevel = level;
@@ -274,9 +139,9 @@ void TestCreateTools::commandLines()
         zip->encryptWith(password);
     zip->bundle(source(), path(name));
     QTRY_COMPARE(m_recorder->events(), QStringList{"finished"});
-    QCOMPARE(contents(path("log")), (source() + "\na" + QChar(0) + switches.join(QChar(0)) + QChar(0) +
-                                     path(name) + QChar(0) + "." + QChar(0))
-                                        .toUtf8());
+    QCOMPARE(testFileContents(path("log")), (source() + "\na" + QChar(0) + switches.join(QChar(0)) +
+                                             QChar(0) + path(name) + QChar(0) + "." + QChar(0))
+                                                .toUtf8());
     QVERIFY(!qEnvironmentVariableIsSet("CORVANE_PASSWORD"));
 }
 
@@ -304,16 +169,16 @@ void TestCreateTools::roundTrips()
     QFETCH(double, chunkSize);
     QFETCH(QString, password);
     // Both paths are as hostile as the names in the archive.
-    const QByteArray folder = QFile::encodeName(m_folder->path()) + '/' + hostile;
-    makeTree(folder);
-    const QString out = path("out") + u'/' + fileNameFromBytes(hostile) + u'.' + suffix;
+    const QString folder = path(fileNameFromBytes(hostileName()));
+    QVERIFY(makeHostileTree(folder));
+    const QString out = path("out") + u'/' + fileNameFromBytes(hostileName()) + u'.' + suffix;
     const auto zip = archive(out);
     QVERIFY(zip->canWriteVolumes());
     zip->compressionLevel = level;
     zip->chunkSize = chunkSize;
     if (!password.isEmpty())
         zip->encryptWith(password);
-    zip->bundle(fileNameFromBytes(folder), out);
+    zip->bundle(folder, out);
     QTRY_COMPARE_WITH_TIMEOUT(m_recorder->events(), QStringList{"finished"}, 30000);
     QVERIFY2(zip->createdWhole() && zip->failureReason().isEmpty(), qPrintable(zip->failureReason()));
 
@@ -324,12 +189,12 @@ void TestCreateTools::roundTrips()
         QCOMPARE(::stat(bytesOfFileName(first).constData(), &info), 0);
         QCOMPARE(info.st_size, static_cast<off_t>(chunkSize));
     }
-    const Output unpacked = run("7za", {"x", "-y", "-o" + path("back"), first}, {}, password.toUtf8() + '\n');
+    const ToolOutput unpacked =
+        runTool("7za", {"x", "-y", "-o" + path("back"), first}, {}, password.toUtf8() + '\n');
     QVERIFY2(unpacked.status == 0, unpacked.text.constData());
-    QCOMPARE(treeDifferences(treeFromDisk(fileNameFromBytes(folder)), treeFromDisk(path("back"))),
-             QStringList());
+    QCOMPARE(treeDifferences(treeFromDisk(folder), treeFromDisk(path("back"))), QStringList());
     if (!password.isEmpty())
-        QVERIFY(run("7za", {"t", first}, {}, "wrong\n").status != 0);
+        QVERIFY(runTool("7za", {"t", first}, {}, "wrong\n").status != 0);
     QVERIFY(!QFile::exists(path("bad")) && !QFile::exists("bad"));
 }
 
@@ -379,7 +244,7 @@ void TestCreateTools::failures()
     setRealTool(script);
     const QStringList others{"x.7z.002", "x.7z.01", "x.7z.tx", "x.7zip", "y.7z"};
     for (const QString &name : others)
-        writeFile(QFile::encodeName(path("out/" + name)), "not ours");
+        writeTestFile(path("out/" + name), "not ours");
     const auto zip = archive(path("out/x.7z"));
     zip->encryptWith("secret");
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("encountered error running command:\ncd \""));
@@ -391,8 +256,8 @@ void TestCreateTools::failures()
 
 void TestCreateTools::unreadableFileIsNamed()
 {
-    writeFile(QFile::encodeName(path("in/open")), "x");
-    writeFile(QFile::encodeName(path("in/closed")), "x", 0);
+    writeTestFile(path("in/open"), "x");
+    writeTestFile(path("in/closed"), "x", 0);
     ::chmod(QFile::encodeName(m_folder->path()).constData(), 0777);
     ::chmod(QFile::encodeName(path("out")).constData(), 0777);
     const auto zip = archive(path("out/x.zip"));
@@ -421,16 +286,16 @@ void TestCreateTools::fullDisk()
 {
     QFETCH(QString, name);
     QFETCH(double, chunkSize);
-    if (::mount("tmpfs", QFile::encodeName(path("out")).constData(), "tmpfs", 0, "size=1m") != 0)
+    if (!mountSmallDisk(path("out"), "1m"))
         QSKIP("needs to mount a small file system");
-    writeFile(QFile::encodeName(path("in/big")), noise(3'000'000));
+    writeTestFile(path("in/big"), noise(3'000'000));
     const auto zip = archive(path("out/" + name));
     zip->chunkSize = chunkSize;
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("encountered error"));
     zip->bundle(source(), path("out/" + name));
     QTRY_COMPARE_WITH_TIMEOUT(m_recorder->events(), QStringList{"failed 4"}, 30000);
     const QStringList left = namesIn(path("out"));
-    ::umount(QFile::encodeName(path("out")).constData());
+    unmountSmallDisk(path("out"));
     QCOMPARE(left, QStringList());
     QCOMPARE(zip->systemError(), ENOSPC);
     QVERIFY(zip->failureReason().contains("No space left"));
@@ -450,7 +315,7 @@ void TestCreateTools::cancelLeavesNothing()
     QFETCH(double, chunkSize);
     // Enough for the cancel to come in the middle of it.
     for (const char *file : {"a", "b", "c"})
-        writeFile(QFile::encodeName(path("in/") + file), noise(12'000'000));
+        writeTestFile(path("in/") + file, noise(12'000'000));
     const auto zip = archive(path("out/" + name));
     zip->compressionLevel = 9;
     zip->chunkSize = chunkSize;
@@ -476,7 +341,7 @@ void TestCreateTools::cancelBeforeTheStart()
 void TestCreateTools::passwordIsInNoProcessList()
 {
     for (const char *file : {"a", "b"})
-        writeFile(QFile::encodeName(path("in/") + file), noise(12'000'000));
+        writeTestFile(path("in/") + file, noise(12'000'000));
     const QByteArray secret = "xyzzy-" + QByteArray::number(::getpid()) + "-plugh";
     const auto zip = archive(path("out/x.7z"));
     zip->compressionLevel = 9;
@@ -487,14 +352,14 @@ void TestCreateTools::passwordIsInNoProcessList()
     bool toolSeen = false;
     for (; m_recorder->events().isEmpty() && rounds < 50; ++rounds) {
         for (const QString &process : QDir("/proc").entryList(QDir::Dirs)) {
-            const QByteArray line = contents("/proc/" + process + "/cmdline");
+            const QByteArray line = testFileContents("/proc/" + process + "/cmdline");
             QVERIFY2(!line.contains(secret), line.constData());
             // The shell needs the password in its environment, which only its owner can read.
             const bool ours =
                 line.contains(QFile::encodeName(path("out/x.7z"))) && !line.startsWith("/bin/sh");
             toolSeen = toolSeen || ours;
             if (ours)
-                QVERIFY(!contents("/proc/" + process + "/environ").contains(secret));
+                QVERIFY(!testFileContents("/proc/" + process + "/environ").contains(secret));
         }
         QTest::qWait(1);
     }
@@ -520,7 +385,7 @@ void TestCreateTools::launcher()
 {
     QFETCH(QStringList, arguments);
     setRealTool("for a; do printf '[%s]' \"$a\"; done; printf '%s' \"$CORVANE_PASSWORD\"; cat; exit 3");
-    const Output result = run(CVToolPaths::resourcesFolder() + "/7za", arguments, {}, "typed\n");
+    const ToolOutput result = runTool(CVToolPaths::resourcesFolder() + "/7za", arguments, {}, "typed\n");
     QTEST(result.text, "output");
     QTEST(result.status, "status");
 }
@@ -549,7 +414,7 @@ void TestCreateTools::missingTool()
 void TestCreateTools::formatsThatNobodyWrites()
 {
     for (const char *name : {"out/x.sit", "out/x", "out/x.zipx"}) {
-        m_recorder = std::make_unique<Recorder>();
+        m_recorder = std::make_unique<CreateRecorder>();
         const auto other = archive(path(name));
         QVERIFY(!other->canWriteVolumes());
         other->bundle(source(), path(name));
