@@ -5,6 +5,7 @@
 // Linked statically, and entered before the C library has set itself up, because every microsecond between
 // the start and the erasing counts. So nothing before main() may call anything or expect a working library.
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -136,6 +137,8 @@ int main(int argc, char **argv)
 {
     if (!taken) // linked without the entry point above
         corvaneTakePassword(reinterpret_cast<unsigned long *>(argv) - 1);
+    // The shell between us ends with Corvane, however that ends, and the tool must not go on alone.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::prctl(PR_SET_DUMPABLE, 0); // neither memory nor environment for anybody else until the tool takes over
     ::unsetenv("CORVANE_PASSWORD");
     static char path[4096];
