@@ -84,7 +84,6 @@ void CVJobCommand::cancel()
 {
     m_interrupted = true;
     m_terminal.interrupt();
-    m_terminal.message(u"cancelled"_s);
     if (m_current)
         m_current->cancel();
 }

@@ -24,6 +24,7 @@ struct CommandName
 constexpr std::array commandNames = {
     CommandName{"extract", Command::Extract}, CommandName{"list", Command::List},
     CommandName{"create", Command::Create},   CommandName{"convert", Command::Convert},
+    CommandName{"split", Command::Split},     CommandName{"combine", Command::Combine},
     CommandName{"clean", Command::Clean},
 };
 
@@ -38,7 +39,7 @@ std::optional<Command> commandNamed(const QString &word)
 
 bool isCommandOfAnotherVersion(const QString &word)
 {
-    constexpr std::array names = {"split", "combine", "install-rar"};
+    constexpr std::array names = {"install-rar"};
     for (const char *name : names) {
         if (word == QLatin1StringView(name))
             return true;
@@ -69,12 +70,18 @@ enum class Option {
     Images,
     Audio,
     Replace,
+    Size,
+    Unit,
+    Compress,
+    Checksum,
 };
 
 enum ForCommands : unsigned {
     ForExtract = 1,
     ForList = 2,
     ForPacking = 4,
+    ForSplit = 8,
+    ForCombine = 16,
 };
 
 struct OptionRule
@@ -86,7 +93,7 @@ struct OptionRule
 };
 
 constexpr std::array optionRules = {
-    OptionRule{"--to", Option::Destination, true, ForExtract | ForPacking},
+    OptionRule{"--to", Option::Destination, true, ForExtract | ForPacking | ForSplit | ForCombine},
     OptionRule{"--entry", Option::Entry, true, ForExtract},
     OptionRule{"--after", Option::Fate, true, ForExtract},
     OptionRule{"--json", Option::Json, false, ForList},
@@ -99,6 +106,10 @@ constexpr std::array optionRules = {
     OptionRule{"--images", Option::Images, true, ForPacking},
     OptionRule{"--audio", Option::Audio, true, ForPacking},
     OptionRule{"--replace", Option::Replace, false, ForPacking},
+    OptionRule{"--size", Option::Size, true, ForSplit},
+    OptionRule{"--unit", Option::Unit, true, ForSplit},
+    OptionRule{"--compress", Option::Compress, true, ForSplit},
+    OptionRule{"--checksum", Option::Checksum, false, ForSplit},
 };
 
 unsigned maskOf(Command command)
@@ -111,6 +122,10 @@ unsigned maskOf(Command command)
     case Command::Create:
     case Command::Convert:
         return ForPacking;
+    case Command::Split:
+        return ForSplit;
+    case Command::Combine:
+        return ForCombine;
     case Command::Clean:
     case Command::Open:
     case Command::Help:
@@ -260,7 +275,53 @@ private:
         case Option::Replace:
             pack.replace = true;
             break;
+        case Option::Checksum:
+            m_result.split.checksum = true;
+            break;
+        case Option::Size:
+        case Option::Unit:
+        case Option::Compress:
+            return applyToSplit(rule.option, value);
         }
+        return std::nullopt;
+    }
+
+    std::optional<LXError> applyToSplit(Option option, const QString &value)
+    {
+        CVTerminalArguments::Split &split = m_result.split;
+        if (option == Option::Size) {
+            bool ok = false;
+            split.size = value.toDouble(&ok);
+            if (!ok || !(split.size > 0) || split.size > 1e15)
+                return usageError(u"“--size” takes a number above 0, not “%1”"_s.arg(value));
+        } else if (option == Option::Unit) {
+            split.unit = value.toUpper();
+            if (!QStringList{u"B"_s, u"KB"_s, u"MB"_s, u"GB"_s}.contains(split.unit))
+                return usageError(u"“--unit” takes B, KB, MB or GB, not “%1”"_s.arg(value));
+        } else {
+            const qsizetype compression = QStringList{u"none"_s, u"bzip2"_s, u"7z"_s}.indexOf(value);
+            if (compression < 0)
+                return usageError(u"“--compress” takes none, bzip2 or 7z, not “%1”"_s.arg(value));
+            split.compression = static_cast<unsigned>(compression);
+        }
+        return std::nullopt;
+    }
+
+    std::optional<LXError> splitProblem() const
+    {
+        if (m_result.paths.isEmpty())
+            return usageError(m_result.command == Command::Split ? u"“split” needs a file"_s
+                                                                 : u"“combine” needs a part"_s);
+        if (m_result.command == Command::Combine)
+            return std::nullopt;
+        if (m_result.paths.size() > 1)
+            return usageError(
+                u"“split” takes one file at a time, and “%1” is a second one"_s.arg(m_result.paths.at(1)));
+        if (m_result.split.compression == 2 && m_result.split.checksum)
+            return usageError(
+                u"volumes of a 7z archive have checksums of their own: leave “--checksum” out"_s);
+        if (m_result.split.unit == u"B" && m_result.split.size < 1)
+            return usageError(u"a part takes at least one byte"_s);
         return std::nullopt;
     }
 
@@ -310,6 +371,11 @@ private:
             if (auto error = packingProblem())
                 return *error;
             break;
+        case Command::Split:
+        case Command::Combine:
+            if (auto error = splitProblem())
+                return *error;
+            break;
         case Command::Open:
             if (m_result.paths.isEmpty())
                 return usageError(u"no file is given"_s);
@@ -339,7 +405,7 @@ LXResult<CVTerminalArguments> CVTerminalArguments::parse(const QStringList &word
 
 QString CVTerminalArguments::help()
 {
-    return uR"(Corvane opens archives, makes them, and turns one kind into another.
+    return uR"(Corvane opens archives, makes them, turns one kind into another, and splits and joins large files.
 
   corvane FILE…                     extract archives; pack other files and folders by the settings
   corvane extract [options] ARCHIVE…
@@ -368,6 +434,13 @@ QString CVTerminalArguments::help()
         --replace                   replace an archive that is there already, without a question
         --password-file FILE        for “create --encrypt”: the password of the new archive; for “convert”:
                                     that of ARCHIVE, and with --encrypt also that of the new one
+  corvane split [options] FILE
+        --size N                    of each part (otherwise 10)
+        --unit B|KB|MB|GB           of that number, of 1024 each (otherwise MB)
+        --compress none|bzip2|7z    bzip2: the parts together are one bzip2 stream; 7z: volumes of an archive
+        --checksum                  with a file of checksums, which “combine” compares
+        --to DIR                    as above
+  corvane combine [--to DIR] PART…  join the parts of a set, which are looked for beside the one named
   corvane clean                     remove work folders that a crash left behind
   corvane --help | --version
 

@@ -19,6 +19,8 @@ struct CVTerminalArguments
         Clean,
         Create,
         Convert,
+        Split,
+        Combine,
         Help,
         Version,
     };
@@ -30,6 +32,15 @@ struct CVTerminalArguments
         Delete = 2,
     };
 
+    /// How a file is split.
+    struct Split
+    {
+        double size = 10;
+        QString unit = QStringLiteral("MB"); ///< of 1024; "B" counts bytes
+        unsigned compression = 0;            ///< 0 none, 1 bzip2, 2 volumes of a 7z archive
+        bool checksum = false;
+    };
+
     Command command = Command::Open;
     QStringList paths; ///< as given, in order
     std::optional<QString> destination;
@@ -38,6 +49,7 @@ struct CVTerminalArguments
     bool json = false;
     std::optional<QString> passwordFile; ///< "-" for standard input
     CVPackOptions pack;                  ///< of Create and Convert
+    Split split;
 
     /// `words` without the program's own name. The error's description is one line that names the
     /// word in question.

@@ -51,6 +51,19 @@ QStringList CVTerminalDelegate::resultPaths() const
     return m_results;
 }
 
+std::optional<CVTerminalDelegate::MultiPartArchive> CVTerminalDelegate::multiPartArchive() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_multiPartArchive;
+}
+
+void CVTerminalDelegate::operationWillCreateMultiPartArchiveOfChunkSize(CVOperation *, double chunkSize,
+                                                                        const QString &format)
+{
+    const std::lock_guard lock(m_mutex);
+    m_multiPartArchive = {chunkSize, format};
+}
+
 void CVTerminalDelegate::operationHasMadeProgress(CVOperation *, double done, double totalBytes)
 {
     // Who packs counts files and thirds, not bytes.

@@ -28,6 +28,14 @@ public:
     };
     void setPacking(const Packing &packing) { m_packing = packing; }
 
+    /// A split that is to be volumes of an archive instead. Bytes each.
+    struct MultiPartArchive
+    {
+        double chunkSize;
+        QString format;
+    };
+    std::optional<MultiPartArchive> multiPartArchive() const;
+
     /// What was delivered, told by the job.
     QStringList resultPaths() const;
     /// Archives that could not be opened, told to the person already.
@@ -57,6 +65,9 @@ public:
     void operationSkippedEntries(CVOperation *operation, const QString &archivePath,
                                  const std::vector<CVSkippedEntry> &entries) override;
 
+    void operationWillCreateMultiPartArchiveOfChunkSize(CVOperation *operation, double chunkSize,
+                                                        const QString &format) override;
+
     void operationCompletedWithFilesAtPaths(CVOperation *operation, const QStringList &paths,
                                             bool multipleFiles) override;
     void operationFailedWithError(CVOperation *operation, const LXError &error) override;
@@ -73,6 +84,7 @@ private:
     mutable std::mutex m_mutex; ///< guards what follows, down to the next comment
     std::shared_ptr<CVFileNode> m_inputFiles;
     QStringList m_results;
+    std::optional<MultiPartArchive> m_multiPartArchive;
 
     // Counters and marks.
     std::atomic<int> m_failures = 0;

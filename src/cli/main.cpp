@@ -1,6 +1,7 @@
 #include "cli/CVExtractCommand.h"
 #include "cli/CVListCommand.h"
 #include "cli/CVPackCommand.h"
+#include "cli/CVSplitCommand.h"
 #include "cli/CVTerminal.h"
 #include "cli/CVTerminalArguments.h"
 #include "cli/CVTerminalPasswords.h"
@@ -92,10 +93,8 @@ int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
     CVOperationQueue queue;
     CVExtractCommand extraction(queue, terminal, passwords);
     CVPackCommand packing(queue, terminal, passwords);
+    CVSplitCommand splitting(queue, terminal, passwords);
     const bool packs = isPacking(arguments);
-    CVJobCommand &command = packs || arguments.command == CVTerminalArguments::Command::Convert
-                                ? static_cast<CVJobCommand &>(packing)
-                                : extraction;
     int interrupts = 0;
     const CVTerminalSignals signalsToCancel([&](int) {
         // Whoever asks twice does not want to wait. The work directory is on the list that
@@ -104,8 +103,10 @@ int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
             terminal.restoreEcho();
             ::_exit(cancelledStatus);
         }
-        terminal.clearProgress();
-        command.cancel();
+        terminal.message(u"cancelled"_s);
+        // Two of them may take part in what was asked for; the others hear it in vain.
+        for (CVJobCommand *command : std::initializer_list<CVJobCommand *>{&extraction, &packing, &splitting})
+            command->cancel();
     });
     switch (arguments.command) {
     case CVTerminalArguments::Command::Extract:
@@ -118,6 +119,10 @@ int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
         return packing.create(arguments);
     case CVTerminalArguments::Command::Convert:
         return packing.convert(arguments);
+    case CVTerminalArguments::Command::Split:
+        return splitting.split(arguments, packing);
+    case CVTerminalArguments::Command::Combine:
+        return splitting.combine(arguments);
     case CVTerminalArguments::Command::List:
     case CVTerminalArguments::Command::Help:
     case CVTerminalArguments::Command::Version:

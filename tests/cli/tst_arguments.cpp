@@ -36,8 +36,8 @@ namespace {
 // Everything that was understood in one line, so that a row compares the whole.
 QString summary(const CVTerminalArguments &a)
 {
-    static const char *const names[] = {"open",   "extract", "list", "clean",
-                                        "create", "convert", "help", "version"};
+    static const char *const names[] = {"open",    "extract", "list",    "clean", "create",
+                                        "convert", "split",   "combine", "help",  "version"};
     QString text = QLatin1StringView(names[static_cast<int>(a.command)]);
     if (a.destination)
         text += u" to=" + *a.destination;
@@ -66,6 +66,11 @@ QString summary(const CVTerminalArguments &a)
         text += u" audio=" + QString::number(*pack.audio);
     if (pack.replace)
         text += u" replace"_s;
+    if (a.command == CVTerminalArguments::Command::Split)
+        text += u" %1%2 compression=%3 sums=%4"_s.arg(a.split.size)
+                    .arg(a.split.unit)
+                    .arg(a.split.compression)
+                    .arg(a.split.checksum);
     return text + u" | " + a.paths.join(u'|');
 }
 
@@ -100,6 +105,10 @@ void tst_arguments::understood_data()
     row("convert", "convert a.zip --format tar.gz --level 1 --password-file p",
         "convert password=p format=tar.gz level=1 | a.zip");
     row("the case of a format", "create --format TAR.z a", "create format=tar.Z | a");
+    row("split", "split f", "split 10MB compression=0 sums=0 | f");
+    row("split with everything", "split --size 0.5 --unit gb --compress bzip2 --checksum --to D f",
+        "split to=D 0.5GB compression=1 sums=1 | f");
+    row("combine", "combine --to D f.b.split f.a.split", "combine to=D | f.b.split|f.a.split");
     row("keep with entries", "extract --after keep --entry a b", "extract entry=a fate=0 | b");
 }
 
@@ -134,7 +143,21 @@ void tst_arguments::refused_data()
     QTest::newRow("clean with files") << QStringList{u"clean"_s, u"a"_s} << u"clean"_s;
     QTest::newRow("password as a word")
         << QStringList{u"extract"_s, u"--password"_s, u"x"_s, u"a"_s} << u"--password"_s;
-    QTest::newRow("not in this version") << QStringList{u"split"_s, u"a"_s} << u"split"_s;
+    QTest::newRow("not in this version") << QStringList{u"install-rar"_s} << u"install-rar"_s;
+    const auto splitting = [](const char *words, const char *named) {
+        QTest::newRow(words) << QString::fromUtf8(words).split(u' ') << QString::fromUtf8(named);
+    };
+    splitting("split", "needs a file");
+    splitting("split a b", "one file at a time");
+    splitting("split --size 0 a", "above 0");
+    splitting("split --size ten a", "ten");
+    splitting("split --size nan a", "nan");
+    splitting("split --size 0.5 --unit B a", "at least one byte");
+    splitting("split --unit TB a", "TB");
+    splitting("split --compress gzip a", "gzip");
+    splitting("split --compress 7z --checksum a", "--checksum");
+    splitting("combine", "needs a part");
+    splitting("combine --checksum a.a.split", "--checksum");
     // What cannot be written like that, with what the message has to offer instead.
     const auto create = [](const char *name, const char *options, const QString &offers) {
         const QString words = u"create --format "_s + QString::fromUtf8(options) + u" a"_s;

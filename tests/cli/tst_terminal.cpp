@@ -107,7 +107,7 @@ void tst_terminal::exitStatus_data()
     QTest::newRow("unknown option") << QStringList{u"extract"_s, u"--fast"_s, u"good.zip"_s} << 2
                                     << QByteArray("--fast");
     QTest::newRow("command of another version")
-        << QStringList{u"split"_s, u"good.zip"_s} << 2 << QByteArray("split");
+        << QStringList{u"install-rar"_s} << 2 << QByteArray("install-rar");
     QTest::newRow("good") << QStringList{u"extract"_s, u"good.zip"_s} << 0 << QByteArray();
     QTest::newRow("no command") << QStringList{u"good.zip"_s} << 0 << QByteArray();
     QTest::newRow("not an archive by name")
