@@ -11,6 +11,7 @@ constexpr qint64 gibibyte = 1024LL * 1024 * 1024;
 // Two of the largest pictures at sixteen bits, which turning one takes, and the libraries' own.
 constexpr qint64 addressSpace = 8 * gibibyte;
 constexpr qint64 largestFile = 16 * gibibyte;
+constexpr auto timeToEnd = std::chrono::seconds(2);
 constexpr qsizetype longestAnswer = 64 * 1024;
 
 constexpr bool isSanitized()
@@ -122,6 +123,9 @@ void CVMediaChild::finish(const std::stop_token &stop)
     if (!m_process)
         return;
     m_process->closeInput();
-    m_process->wait(stop);
-    m_process.reset();
+    using Kind = LXChildProcess::Chunk::Kind;
+    Kind kind = Kind::Output;
+    while (kind == Kind::Output)
+        kind = m_process->read(stop, timeToEnd).kind;
+    m_process.reset(); // what is not gone by now is killed
 }

@@ -44,7 +44,7 @@ public:
 
     bool isAlive() const { return m_process != nullptr; }
 
-    /// Lets it end by itself.
+    /// Lets it end by itself, for a moment.
     void finish(const std::stop_token &stop);
 
 private:

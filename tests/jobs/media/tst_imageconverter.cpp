@@ -461,5 +461,5 @@ void ImageConverterTest::byPath()
     }
 }
 
-QTEST_MAIN(ImageConverterTest)
+QTEST_GUILESS_MAIN(ImageConverterTest)
 #include "tst_imageconverter.moc"
