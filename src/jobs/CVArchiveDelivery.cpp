@@ -260,15 +260,18 @@ CVArchiveDelivery::Result CVArchiveDelivery::deliverVolumes(bool mayReplace) con
             return volumesError(QString::fromLocal8Bit(std::strerror(failure)));
     }
 
-    SetAside replaced(m_staging);
-    for (const QString &item : old) {
-        const QByteArray path = bytesOfFileName(item);
-        if (const int failure = replaced.take(path))
-            return overwriteError(path, failure);
-    }
     const auto moved = moveToUniqueDestination(collected, folderOf(m_destination), name);
     if (!moved)
         return volumesError(moved.error().reason);
+    // The new set is in no one's way, so the older one goes only now: there is always one of them.
+    SetAside replaced(m_staging);
+    for (const QString &item : old) {
+        const QByteArray path = bytesOfFileName(item);
+        if (const int failure = replaced.take(path)) {
+            (void)renameWithoutReplacing(bytesOfFileName(moved.value()), collectedBytes);
+            return overwriteError(path, failure);
+        }
+    }
     replaced.dismiss();
     return moved.value();
 }

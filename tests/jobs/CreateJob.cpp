@@ -3,17 +3,25 @@
 #include "engine/control/CVOperationFactory.h"
 #include "engine/model/CVOperation.h"
 #include "engine/model/CVOperationQueue.h"
+#include "engine/model/CVSettings.h"
+#include "engine/model/CVWorkDirectoryManager.h"
 #include "filetree/CVFileTreeBuilder.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
+#include "util/LXRemoveTree.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QEventLoop>
 #include <QFile>
+#include <QProcess>
 
 #include <atomic>
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -109,6 +117,12 @@ void CreateJob::at(CreatePhase phase, const QString &destination, std::function<
                 fire();
         };
         break;
+    case CreatePhase::Media:
+        recorder->onProgress = [fire](double done, double total) {
+            if (total < 100'000 && done == total / 3 + 1)
+                fire();
+        };
+        break;
     case CreatePhase::Packing:
         recorder->onProgress = [fire](double, double total) {
             if (total > 1'000'000)
@@ -128,14 +142,53 @@ void CreateJob::at(CreatePhase phase, const QString &destination, std::function<
     }
 }
 
+void CreateJob::packsMedia()
+{
+    constexpr int bitmap = 10;
+    data->setArchiveType(u"corvane"_s);
+    data->setShouldUseZipCompression(true);
+    data->setImageFileFormat(bitmap);
+    data->setAudioFileFormat(0);
+}
+
 void CreateJob::run()
 {
+    QEventLoop loop;
+    operation->observeFinished([&loop](CVOperation &) { LXMainThread::post([&loop] { loop.quit(); }); });
     CVOperationQueue queue(1);
     queue.add(operation);
-    while (!operation->isFinished())
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents | QEventLoop::AllEvents, 20);
+    loop.exec();
     queue.waitUntilEmpty();
-    QCoreApplication::processEvents();
+    QCoreApplication::processEvents(); // what the job has left to the main thread
+}
+
+CreateFolders::CreateFolders()
+{
+    for (const auto &folder : {u"in"_s, u"out"_s, u"settings"_s})
+        QDir(m_root.path()).mkdir(folder);
+    useSettings(m_root.path());
+}
+
+void CreateFolders::useSettings(const QString &root)
+{
+    CVSettings::setStore(std::make_shared<LXSettingsStore>(root + u"/settings/corvane.conf"_s));
+    CVSettings::setValue(CVSettingsKey::extractDestination,
+                         static_cast<int>(CVExtractDestination::DefaultFolder));
+    CVSettings::setValue(CVSettingsKey::extractDefaultDestination, QString(root + u"/out"_s));
+    CVSettings::setValue(CVSettingsKey::createArchiveFormat, u"tar"_s);
+}
+
+bool CreateFolders::remove()
+{
+    CVSettings::setStore(nullptr);
+    // QTemporaryDir knows no names that are not UTF-8.
+    m_root.setAutoRemove(false);
+    return static_cast<bool>(removeTree(m_root.path()));
+}
+
+QStringList CreateFolders::results() const
+{
+    return namesIn(at(u"out"_s)) + CVWorkDirectoryManager::workDirs();
 }
 
 bool writeFile(const QString &path, const QByteArray &contents)
@@ -152,4 +205,27 @@ QByteArray readFile(const QString &path)
     const LXFileDescriptor fd(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC));
     QFile file;
     return fd.isOpen() && file.open(fd.get(), QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool makeLongWork(const QString &path)
+{
+    return writeFile(path, {}) && ::truncate(bytesOfFileName(path).constData(), off_t(400) << 20) == 0;
+}
+
+bool paint(const QString &path)
+{
+    QProcess tool;
+    tool.start(u"convert"_s, {u"-size"_s, u"512x512"_s, u"gradient:red-blue"_s, path});
+    return tool.waitForFinished() && tool.exitCode() == 0;
+}
+
+QStringList namesIn(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                                  QDir::Name);
+}
+
+int changeMode(const QString &path, mode_t mode)
+{
+    return ::chmod(bytesOfFileName(path).constData(), mode);
 }

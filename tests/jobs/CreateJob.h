@@ -3,13 +3,17 @@
 #include "engine/model/CVEditArchiveOperationDataBinding.h"
 #include "engine/model/CVOperationDelegate.h"
 #include "filetree/CVFileNode.h"
+#include "support/TestTree.h"
 
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
 #include <functional>
 #include <memory>
 #include <mutex>
+
+#include <sys/types.h>
 
 /// Writes down what a create job says and answers its questions. Hooks run on the thread of the call.
 class CreateRecorder final : public CVOperationDelegate
@@ -61,6 +65,7 @@ private:
 /// A place in the life of a job at which something is to happen.
 enum class CreatePhase {
     Copying,
+    Media,        ///< needs packsMedia()
     Packing,      ///< once the back end reports progress: needs an input of many bytes
     Question,     ///< the destination exists from the start
     LateQuestion, ///< it appears while the job packs
@@ -77,8 +82,36 @@ struct CreateJob
 
     /// The hook runs once, when the phase is reached.
     void at(CreatePhase phase, const QString &destination, std::function<void()> hook);
+    /// Has it write the own format as zip, with pictures as bitmaps.
+    void packsMedia();
     void run();
+};
+
+/// A scratch folder with "in" and "out", the output folder of the settings, which are scratch as well.
+class CreateFolders
+{
+public:
+    CreateFolders();
+    /// At the end of each test.
+    bool remove();
+
+    QString at(const QString &name) const { return name.isEmpty() ? m_root.path() : m_root.filePath(name); }
+    /// What lies in the output folder, and what the register says was left behind.
+    QStringList results() const;
+    /// Without "long", which takes too long to read.
+    TestTree inputs() const { return treeFromDisk(at(QStringLiteral("in")), {QStringLiteral("long")}); }
+
+    static void useSettings(const QString &root);
+
+private:
+    QTemporaryDir m_root;
 };
 
 bool writeFile(const QString &path, const QByteArray &contents);
 QByteArray readFile(const QString &path);
+/// Holes cost no disk, but keep a compressor busy for a while.
+bool makeLongWork(const QString &path);
+/// A picture that is far smaller as PNG than as bitmap.
+bool paint(const QString &path);
+QStringList namesIn(const QString &folder);
+int changeMode(const QString &path, mode_t mode);
