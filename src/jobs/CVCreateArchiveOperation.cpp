@@ -319,7 +319,9 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::makeMediaSmaller()
     if (!result.failedFile.isEmpty())
         suggestion = tr("“%1” could not be converted.").arg(LXDisplay::displayEscaped(result.failedFile)) +
                      (result.reason.isEmpty() ? QString() : u' ' + result.reason);
-    if (const QString disk = wordAboutDisk(0); !disk.isEmpty())
+    // The converters have only words for it, and have removed what they had written.
+    const bool isFull = result.reason.contains(QString::fromLocal8Bit(std::strerror(ENOSPC)));
+    if (const QString disk = wordAboutDisk(isFull ? ENOSPC : 0); !disk.isEmpty())
         suggestion += u'\n' + disk;
     LX_WARNING(lcCreate, "%s: %s",
                qUtf8Printable(CVArchive::statusToString(CVArchive::MultimediaManipulationFailed)),
