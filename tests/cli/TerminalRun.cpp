@@ -1,8 +1,11 @@
 #include "TerminalRun.h"
 
+#include "util/LXFileName.h"
+
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -41,7 +44,7 @@ TerminalRun TerminalRun::run(const QString &program, const Setup &setup)
 {
     std::vector<QByteArray> words = {QFile::encodeName(program)};
     for (const QString &argument : setup.arguments)
-        words.push_back(QFile::encodeName(argument));
+        words.push_back(bytesOfFileName(argument));
     const QByteArray folder = QFile::encodeName(setup.folder);
     std::vector<QByteArray> environment = {
         "PATH=" + qgetenv("PATH"),
@@ -51,12 +54,14 @@ TerminalRun TerminalRun::run(const QString &program, const Setup &setup)
         "HOME=" + folder,
         "XDG_CONFIG_HOME=" + folder + "/.config",
         "XDG_DATA_HOME=" + folder + "/.local",
-        "TMPDIR=/tmp",
     };
     for (const char *name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
         if (qEnvironmentVariableIsSet(name))
             environment.push_back(QByteArray(name) + '=' + qgetenv(name));
     }
+    const auto isTmpDir = [](const QByteArray &variable) { return variable.startsWith("TMPDIR="); };
+    if (std::ranges::none_of(setup.environment, isTmpDir))
+        environment.push_back("TMPDIR=/tmp");
     environment.insert(environment.end(), setup.environment.begin(), setup.environment.end());
     auto argv = pointers(words);
     auto envp = pointers(environment);

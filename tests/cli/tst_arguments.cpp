@@ -102,6 +102,8 @@ void tst_arguments::understood_data()
     row("clean", "clean", "clean | ");
     row("create", "create --format 7z --name N --to D --level 0 --encrypt --volume 1.5GB --replace a b",
         "create to=D format=7z name=N level=0 encrypt volume=1500000000 replace | a|b");
+    row("media", "create --format=CORVANE --images 13 --audio 0 a",
+        "create format=corvane images=13 audio=0 | a");
     row("convert", "convert a.zip --format tar.gz --level 1 --password-file p",
         "convert password=p format=tar.gz level=1 | a.zip");
     row("the case of a format", "create --format TAR.z a", "create format=tar.Z | a");

@@ -151,6 +151,8 @@ private Q_SLOTS:
     void existing();
     void cancel_data();
     void cancel();
+    void makesSoundSmallerButNoImages_data();
+    void makesSoundSmallerButNoImages();
     void writesVolumes();
     void tellsWhatIsLeftOut();
 
@@ -295,7 +297,7 @@ void tst_convert::keepsEverything_data()
     QTest::addColumn<QString>("format");
     for (const char *source : {"x.zip", "x.7z", "x.tar.gz", "x.corvane", "locked.zip", "locked.7z",
                                "x.7z.001", "locked.7z.002", "four.rar", "five.rar"}) {
-        for (const char *format : {"zip", "7z", "tar", "tar.gz", "tar.bz2", "tar.xz", "tar.Z"})
+        for (const char *format : {"zip", "7z", "tar", "tar.gz", "tar.bz2", "tar.xz", "tar.Z", "corvane"})
             QTest::addRow("%s to %s", source, format)
                 << QString::fromLatin1(source) << QString::fromLatin1(format);
     }
@@ -334,17 +336,21 @@ void tst_convert::keepsEverything()
 void tst_convert::keepsBytesModesAndTimes_data()
 {
     QTest::addColumn<QString>("format");
+    QTest::addColumn<QByteArray>("odd"); // name of one more file
     for (const char *format : {"tar.bz2", "zip", "7z"})
-        QTest::newRow(format) << QString::fromLatin1(format);
+        QTest::newRow(format) << QString::fromLatin1(format) << QByteArray("caf\xe9");
+    // The other reader of these has no way with bytes that are no text.
+    QTest::newRow("corvane") << u"corvane"_s << QByteArray("café");
 }
 
 void tst_convert::keepsBytesModesAndTimes()
 {
     QFETCH(QString, format);
+    QFETCH(QByteArray, odd);
     makeTree();
     // A name that is no UTF-8 may be read as the text that it most likely is, which is packed then.
-    const QByteArray odd = QFile::encodeName(path(u"in/top/"_s)) + "caf\xe9";
-    const int fd = ::open(odd.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    const QByteArray oddPath = QFile::encodeName(path(u"in/top/"_s)) + odd;
+    const int fd = ::open(oddPath.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
     QVERIFY(fd >= 0 && ::write(fd, "odd", 3) == 3 && ::close(fd) == 0);
     const struct
     {
@@ -531,7 +537,8 @@ void tst_convert::cancel_data()
     QTest::newRow("at the question") << u"x.zip"_s << u"zip"_s << u"replace?"_s << 0.0;
     QTest::newRow("unpacking") << u"x.7z"_s << u"tar"_s << u""_s << 0.01;
     QTest::newRow("unpacking with a tool") << u"x.tar.gz"_s << u"zip"_s << u""_s << 0.01;
-    for (const char *format : {"zip", "7z", "tar.bz2"})
+    QTest::newRow("among the media") << u"x.zip"_s << u"corvane"_s << u""_s << 1.001;
+    for (const char *format : {"zip", "7z", "tar.bz2", "corvane"})
         QTest::addRow("packing %s", format) << u"x.zip"_s << QString::fromLatin1(format) << u""_s << 2.0;
 }
 
@@ -578,6 +585,62 @@ void tst_convert::cancel()
     QVERIFY(QFile::exists(path(source)));
     if (!older.isEmpty())
         QCOMPARE(QFileInfo(path(u"out/new.zip"_s)).size(), older.size());
+}
+
+void tst_convert::makesSoundSmallerButNoImages_data()
+{
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<bool>("asZip"); // instead of the own format
+    QTest::addColumn<QString>("made");
+    QTest::newRow("own format") << u"corvane"_s << false << u"new.corvane"_s;
+    QTest::newRow("own format as ZIP") << u"corvane"_s << true << u"new.zip"_s;
+    QTest::newRow("another format") << u"zip"_s << false << u"new.zip"_s;
+}
+
+void tst_convert::makesSoundSmallerButNoImages()
+{
+    QFETCH(QString, format);
+    QFETCH(bool, asZip);
+    QFETCH(QString, made);
+    constexpr quint32 samples = 8000;
+    QByteArray wav("RIFF\0\0\0\0WAVEfmt \x10\0\0\0\1\0\1\0\x40\x1f\0\0\x80\x3e\0\0\2\0\x10\0data\0\0\0\0",
+                   44);
+    const auto put = [&wav](qsizetype at, quint32 number) {
+        for (int i = 0; i < 4; ++i)
+            wav[at + i] = static_cast<char>(number >> (8 * i));
+    };
+    put(4, 36 + 2 * samples);
+    put(40, 2 * samples);
+    for (quint32 i = 0; i < samples; ++i) {
+        wav += '\0';
+        wav += static_cast<char>(i % 16 < 8 ? 32 : -32);
+    }
+    const QByteArray bmp =
+        QByteArray("BM\x3a\0\0\0\0\0\0\0\x36\0\0\0\x28\0\0\0\1\0\0\0\1\0\0\0\1\0\x18\0", 30) +
+        QByteArray(24, '\0') + QByteArray("abc\0", 4);
+    write(u"in/sound.wav"_s, wav);
+    write(u"in/dot.bmp"_s, bmp);
+    tool(u"tar"_s, {u"-cf"_s, path(u"x.tar"_s), u"sound.wav"_s, u"dot.bmp"_s}, u"in"_s);
+    CVSettings::overrideForThisRun(CVSettingsKey::audioPreCompressionFormat, 1);
+    CVSettings::overrideForThisRun(CVSettingsKey::imagePreCompressionFormat, 1);
+    CVSettings::setValue(CVSettingsKey::shouldEncrypt, asZip); // and has no effect there
+
+    convert(u"x.tar"_s, format, [asZip](CVConvertOperationDataBinding &data) {
+        data.setShouldUseZipCompression(asZip);
+        data.setPassword(u"x"_s);
+        data.setPasswordConfirmation(u"x"_s);
+    });
+
+    QVERIFY2(m_recorder->events().last() == u"completed: ~/out/" + made,
+             qPrintable(m_recorder->events().join(u'\n') + m_recorder->error().suggestion));
+    unpack(path(u"out/"_s + made), u"back"_s);
+    const TestTree back = treeFromDisk(path(u"back"_s));
+    QCOMPARE(back.size(), std::size_t(2));
+    QCOMPARE(back.at("dot.bmp").sha256, treeFromDisk(path(u"in"_s)).at("dot.bmp").sha256);
+    const bool converted = format == u"corvane";
+    QVERIFY(back.contains(converted ? "sound.m4a" : "sound.wav"));
+    if (converted)
+        QVERIFY(back.at("sound.m4a").size < qint64(wav.size()));
 }
 
 void tst_convert::writesVolumes()
