@@ -2,6 +2,7 @@
 #include "filetree/CVFileTreeBuilder.h"
 #include "filetree/CVFileTreeController.h"
 #include "filetree/file_node_stack.h"
+#include "util/LXRemoveTree.h"
 
 #include <QDir>
 #include <QFile>
@@ -52,6 +53,7 @@ private Q_SLOTS:
     void previewNodes();
     void orderAndRemoval();
     void copiesIntoAWorkFolder();
+    void namesThatAreNotText();
     void growsToManyEntriesAndLevels();
     void stack();
 
@@ -199,6 +201,31 @@ void TestFileTree::copiesIntoAWorkFolder()
             node->copyToPath(at(u"work"_s));
     }
     QCOMPARE(QFileInfo(at(u"in/d/f"_s)).size(), 8);
+}
+
+void TestFileTree::namesThatAreNotText()
+{
+    QVERIFY(QDir().mkpath(at(u"in"_s)) && QDir().mkpath(at(u"work"_s)));
+    const QByteArray folder = QFile::encodeName(at(u"in"_s)) + "/\xe9t\xe9";
+    QCOMPARE(::mkdir(folder.constData(), 0755), 0);
+    QCOMPARE(::mkdir(QByteArray(folder + "/\xff \xc3\xa9").constData(), 0755), 0);
+    QCOMPARE(::symlink("\xfe", QByteArray(folder + "/link").constData()), 0);
+    const auto root = CVFileNode::create();
+    CVFileTreeBuilder::addFiles({at(u"in"_s)}, *root);
+    QCOMPARE(root->count(), 5u);
+    for (const auto &node : root->preorder()) {
+        QVERIFY(!node->isIncomplete());
+        if (!node->isRoot())
+            node->copyToPath(at(u"work"_s));
+    }
+    const QByteArray copy = QFile::encodeName(at(u"work/in"_s)) + "/\xe9t\xe9";
+    struct stat facts;
+    QCOMPARE(::lstat(QByteArray(copy + "/\xff \xc3\xa9").constData(), &facts), 0);
+    QVERIFY(S_ISDIR(facts.st_mode));
+    QCOMPARE(::lstat(QByteArray(copy + "/link").constData(), &facts), 0);
+    QVERIFY(S_ISLNK(facts.st_mode));
+    // QTemporaryDir would not find them.
+    QVERIFY(removeTree(at(u"in"_s)) && removeTree(at(u"work"_s)));
 }
 
 void TestFileTree::growsToManyEntriesAndLevels()

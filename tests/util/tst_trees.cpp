@@ -1,3 +1,4 @@
+#include "util/LXCopyFile.h"
 #include "util/LXCopyTree.h"
 #include "util/LXRemoveTree.h"
 #include "util/unique_destination.h"
@@ -73,6 +74,10 @@ private Q_SLOTS:
     void movesFoldersThatCannotBeWritten();
     void movesAcrossFileSystems();
     void failedMoveLeavesTheSource();
+    void copiesFilesWithTheirHoles_data();
+    void copiesFilesWithTheirHoles();
+    void copiesWhatHasNoSize();
+    void copiesStop();
 
 private:
     QString at(const QString &name) const { return m_dir->filePath(name); }
@@ -278,6 +283,69 @@ void TestTrees::failedMoveLeavesTheSource()
     QCOMPARE(moved.error().code, ENOENT);
     QCOMPARE(readFile(at(u"f"_s)), QByteArray("data"));
     QVERIFY(!moveToUniqueDestination(at(u"none"_s), m_dir->path(), u"f"_s));
+}
+
+void TestTrees::copiesFilesWithTheirHoles_data()
+{
+    QTest::addColumn<bool>("otherFileSystem");
+    QTest::newRow("same file system") << false;
+    QTest::newRow("another one") << true;
+}
+
+void TestTrees::copiesFilesWithTheirHoles()
+{
+    QFETCH(bool, otherFileSystem);
+    const QString folder = otherFileSystem ? u"/dev/shm"_s : m_dir->path();
+    if (::access(folder.toUtf8().constData(), W_OK) != 0)
+        QSKIP("no second file system here");
+    constexpr qint64 size = qint64(3) << 30;
+    QFile file(at(u"sparse"_s));
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    for (const qint64 place : {qint64(0), qint64(1) << 20, (qint64(2) << 30) + 12'345})
+        QVERIFY(file.seek(place) && file.write(QByteArray(70'000, 'x')) == 70'000);
+    QVERIFY(file.resize(size)); // and a hole at the end
+    file.close();
+    QCOMPARE(changeMode(at(u"sparse"_s), 0640), 0);
+    const timespec times[] = {{1'000'000'000, 5}, {1'000'000'000, 5}};
+    QCOMPARE(::utimensat(AT_FDCWD, QFile::encodeName(at(u"sparse"_s)).constData(), times, 0), 0);
+
+    QTemporaryDir target(folder + u"/corvane-test-XXXXXX"_s);
+    const QString copy = target.filePath(u"copy"_s);
+    const auto outcome = copyFile(QFile::encodeName(at(u"sparse"_s)), AT_FDCWD, QFile::encodeName(copy));
+    QCOMPARE(outcome.failure, 0);
+    QVERIFY(!outcome.changed);
+    struct stat facts;
+    QCOMPARE(::stat(QFile::encodeName(copy).constData(), &facts), 0);
+    QCOMPARE(facts.st_size, size);
+    QCOMPARE(facts.st_mode & 07777, 0640u);
+    QCOMPARE(facts.st_mtim.tv_sec, 1'000'000'000);
+    QVERIFY(facts.st_blocks * 512 < 2 << 20);
+    QFile copied(copy);
+    QVERIFY(copied.open(QIODevice::ReadOnly));
+    for (const qint64 place : {qint64(0), qint64(1) << 20, (qint64(2) << 30) + 12'345}) {
+        QVERIFY(copied.seek(place));
+        QCOMPARE(copied.read(70'001), QByteArray(70'000, 'x') + '\0');
+    }
+    QCOMPARE(copyFile(QFile::encodeName(at(u"sparse"_s)), AT_FDCWD, QFile::encodeName(copy)).failure, EEXIST);
+    QVERIFY(copied.exists());
+}
+
+// The kernel's own files have contents, but say that they have none.
+void TestTrees::copiesWhatHasNoSize()
+{
+    const QByteArray copy = QFile::encodeName(at(u"copy"_s));
+    QCOMPARE(copyFile("/proc/version", AT_FDCWD, copy).failure, 0);
+    QVERIFY(readFile(at(u"copy"_s)).contains("Linux"));
+}
+
+void TestTrees::copiesStop()
+{
+    QVERIFY(writeFile(at(u"file"_s)));
+    std::stop_source stop;
+    stop.request_stop();
+    const QByteArray copy = QFile::encodeName(at(u"copy"_s));
+    QCOMPARE(copyFile(QFile::encodeName(at(u"file"_s)), AT_FDCWD, copy, stop.get_token()).failure, ECANCELED);
+    QVERIFY(!QFile::exists(at(u"copy"_s)));
 }
 
 QTEST_GUILESS_MAIN(TestTrees)
