@@ -3,16 +3,15 @@
 #include "archives/reading/CVSevenZipEngine.h"
 #include "archives/reading/CVUnarEngine.h"
 #include "archives/reading/CVZipEngine.h"
+#include "archives/xar/CVXarEngine.h"
 
 #include <array>
 
 std::span<const CVEngineDescriptor> cvReadingEngines()
 {
     static const std::array engines{
-        cvSevenZipEngineDescriptor(),
-        cvZipEngineDescriptor(),
-        cvLibarchiveEngineDescriptor(),
-        cvUnarEngineDescriptor(),
+        cvSevenZipEngineDescriptor(),   cvZipEngineDescriptor(),  cvXarEngineDescriptor(),
+        cvLibarchiveEngineDescriptor(), cvUnarEngineDescriptor(),
     };
     return engines;
 }

@@ -1,6 +1,6 @@
 #include "archives/reading/CVSafeWriter.h"
+#include "archives/xar/CVXarEngine.h"
 #include "archives/xar/CVXarListing.h"
-#include "archives/xar/tool/CVXarEngine.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 

@@ -1,15 +1,25 @@
-#include "archives/xar/tool/CVXarEngine.h"
+#include "archives/xar/CVXarEngine.h"
 
 #include "archives/reading/CVSafePath.h"
+#include "util/LXFileName.h"
+
+#include <QLoggingCategory>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <limits>
 #include <mutex>
+#include <string_view>
 #include <thread>
+#include <unordered_set>
+
+Q_LOGGING_CATEGORY(lcXarEngine, "corvane.archives.xar")
 
 namespace {
 
+// The bid of a reader made for its format; libarchive, the next best, gets what this one cannot open.
+constexpr int bidForXar = 90;
 // As much as the machine has, but no more than one disk is any good for.
 constexpr unsigned maxThreads = 8;
 // Zeros in so large pieces become holes again.
@@ -33,6 +43,24 @@ XADErrorCode codeOf(const LXError &error)
         break;
     }
     return XADErrorCode::Damaged;
+}
+
+int bid(const CVArchiveProbe &probe)
+{
+    return probe.head.startsWith("xar!") ? bidForXar : 0;
+}
+
+CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &)
+{
+    auto opened = xar_open(bytesOfFileName(probe.path), xar_mode::read);
+    if (!opened) {
+        qCDebug(lcXarEngine) << "left to other engines:" << opened.error().reason;
+        return {nullptr, codeOf(opened.error()), opened.error().reason};
+    }
+    auto engine = CVXarEngine::create(std::move(opened).value());
+    if (!engine)
+        return {nullptr, XADErrorCode::Damaged, QStringLiteral("The paths in the archive are too long.")};
+    return {std::move(engine), XADErrorCode::None, {}};
 }
 
 XADEntry::Type typeOf(xar_file::Type type)
@@ -105,10 +133,16 @@ std::unique_ptr<CVXarEngine> CVXarEngine::create(xar_t archive)
         pathBytes += entry.name.size();
         if (pathBytes > maxPathBytes)
             return nullptr;
+        // The format knows no other encoding; what does not fit was kept byte by byte.
+        if (entry.name.isValidUtf8())
+            entry.nameEncoding = CVNameEncoding::Utf8;
         entry.type = typeOf(file->type);
         entry.mode = file->mode;
         entry.hasMode = file->hasMode;
         entry.size = static_cast<qint64>(file->size);
+        if (file->type == xar_file::Type::file &&
+            entry.size <= std::numeric_limits<qint64>::max() - engine->m_total)
+            engine->m_total += entry.size;
         if (file->modified)
             entry.modified = *file->modified * 1'000'000'000;
         if (file->type == xar_file::Type::symlink)
@@ -127,7 +161,7 @@ std::unique_ptr<CVXarEngine> CVXarEngine::create(xar_t archive)
 
 QString CVXarEngine::formatName() const
 {
-    return QStringLiteral("xar");
+    return QStringLiteral("XAR");
 }
 
 CVReadingEngine::Outcome CVXarEngine::extract(std::span<const int> indices, bool, CVEntrySink &sink)
@@ -141,8 +175,10 @@ CVReadingEngine::Outcome CVXarEngine::extract(std::span<const int> indices, bool
             run.end(place, extractOne(run, run.indices[place]), delivered);
         }
     };
-    const auto threads = std::min<std::size_t>(
-        std::clamp(std::thread::hardware_concurrency(), 1U, maxThreads), indices.size());
+    // Which of two gets the name must not depend on the threads.
+    const unsigned limit = hasNamesTwice() ? 1 : maxThreads;
+    const auto threads =
+        std::min<std::size_t>(std::clamp(std::thread::hardware_concurrency(), 1U, limit), indices.size());
     std::vector<std::thread> others;
     for (std::size_t i = 1; i < threads; ++i)
         others.emplace_back(work);
@@ -150,6 +186,16 @@ CVReadingEngine::Outcome CVXarEngine::extract(std::span<const int> indices, bool
     for (std::thread &thread : others)
         thread.join();
     return {run.stopped ? XADErrorCode::Stopped : XADErrorCode::None};
+}
+
+bool CVXarEngine::hasNamesTwice() const
+{
+    std::unordered_set<std::string_view> names;
+    names.reserve(m_entries.size());
+    for (const XADEntry &entry : m_entries)
+        if (!names.emplace(entry.name.constData(), static_cast<std::size_t>(entry.name.size())).second)
+            return true;
+    return false;
 }
 
 /// True when it is there, or will be when the links are made.
@@ -188,4 +234,9 @@ bool CVXarEngine::extractOne(Run &run, int index)
     if (end == CVEntryWriter::Flow::Stop || flow == CVEntryWriter::Flow::Stop)
         run.stopped = true;
     return !isLost;
+}
+
+CVEngineDescriptor cvXarEngineDescriptor()
+{
+    return {"xar", bid, open};
 }

@@ -22,16 +22,21 @@ public:
     const xar_file &file(int index) const { return *m_files[static_cast<std::size_t>(index)]; }
 
     QString formatName() const override;
+    qint64 declaredTotal() const override { return m_total; }
     const std::vector<XADEntry> &entries() const override { return m_entries; }
     bool isEncrypted() const override { return false; }
     Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) override;
 
 private:
     struct Run;
+    bool hasNamesTwice() const;
     bool extractOne(Run &run, int index);
 
     xar_t m_archive;
     std::vector<xar_file_t> m_files;
     std::vector<XADEntry> m_entries;
     std::unordered_map<xar_file_t, int> m_indices;
+    qint64 m_total = 0; ///< bytes to extract
 };
+
+CVEngineDescriptor cvXarEngineDescriptor();
