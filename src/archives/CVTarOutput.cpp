@@ -8,7 +8,7 @@ namespace {
 constexpr qsizetype keptWords = 8192;
 constexpr qsizetype keptBeginning = 8192;
 
-constexpr char totalWords[] = "Total bytes written: ";
+constexpr char totalWords[] = "Total bytes written";
 constexpr char failedWords[] = "Exiting with failure status due to previous errors";
 constexpr char gaveUpWords[] = "Error is not recoverable: exiting now";
 
@@ -64,14 +64,16 @@ bool CVTarOutput::onlyDidNotShrink() const
 QString CVTarOutput::firstComplaint() const
 {
     static const QRegularExpression ratio(QStringLiteral("^-?[0-9. ]+%$|bits/byte"));
+    // The compressor may speak in the middle of it.
+    static const QRegularExpression total(
+        QStringLiteral("^(Total bytes written: )?([0-9]+ \\([0-9.]+[A-Za-z]+, [^)]*\\))?"));
     static const QRegularExpression program(
         QStringLiteral("^(/bin/)?(sh: \\d+|\\S*(tar|gzip|bzip2|compress)): "));
     for (const QString &line : m_beginning.split(u'\n', Qt::SkipEmptyParts)) {
         QString text = line;
         text.remove(QLatin1StringView("(stdin):")); // bzip2 names it first, wherever tar just is
-        text = text.trimmed();
-        if (text.isEmpty() || ratio.match(text).hasMatch() || text.startsWith(QLatin1String(totalWords)) ||
-            text.contains(QLatin1String(failedWords)))
+        text = text.remove(total).trimmed();
+        if (text.isEmpty() || ratio.match(text).hasMatch() || text.contains(QLatin1String(failedWords)))
             continue;
         text.remove(program);
         return text.trimmed();

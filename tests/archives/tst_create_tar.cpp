@@ -46,7 +46,7 @@ private:
     void useDouble(const char *variable, const QByteArray &script);
 
     std::unique_ptr<QTemporaryDir> m_folder;
-    std::unique_ptr<CreateRecorder> m_recorder;
+    std::unique_ptr<ArchiveRecorder> m_recorder;
     std::shared_ptr<CVArchive> m_archive;
 };
 
@@ -59,7 +59,7 @@ void TestCreateTar::initTestCase()
 void TestCreateTar::init()
 {
     m_folder = std::make_unique<QTemporaryDir>();
-    m_recorder = std::make_unique<CreateRecorder>();
+    m_recorder = std::make_unique<ArchiveRecorder>();
     QVERIFY(QDir().mkdir(path("in")) && QDir().mkdir(path("out")));
 }
 
@@ -340,6 +340,9 @@ void TestCreateTar::output_data()
     row("cut anywhere", {"Total by", "tes writt", "en: 10240 (10KiB)"}, true, false, "");
     row("complaint in pieces", {"/usr/bin/tar: ", "\"./a\": Cannot open", ": Permission denied", "", "", end},
         true, false, "\"./a\": Cannot open: Permission denied");
+    row("compressor in the middle",
+        {"Total bytes written: ", "gzip: stdout: Bad luck", "10240 (10KiB, 5MiB/s)"}, true, false,
+        "stdout: Bad luck");
     row("name of a total", {"tar: \"./Total bytes written\\: 5 (\": file changed as we read it"}, false,
         false, "\"./Total bytes written\\: 5 (\": file changed as we read it");
     row("name with a quote", {"tar: \"./\\\"Total bytes written: 5 (\": gone"}, false, false,

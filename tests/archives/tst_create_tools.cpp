@@ -55,7 +55,7 @@ private:
     void setRealTool(const QByteArray &script);
 
     std::unique_ptr<QTemporaryDir> m_folder;
-    std::unique_ptr<CreateRecorder> m_recorder;
+    std::unique_ptr<ArchiveRecorder> m_recorder;
     std::shared_ptr<CVArchive> m_archive;
 };
 
@@ -68,7 +68,7 @@ void TestCreateTools::initTestCase()
 void TestCreateTools::init()
 {
     m_folder = std::make_unique<QTemporaryDir>();
-    m_recorder = std::make_unique<CreateRecorder>();
+    m_recorder = std::make_unique<ArchiveRecorder>();
     QVERIFY(QDir().mkdir(path("in")) && QDir().mkdir(path("out")));
 }
 
@@ -414,7 +414,7 @@ void TestCreateTools::missingTool()
 void TestCreateTools::formatsThatNobodyWrites()
 {
     for (const char *name : {"out/x.sit", "out/x", "out/x.zipx"}) {
-        m_recorder = std::make_unique<CreateRecorder>();
+        m_recorder = std::make_unique<ArchiveRecorder>();
         const auto other = archive(path(name));
         QVERIFY(!other->canWriteVolumes());
         other->bundle(source(), path(name));

@@ -12,13 +12,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-QStringList CreateRecorder::events() const
+QStringList ArchiveRecorder::events() const
 {
     const std::lock_guard lock(m_mutex);
     return m_events;
 }
 
-void CreateRecorder::add(const QString &event)
+void ArchiveRecorder::add(const QString &event)
 {
     const std::lock_guard lock(m_mutex);
     m_events << event;
@@ -106,7 +106,7 @@ bool makeHostileTree(const QString &folder)
     };
     ::mkdir(bytesOfFileName(folder).constData(), 0755);
     bool made = make("empty", 0700) && make("d\xfe", 0755) && make("read only", 0555) &&
-                write("d\xfe/run", "x", 0755) && write(".hidden", noise(200'000), 0600) &&
+                write("d\xfe/run", "x", 0755) && write(".dot", noise(200'000), 0600) &&
                 write("no bytes", "") && write("secret", "s", 0400) &&
                 ::symlink("plain", at("link").constData()) == 0 &&
                 ::symlink("no/such", at("dangling").constData()) == 0;

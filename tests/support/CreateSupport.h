@@ -14,7 +14,7 @@
 // What the tests of creating archives share.
 
 /// Takes down how an archive ended and how far it said it was. Any thread.
-class CreateRecorder final : public CVArchiveDelegate
+class ArchiveRecorder final : public CVArchiveDelegate
 {
 public:
     QStringList events() const;
