@@ -71,6 +71,7 @@ class MediaWalkTest : public QObject
 private Q_SLOTS:
     void givesNames_data();
     void givesNames();
+    void reachesAnyDepth();
     void convertsEverythingOnce();
     void leavesOriginalsAlone();
     void keepsFoldersAsTheyWere();
@@ -138,6 +139,27 @@ void MediaWalkTest::givesNames()
     }
     QCOMPARE(planned, jobs);
     QCOMPARE(plan.paths, files.size() + 2);
+}
+
+void MediaWalkTest::reachesAnyDepth()
+{
+    constexpr int depth = 400; // more than there are descriptors to spare for it
+    const MediaFolder folder;
+    QByteArray place;
+    QByteArrayList expected;
+    for (int i = 0; i < depth; ++i) {
+        place += "d/";
+        folder.makeFolder(place);
+        folder.write(place + "x.gif", "x");
+        expected.prepend(place.chopped(1));
+    }
+    const int root = ::open(folder.path().toUtf8().constData(), O_RDONLY | O_DIRECTORY);
+    const CVMediaPlan plan = CVMediaPlan::make(root, 1, 0, {});
+    ::close(root);
+    QByteArrayList planned;
+    for (const CVMediaPlan::Job &job : plan.jobs)
+        planned << plan.folders[job.folder].path;
+    QCOMPARE(planned, expected);
 }
 
 void MediaWalkTest::convertsEverythingOnce()
