@@ -57,6 +57,13 @@ QByteArray bytesOf(const Magick::Blob &blob)
     return {static_cast<const char *>(blob.data()), static_cast<qsizetype>(blob.length())};
 }
 
+/// The system's policy gives the library about a gibibyte, which its GIF and EXR writers take for some
+/// sixty megapixels.
+LXError tooLarge()
+{
+    return pictureError(QStringLiteral("The image is too large for this format."));
+}
+
 bool isHeif(const char *format)
 {
     return std::strcmp(format, "HEIC") == 0 || std::strcmp(format, "AVIF") == 0;
@@ -169,6 +176,10 @@ LXResult<void> write(const QImage &pixels, const QByteArray &path, const QByteAr
             image.write(extension.toUpper().toStdString() + ':' + path.toStdString());
         } catch (const Magick::Warning &) {
         }
+    } catch (const Magick::ErrorCache &) {
+        return tooLarge();
+    } catch (const Magick::ErrorResourceLimit &) {
+        return tooLarge();
     } catch (const std::exception &error) {
         return pictureError(QString::fromLocal8Bit(error.what()));
     }
