@@ -183,7 +183,7 @@ void TestCreateTools::roundTrips()
     QVERIFY2(zip->createdWhole() && zip->failureReason().isEmpty(), qPrintable(zip->failureReason()));
 
     const QString first = chunkSize > 0 ? out + ".001" : out;
-    QCOMPARE(namesIn(path("out")).size() > 1, chunkSize > 0);
+    QCOMPARE(folderNames(path("out")).size() > 1, chunkSize > 0);
     if (chunkSize > 0) {
         struct stat info;
         QCOMPARE(::stat(bytesOfFileName(first).constData(), &info), 0);
@@ -214,7 +214,7 @@ void TestCreateTools::refusedPasswords()
     zip->bundle(source(), path("out/x.7z"));
     QTRY_COMPARE(m_recorder->events(), QStringList{"failed 1"});
     QVERIFY(!zip->failureReason().isEmpty());
-    QCOMPARE(namesIn(path("out")), QStringList());
+    QCOMPARE(folderNames(path("out")), QStringList());
 }
 
 void TestCreateTools::failures_data()
@@ -251,7 +251,7 @@ void TestCreateTools::failures()
     zip->bundle(source(), path("out/x.7z"));
     QTRY_COMPARE(m_recorder->events(), QStringList{"failed 4"});
     QCOMPARE(zip->failureReason(), reason);
-    QCOMPARE(namesIn(path("out")), others);
+    QCOMPARE(folderNames(path("out")), others);
 }
 
 void TestCreateTools::unreadableFileIsNamed()
@@ -269,7 +269,7 @@ void TestCreateTools::unreadableFileIsNamed()
     [&] { QTRY_COMPARE(m_recorder->events(), QStringList{"failed 4"}); }();
     QVERIFY(!wasRoot || ::setresuid(0, 0, 0) == 0);
     QVERIFY2(zip->failureReason().contains("closed"), qPrintable(zip->failureReason()));
-    QCOMPARE(namesIn(path("out")), QStringList());
+    QCOMPARE(folderNames(path("out")), QStringList());
 }
 
 void TestCreateTools::fullDisk_data()
@@ -294,7 +294,7 @@ void TestCreateTools::fullDisk()
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("encountered error"));
     zip->bundle(source(), path("out/" + name));
     QTRY_COMPARE_WITH_TIMEOUT(m_recorder->events(), QStringList{"failed 4"}, 30000);
-    const QStringList left = namesIn(path("out"));
+    const QStringList left = folderNames(path("out"));
     unmountSmallDisk(path("out"));
     QCOMPARE(left, QStringList());
     QCOMPARE(zip->systemError(), ENOSPC);
@@ -323,9 +323,9 @@ void TestCreateTools::cancelLeavesNothing()
     QTRY_VERIFY_WITH_TIMEOUT(m_recorder->mostBytes > 0, 30000);
     zip->cancelCreate();
     QCOMPARE(m_recorder->events().value(0), QString("cancelled"));
-    QCOMPARE(namesIn(path("out")), QStringList());
+    QCOMPARE(folderNames(path("out")), QStringList());
     QTRY_COMPARE(m_recorder->events(), (QStringList{"cancelled", "failed 2"}));
-    QCOMPARE(namesIn(path("out")), QStringList());
+    QCOMPARE(folderNames(path("out")), QStringList());
 }
 
 void TestCreateTools::cancelBeforeTheStart()
@@ -335,7 +335,7 @@ void TestCreateTools::cancelBeforeTheStart()
     zip->cancelCreate();
     QTest::qWait(50);
     QCOMPARE(m_recorder->events(), QStringList{"cancelled"});
-    QCOMPARE(namesIn(path("out")), QStringList());
+    QCOMPARE(folderNames(path("out")), QStringList());
 }
 
 void TestCreateTools::passwordIsInNoProcessList()
@@ -408,7 +408,7 @@ void TestCreateTools::missingTool()
     QTRY_COMPARE(m_recorder->events(), QStringList{"failed 4"});
     QCOMPARE(zip->failureReason(),
              QString("The tool “7za” is not installed. Install the package “p7zip-full”."));
-    QCOMPARE(namesIn(path("out")), QStringList());
+    QCOMPARE(folderNames(path("out")), QStringList());
 }
 
 void TestCreateTools::formatsThatNobodyWrites()

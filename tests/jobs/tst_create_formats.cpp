@@ -319,7 +319,7 @@ void TestCreateFormats::agrees()
     QCOMPARE(CVWorkDirectoryManager::workDirs(), QStringList());
     QString archive = job.recorder->results().first();
     if (chunkSize > 0) {
-        const QStringList volumes = namesIn(archive);
+        const QStringList volumes = folderNames(archive);
         QVERIFY2(volumes.size() > 1, qPrintable(volumes.join(u' ')));
         archive += u'/' + volumes.first();
     }

@@ -65,7 +65,7 @@ QByteArray testFileContents(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QStringList namesIn(const QString &folder)
+QStringList folderNames(const QString &folder)
 {
     QStringList names;
     DIR *const dir = ::opendir(bytesOfFileName(folder).constData());

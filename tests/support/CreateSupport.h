@@ -54,7 +54,7 @@ bool writeTestFile(const QString &path, const QByteArray &data, mode_t mode = 06
 QByteArray testFileContents(const QString &path);
 
 /// Names in a folder, sorted.
-QStringList namesIn(const QString &folder);
+QStringList folderNames(const QString &folder);
 
 /// Bytes that no tool can make smaller, always the same.
 QByteArray noise(qsizetype bytes);
