@@ -168,7 +168,7 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::prepare(CVPackingTree &
         LXError error = CVOperationHelper::errorWithMessage(tr("Error creating archive"),
                                                             tr("There is nothing to pack."));
         for (const CVSkippedEntry &entry : tree.skipped())
-            error.suggestion += (error.suggestion.isEmpty() ? QString() : u"\n"_s) +
+            error.suggestion += (error.suggestion.isEmpty() ? QString() : u"; "_s) +
                                 u"“%1”: %2"_s.arg(LXDisplay::displayEscaped(entry.name), entry.reason);
         return error;
     }
@@ -322,7 +322,7 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::makeMediaSmaller()
     // The converters have only words for it, and have removed what they had written.
     const bool isFull = result.reason.contains(QString::fromLocal8Bit(std::strerror(ENOSPC)));
     if (const QString disk = wordAboutDisk(isFull ? ENOSPC : 0); !disk.isEmpty())
-        suggestion += u'\n' + disk;
+        suggestion += u' ' + disk;
     LX_WARNING(lcCreate, "%s: %s",
                qUtf8Printable(CVArchive::statusToString(CVArchive::MultimediaManipulationFailed)),
                qUtf8Printable(suggestion));
@@ -362,8 +362,8 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::judge(const CVArchive &
                qUtf8Printable(CVArchive::statusToString(status)), qUtf8Printable(archive.failureReason()));
     QString suggestion = wordAboutDisk(archive.systemError());
     if (!archive.failureReason().isEmpty())
-        suggestion +=
-            (suggestion.isEmpty() ? QString() : u"\n"_s) + LXDisplay::displayEscaped(archive.failureReason());
+        suggestion += (suggestion.isEmpty() ? QString() : u" "_s) +
+                      LXDisplay::displayEscaped(archive.failureReason().simplified()); // tools speak in lines
     return creationError(suggestion);
 }
 
@@ -421,9 +421,9 @@ void CVCreateArchiveOperation::tellWhatIsMissing(const CVPackingTree &tree)
         return;
     QString names;
     for (const QString &name : changed.first(std::min(changed.size(), changedFilesNamed)))
-        names += (names.isEmpty() ? u"“"_s : u"\n“"_s) + LXDisplay::displayEscaped(name) + u'”';
+        names += (names.isEmpty() ? u"“"_s : u", “"_s) + LXDisplay::displayEscaped(name) + u'”';
     if (changed.size() > changedFilesNamed)
-        names += u'\n' + tr("… and %1 more").arg(changed.size() - changedFilesNamed);
+        names += u' ' + tr("… and %1 more").arg(changed.size() - changedFilesNamed);
     LXError error = CVOperationHelper::errorWithMessage(
         tr("Some files changed while “%1” was created, so they may be in it half old and half new.")
             .arg(LXDisplay::displayName(m_delivered)),

@@ -100,9 +100,9 @@ struct CVPackingTree::Problems
 
     LXError error() const
     {
-        QString reason = first.join(u'\n');
+        QString reason = first.join("; "_L1);
         if (count > first.size())
-            reason += u'\n' + tr("… and %1 more").arg(count - first.size());
+            reason += u' ' + tr("… and %1 more").arg(count - first.size());
         LXError error =
             CVOperationHelper::errorWithMessage(count == 1 ? tr("One of the files can't be read.")
                                                            : tr("%1 of the files can't be read.").arg(count),
@@ -162,7 +162,8 @@ bool CVPackingTree::add(const CVFileNode::Pointer &node, const QByteArray &path,
         // Of another window or program that is at work in the same folder.
         if (lastComponent(source).startsWith(CVWorkDirectoryManager::namePrefix().data()) &&
             CVWorkDirectoryManager::isInUse(fileNameFromBytes(source))) {
-            m_skipped.push_back({shown(path), tr("It is the working folder of another job."), {}});
+            m_skipped.push_back(
+                {fileNameFromBytes(path), tr("It is the working folder of another job."), {}});
             return false;
         }
         item.kind = Kind::Folder;
