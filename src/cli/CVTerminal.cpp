@@ -45,6 +45,13 @@ bool writeAll(int fd, const QByteArray &bytes)
     return true;
 }
 
+// Jobs that pack count in halves or thirds, each of work that has a speed of its own.
+int stageOf(double done, double total)
+{
+    const double share = total > 0 ? done / total : 0;
+    return share < 1.0 / 3 ? 0 : share < 1.0 / 2 ? 1 : share < 2.0 / 3 ? 2 : 3;
+}
+
 int columns(int fd)
 {
     winsize size = {};
@@ -135,7 +142,9 @@ void CVTerminal::showProgress(double done, double total, Unit unit)
         return;
     const std::lock_guard lock(m_mutex);
     const auto now = Clock::now();
-    if (done < m_lastDone) { // another pass or another archive
+    const int stage = unit == Unit::Share ? stageOf(done, total) : 0;
+    if (done < m_lastDone || stage != m_stage) { // another pass, another archive, another kind of work
+        m_stage = stage;
         m_rate = 0;
         m_rateSince = now;
         m_rateDone = done;

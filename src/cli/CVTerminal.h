@@ -92,6 +92,7 @@ private:
     Clock::time_point m_titleSince{};
     Clock::time_point m_lastDrawn{};
     double m_lastDone = 0;
+    int m_stage = 0;
     double m_rate = 0; ///< bytes a second, smoothed
     Clock::time_point m_rateSince{};
     double m_rateDone = 0;
