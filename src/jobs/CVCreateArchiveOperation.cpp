@@ -364,6 +364,8 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::judge(const CVArchive &
     if (!archive.failureReason().isEmpty())
         suggestion += (suggestion.isEmpty() ? QString() : u" "_s) +
                       LXDisplay::displayEscaped(archive.failureReason().simplified()); // tools speak in lines
+    if (suggestion.isEmpty() && status == CVArchive::Unsupported)
+        suggestion = tr("Archives of this format can't be created here.");
     return creationError(suggestion);
 }
 

@@ -271,6 +271,10 @@ void TestCreateOperation::refusals_data()
         "volumes that tar cannot write",
         [](CreateJob &job, const QString &) { job.data->setChunkSize(1000); }, "failed", "volumes");
     row(
+        "a format that cannot be written",
+        [](CreateJob &job, const QString &) { job.data->setArchiveType(u"deb"_s); }, "failed",
+        "Error creating archive");
+    row(
         "over its own input",
         [](CreateJob &job, const QString &root) {
             writeFile(root + u"/out/Archive.tar"_s, "precious");
