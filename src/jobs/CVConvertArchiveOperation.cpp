@@ -224,7 +224,8 @@ bool CVConvertArchiveOperation::makesVolumes() const
 CVConvertArchiveOperation::End CVConvertArchiveOperation::convert()
 {
     const CVConvertOperationDataBinding &data = *m_convertOperationData;
-    const auto converter = std::make_shared<CVArchiveConverter>(static_cast<CVArchiveConverterDelegate &>(*this));
+    const auto converter =
+        std::make_shared<CVArchiveConverter>(static_cast<CVArchiveConverterDelegate &>(*this));
     if (userWantsPassword())
         converter->password = data.password();
     if (data.canSetCompressionLevel())
