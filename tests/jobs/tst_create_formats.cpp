@@ -8,6 +8,7 @@
 #include "util/LXMainThread.h"
 #include "util/LXRemoveTree.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QTemporaryDir>
 #include <QTest>
@@ -221,8 +222,9 @@ void TestCreateFormats::agrees_data()
         for (const int level : format.levels) {
 #ifdef CORVANE_SLOW_ROWS
             // What 4 GiB of holes cost at the other levels is the compressor's time and nothing else.
-            if (level != (format.levels.size() > 1 ? 1 : 5))
-                continue;
+            if (level != (format.levels.size() > 1 ? 1 : 5) || format.extension[1] == 'g' ||
+                format.extension[1] == 'b')
+                continue; // tgz and tbz are other names for tar.gz and tar.bz2
             constexpr double volume = 1'000'000;
 #else
             constexpr double volume = 100'000;
@@ -338,5 +340,14 @@ void TestCreateFormats::agrees()
     }
 }
 
-QTEST_GUILESS_MAIN(TestCreateFormats)
+int main(int argc, char **argv)
+{
+    // A row with 4 GiB may take longer than the five minutes that a test function has; ctest has a limit,
+    // too.
+    qputenv("QTEST_FUNCTION_TIMEOUT", "3600000");
+    QCoreApplication application(argc, argv);
+    TestCreateFormats test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_create_formats.moc"
