@@ -14,7 +14,8 @@ struct LXTaskHelper::Link
     std::mutex mutex;
     std::shared_ptr<LXTaskDelegate> delegate; ///< null once completed or released
     std::weak_ptr<LXTask> task;
-    QByteArray cut; ///< the beginning of a character whose end has not come yet
+    QByteArray cut;          ///< the beginning of a character whose end has not come yet
+    QByteArrayList arriving; ///< not yet seen by the main thread
 
     std::shared_ptr<LXTaskDelegate> receiver()
     {
@@ -26,6 +27,7 @@ struct LXTaskHelper::Link
         const std::lock_guard lock(mutex);
         return std::move(delegate);
     }
+    void arrived(const std::shared_ptr<Link> &self, const QByteArray &chunk);
     void output(const QByteArray &chunk);
     void completed(int status);
 };
@@ -46,6 +48,26 @@ qsizetype unfinishedTail(const QByteArray &bytes)
 }
 
 } // namespace
+
+/// A tool that writes line by line must not cost a hop to the main thread for every line.
+void LXTaskHelper::Link::arrived(const std::shared_ptr<Link> &self, const QByteArray &chunk)
+{
+    {
+        const std::lock_guard lock(mutex);
+        arriving.append(chunk);
+        if (arriving.size() > 1)
+            return; // the call is on its way
+    }
+    LXMainThread::post([self] {
+        QByteArrayList chunks;
+        {
+            const std::lock_guard lock(self->mutex);
+            chunks.swap(self->arriving);
+        }
+        for (const QByteArray &piece : chunks)
+            self->output(piece);
+    });
+}
 
 void LXTaskHelper::Link::output(const QByteArray &chunk)
 {
@@ -92,8 +114,7 @@ void LXTaskHelper::launchTask()
     m_task->environment.insert(QStringLiteral("NSUnbufferedIO"), QStringLiteral("YES"));
     const std::shared_ptr<Link> link = m_link;
     m_task->launch({
-        .output =
-            [link](const QByteArray &chunk) { LXMainThread::post([link, chunk] { link->output(chunk); }); },
+        .output = [link](const QByteArray &chunk) { link->arrived(link, chunk); },
         .completed = [link](int status) { LXMainThread::post([link, status] { link->completed(status); }); },
     });
 }
