@@ -116,9 +116,9 @@ std::optional<QString> CVPackOptions::problem() const
     if (volumeBytes && *volumeBytes < smallestVolume)
         return u"volumes of %1 would be little more than their own overhead: “--volume” takes %2 or more"_s
             .arg(bytesText(*volumeBytes), bytesText(smallestVolume));
-    if ((images || audio) && !archive->canManipulateMultimedia())
-        return u"only the format %1 converts media: leave “%2” out"_s.arg(ownFormat, images ? u"--images"_s
-                                                                                            : u"--audio"_s);
+    if ((images.value_or(0) != 0 || audio.value_or(0) != 0) && !archive->canManipulateMultimedia())
+        return u"only the format %1 converts media: leave “%2” out"_s.arg(
+            ownFormat, images.value_or(0) != 0 ? u"--images"_s : u"--audio"_s);
     if (name) {
         if (const auto problem = nameProblem(*name))
             return problem;

@@ -133,10 +133,10 @@ void CVTerminalDelegate::operationNeedsToShowError(CVOperation *, const LXError 
 void CVTerminalDelegate::operationSkippedEntries(CVOperation *, const QString &archivePath,
                                                  const std::vector<CVSkippedEntry> &entries)
 {
-    m_terminal.message(
-        (entries.size() == 1 ? u"one entry of “%1” was left out:"_s : u"%2 entries of “%1” were left out:"_s)
-            .arg(LXDisplay::displayName(archivePath))
-            .replace(u"%2"_s, QString::number(entries.size())));
+    const QString archive = LXDisplay::displayName(archivePath);
+    m_terminal.message(entries.size() == 1 ? u"one entry of “%1” was left out:"_s.arg(archive)
+                                           : u"%1 entries of “%2” were left out:"_s.arg(
+                                                 QString::number(entries.size()), archive));
     for (std::size_t i = 0; i < std::min(entries.size(), skippedShown); ++i)
         m_terminal.detail(u"%1: %2"_s.arg(entries[i].name, entries[i].reason));
     if (entries.size() > skippedShown)

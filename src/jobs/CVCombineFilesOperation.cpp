@@ -120,12 +120,13 @@ void CVCombineFilesOperation::main()
         return endAsCancelled();
     m_combiner.setFiles(files);
 
-    const auto folders = CVJobFolders::choose(*this, u"Combine"_s, first, files);
-    if (!folders)
-        return endAsFailed(folders.error());
-    if (!folders.value() || isCancelled())
+    const auto chosen = CVJobFolders::choose(*this, u"Combine"_s, first, files);
+    if (!chosen)
+        return endAsFailed(chosen.error());
+    const auto &folders = chosen.value().folders;
+    if (!folders || isCancelled())
         return endAsCancelled();
-    combineInWorkDirectory(*folders.value());
+    combineInWorkDirectory(*folders);
 }
 
 void CVCombineFilesOperation::combineInWorkDirectory(const CVJobFolders &folders)

@@ -3,18 +3,14 @@
 #include "archives/archive_string.h"
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationHelper.h"
-#include "engine/model/CVWorkDirectoryManager.h"
 #include "jobs/CVArchiveDelivery.h"
 #include "jobs/CVExtractArchivesOperation.h"
+#include "jobs/CVJobFolders.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
-#include "util/LXLog.h"
-#include "util/LXPendingAnswer.h"
-#include "util/LXRemoveTree.h"
 
 #include <QCoreApplication>
 
-#include <cerrno>
 #include <utility>
 
 #include <sys/stat.h>
@@ -22,8 +18,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-Q_LOGGING_CATEGORY(lcConvert, "corvane.jobs.convert")
 
 QString tr(const char *text)
 {
@@ -80,9 +74,7 @@ void CVConvertArchiveOperation::main()
         this,
         tr("Converting “%1” to “%2”").arg(LXDisplay::displayName(m_source), LXDisplay::displayEscaped(name)));
     delegate()->operationProgressIconForFilename(this, name, false);
-    if (!passwordFits() || !chooseFolders())
-        return;
-    if (!waitForAccess() || !mayWriteDestination())
+    if (!passwordFits() || !chooseFolders() || !mayWriteDestination())
         return;
     while (convert() == End::Again) {
     }
@@ -126,53 +118,21 @@ bool CVConvertArchiveOperation::passwordFits()
 
 bool CVConvertArchiveOperation::chooseFolders()
 {
-    const auto folders =
-        CVOperationHelper::setupOutputDirectoryForOperation({.operation = u"Create"_s,
-                                                             .inputFile = m_source,
-                                                             .fileAuthenticator = fileAuthenticator(),
-                                                             .stop = stopToken()});
-    if (!folders) {
-        endAsFailed(folders.error());
+    const auto chosen = CVJobFolders::choose(*this, u"Create"_s, m_source);
+    if (!chosen) {
+        endAsFailed(chosen.error());
         return false;
     }
-    if (!folders.value()) {
+    m_folders = chosen.value().folders;
+    if (!m_folders) {
         endAsCancelled();
         return false;
     }
-    m_outputDirectory = folders.value()->outputDirectory;
-    m_workDir = folders.value()->workDirectory;
-    CVWorkDirectoryManager::registerWorkDir(m_workDir);
+    m_workDir = m_folders->workDirectory();
+    m_outputDirectory = m_folders->outputDirectory();
     const auto separator = m_outputDirectory.endsWith(u'/') ? QLatin1StringView() : "/"_L1;
     m_destinationPath = m_outputDirectory + separator + m_convertOperationData->outputArchiveName();
     return true;
-}
-
-bool CVConvertArchiveOperation::waitForAccess()
-{
-    struct Answer
-    {
-        bool granted;
-        QString path;
-    };
-    const auto pending = std::make_shared<LXPendingAnswer<Answer>>();
-    runAuthorizedHandlerToDestination(m_workDir, {m_workDir}, [pending](bool granted, const QString &path) {
-        pending->give({granted, path});
-    });
-    const auto answer = pending->wait(stopToken());
-    if (!answer || !answer->granted) {
-        endAsCancelled();
-        return false;
-    }
-    m_authorized = answer->path;
-    startSecurelyAccessing(m_authorized);
-    return true;
-}
-
-void CVConvertArchiveOperation::deauthorize()
-{
-    if (!m_authorized.isEmpty())
-        stopSecurelyAccessing(m_authorized);
-    m_authorized.clear();
 }
 
 // By the folder and the name, not by the file: to replace another name of the same file does the archive no
@@ -279,10 +239,9 @@ void CVConvertArchiveOperation::deliver()
 void CVConvertArchiveOperation::completed(const QString &path)
 {
     const auto &skipped = m_archiveConverter->skippedEntries();
-    cleanUp();
+    m_folders.reset();
     if (!skipped.empty())
         delegate()->operationSkippedEntries(this, m_source, skipped);
-    deauthorize();
     if (!endOnce())
         return;
     if (makesVolumes())
@@ -319,32 +278,16 @@ LXError CVConvertArchiveOperation::errorForStatus() const
     return error;
 }
 
-void CVConvertArchiveOperation::cleanUp()
-{
-    if (m_workDir.isEmpty())
-        return;
-    const QString folder = std::exchange(m_workDir, QString());
-    if (const auto removed = removeTree(folder); !removed && removed.error().code != ENOENT) {
-        // It stays on the list of what has to be removed some day.
-        LX_WARNING(lcConvert, "error removing %s: %s", qUtf8Printable(folder),
-                   qUtf8Printable(removed.error().reason));
-        return;
-    }
-    CVWorkDirectoryManager::removeWorkDir(folder);
-}
-
 void CVConvertArchiveOperation::endAsCancelled()
 {
-    cleanUp();
-    deauthorize();
+    m_folders.reset();
     if (endOnce())
         delegate()->operationWasCancelled(this);
 }
 
 void CVConvertArchiveOperation::endAsFailed(const LXError &error)
 {
-    cleanUp();
-    deauthorize();
+    m_folders.reset();
     if (endOnce())
         delegate()->operationFailedWithError(this, error);
 }

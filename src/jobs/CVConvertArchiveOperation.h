@@ -38,7 +38,6 @@ private:
     bool userWantsPassword() const;
     bool passwordFits();
     bool chooseFolders();
-    bool waitForAccess();
     bool mayWriteDestination();
     bool mayReplace(const QString &path);
     bool belongsToSource(const QString &path) const;
@@ -48,8 +47,6 @@ private:
     void completed(const QString &path);
     void failed(std::int32_t status);
     LXError errorForStatus() const;
-    void cleanUp();
-    void deauthorize();
     void endAsCancelled();
     void endAsFailed(const LXError &error);
 
@@ -69,7 +66,7 @@ private:
     QString m_outputDirectory;
     QString m_destinationPath;
     QString m_workDir;
-    QString m_authorized;
+    std::shared_ptr<class CVJobFolders> m_folders;
     std::int32_t m_status = 0; ///< how the last conversion ended
     bool m_usingCorvaneZipCompression = false;
     bool m_passwordInvalid = false; ///< the last one was refused

@@ -4,22 +4,19 @@
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVSettings.h"
-#include "engine/model/CVWorkDirectoryManager.h"
 #include "jobs/CVArchiveDelivery.h"
+#include "jobs/CVJobFolders.h"
 #include "jobs/CVPackingTree.h"
 #include "jobs/media/CVMediaWalk.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXMainThread.h"
-#include "util/LXPendingAnswer.h"
-#include "util/LXRemoveTree.h"
 
 #include <QCoreApplication>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -87,8 +84,6 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::run()
         return ended;
     if (auto ended = chooseFolders())
         return ended;
-    if (auto ended = authorize())
-        return ended;
     if (auto ended = askAboutItemsInTheWay(tree))
         return ended;
     if (auto ended = fill(tree))
@@ -107,11 +102,9 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::run()
 
 void CVCreateArchiveOperation::end(const Step &how)
 {
-    cleanUp();
+    m_folders.reset();
     m_data->setArchive(nullptr);
     m_data->setChunkSize(0);
-    if (!m_authorized.isEmpty())
-        stopSecurelyAccessing(std::exchange(m_authorized, QString()));
     if (!endOnce())
         return;
     if (!how && m_deliveredVolumes)
@@ -182,7 +175,13 @@ bool CVCreateArchiveOperation::userWantsPassword() const
 
 CVCreateArchiveOperation::Step CVCreateArchiveOperation::checkPasswords() const
 {
-    if (!userWantsPassword() || m_data->password() == m_data->passwordConfirmation())
+    if (!userWantsPassword())
+        return std::nullopt;
+    // Who asked for encryption must not get an archive without it.
+    if (m_data->password().isEmpty() && m_data->passwordConfirmation().isEmpty() &&
+        !m_usingCorvaneZipCompression)
+        return PasswordMismatch{CVOperationHelper::errorWithMessage(m_data->passwordMessage(), {})};
+    if (m_data->password() == m_data->passwordConfirmation())
         return std::nullopt;
     return PasswordMismatch{CVOperationHelper::errorWithMessage(tr("The passwords don't match."),
                                                                 tr("Please enter your password again."))};
@@ -190,43 +189,20 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::checkPasswords() const
 
 CVCreateArchiveOperation::Step CVCreateArchiveOperation::chooseFolders()
 {
-    const auto folders =
-        CVOperationHelper::setupOutputDirectoryForOperation({.operation = u"Create"_s,
-                                                             .inputFile = m_inputFile,
-                                                             .fileAuthenticator = fileAuthenticator(),
-                                                             .stop = stopToken()});
-    if (!folders)
-        return folders.error();
-    if (!folders.value())
-        return Cancelled{};
-    m_destinationPath = folders.value()->outputDirectory;
-    m_workDir = folders.value()->workDirectory;
-    CVWorkDirectoryManager::registerWorkDir(m_workDir);
-    // Files from folders that are closed to others must not become open to them on their way.
-    ::chmod(bytesOfFileName(m_workDir).constData(), 0700);
-    return std::nullopt;
-}
-
-CVCreateArchiveOperation::Step CVCreateArchiveOperation::authorize()
-{
-    struct Answer
-    {
-        bool granted;
-        QString path;
-    };
-    const auto pending = std::make_shared<LXPendingAnswer<Answer>>();
-    runAuthorizedHandlerToDestination(m_workDir, {m_workDir}, [pending](bool granted, const QString &path) {
-        pending->give({granted, path});
-    });
-    const auto answer = pending->wait(stopToken());
-    if (!answer)
-        return Cancelled{};
-    if (!answer->granted) {
+    const auto chosen = CVJobFolders::choose(*this, u"Create"_s, m_inputFile);
+    if (!chosen)
+        return chosen.error();
+    if (chosen.value().wasRefused) {
         const QString text = tr("Corvane unauthorized");
         return LXError{.domain = text, .code = 1, .description = text, .reason = {}, .suggestion = {}};
     }
-    m_authorized = answer->path;
-    startSecurelyAccessing(m_authorized);
+    m_folders = chosen.value().folders;
+    if (!m_folders)
+        return Cancelled{};
+    m_destinationPath = m_folders->outputDirectory();
+    m_workDir = m_folders->workDirectory();
+    // Files from folders that are closed to others must not become open to them on their way.
+    ::chmod(bytesOfFileName(m_workDir).constData(), 0700);
     return std::nullopt;
 }
 
@@ -333,8 +309,7 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::pack()
 {
     auto archive = CVArchive::archiveForCreating(destination());
     m_data->setArchive(archive);
-    if (archive->canEncrypt() && userWantsPassword() && !m_usingCorvaneZipCompression &&
-        !m_data->password().isEmpty())
+    if (archive->canEncrypt() && userWantsPassword() && !m_usingCorvaneZipCompression)
         archive->encryptWith(m_data->password());
     if (archive->canSetCompressionLevel())
         archive->compressionLevel = m_data->compressionLevel();
@@ -432,19 +407,6 @@ void CVCreateArchiveOperation::tellWhatIsMissing(const CVPackingTree &tree)
         names);
     error.suggestion = tr("Close the programs that write to them, and create the archive again.");
     delegate()->operationNeedsToShowError(this, error);
-}
-
-void CVCreateArchiveOperation::cleanUp()
-{
-    if (m_workDir.isEmpty())
-        return;
-    const QString folder = std::exchange(m_workDir, QString());
-    if (const auto removed = removeTree(folder); !removed && removed.error().code != ENOENT) {
-        // It stays on the list of what has to be removed some day.
-        LX_WARNING(lcCreate, "failed to remove work folder: %s", qUtf8Printable(removed.error().reason));
-        return;
-    }
-    CVWorkDirectoryManager::removeWorkDir(folder);
 }
 
 void CVCreateArchiveOperation::takeOutcome(std::int32_t status)

@@ -53,7 +53,6 @@ private:
     Step run();
     Step prepare(CVPackingTree &tree);
     Step chooseFolders();
-    Step authorize();
     Step askAboutItemsInTheWay(CVPackingTree &tree);
     Step fill(CVPackingTree &tree);
     Step makeMediaSmaller();
@@ -71,7 +70,6 @@ private:
     QString wordAboutDisk(int systemError) const;
     QString destination() const;
     void end(const Step &how);
-    void cleanUp();
 
     void archiveFinished(CVArchive *archive) override;
     void archiveFailed(CVArchive *archive, std::int32_t status) override;
@@ -91,7 +89,7 @@ private:
     QString m_fileName;
     QString m_destinationPath;
     QString m_workDir;
-    QString m_authorized;
+    std::shared_ptr<class CVJobFolders> m_folders;
     QString m_delivered;
     bool m_deliveredVolumes = false;
     bool m_mayReplace = false;

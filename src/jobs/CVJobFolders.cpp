@@ -20,9 +20,8 @@ Q_LOGGING_CATEGORY(lcFolders, "corvane.jobs.folders", QtInfoMsg)
 
 } // namespace
 
-LXResult<std::shared_ptr<CVJobFolders>> CVJobFolders::choose(CVOperation &operation, const QString &kindOfJob,
-                                                             const QString &inputFile,
-                                                             const QStringList &alsoRead)
+LXResult<CVJobFolders::Choice> CVJobFolders::choose(CVOperation &operation, const QString &kindOfJob,
+                                                    const QString &inputFile, const QStringList &alsoRead)
 {
     const auto made = CVOperationHelper::setupOutputDirectoryForOperation(
         {.operation = kindOfJob,
@@ -32,7 +31,7 @@ LXResult<std::shared_ptr<CVJobFolders>> CVJobFolders::choose(CVOperation &operat
     if (!made)
         return made.error();
     if (!made.value())
-        return std::shared_ptr<CVJobFolders>();
+        return Choice{};
     const std::shared_ptr<CVJobFolders> folders(new CVJobFolders(operation));
     folders->m_outputDirectory = made.value()->outputDirectory;
     folders->m_workDirectory = made.value()->workDirectory;
@@ -51,10 +50,10 @@ LXResult<std::shared_ptr<CVJobFolders>> CVJobFolders::choose(CVOperation &operat
                                                 });
     const auto answer = pending->wait(operation.stopToken());
     if (!answer || !answer->granted)
-        return std::shared_ptr<CVJobFolders>();
+        return Choice{.folders = nullptr, .wasRefused = answer.has_value()};
     folders->m_authorized = answer->path;
     operation.startSecurelyAccessing(answer->path);
-    return folders;
+    return Choice{.folders = folders};
 }
 
 CVJobFolders::~CVJobFolders()

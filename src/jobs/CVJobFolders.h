@@ -16,12 +16,15 @@ class CVOperation;
 class CVJobFolders
 {
 public:
+    struct Choice
+    {
+        std::shared_ptr<CVJobFolders> folders; ///< null: the person wants none, or access was refused
+        bool wasRefused = false;
+    };
     /// Chooses the folders by the settings, for a job on `inputFile`, and asks for access to the work
-    /// directory and to `alsoRead`. Null when the person cancelled or refused; an error when the directory
-    /// could not be made.
-    static LXResult<std::shared_ptr<CVJobFolders>> choose(CVOperation &operation, const QString &kindOfJob,
-                                                          const QString &inputFile,
-                                                          const QStringList &alsoRead = {});
+    /// directory and to `alsoRead`. An error when the directory could not be made.
+    static LXResult<Choice> choose(CVOperation &operation, const QString &kindOfJob, const QString &inputFile,
+                                   const QStringList &alsoRead = {});
     ~CVJobFolders();
     CVJobFolders(const CVJobFolders &) = delete;
     CVJobFolders &operator=(const CVJobFolders &) = delete;

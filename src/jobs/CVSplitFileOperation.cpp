@@ -127,13 +127,14 @@ void CVSplitFileOperation::main()
     delegate()->operationWorkingOnJob(this, tr("Splitting “%1”").arg(LXDisplay::displayName(input)));
     delegate()->operationProgressIconForFilename(this, input, true);
 
-    const auto folders = CVJobFolders::choose(*this, u"Split"_s, input);
-    if (!folders)
-        return endAsFailed(folders.error());
-    if (!folders.value() || isCancelled())
+    const auto chosen = CVJobFolders::choose(*this, u"Split"_s, input);
+    if (!chosen)
+        return endAsFailed(chosen.error());
+    const auto &folders = chosen.value().folders;
+    if (!folders || isCancelled())
         return endAsCancelled();
     splitter.setDelegate(this);
-    splitInto(*folders.value());
+    splitInto(*folders);
     splitter.setDelegate(nullptr);
 }
 

@@ -296,6 +296,13 @@ void TestCreateOperation::refusals_data()
             job.data->setPasswordConfirmation(u"other"_s);
         },
         "mismatch", "passwords don't match");
+    row(
+        "encryption without a password",
+        [](CreateJob &job, const QString &) {
+            CVSettings::setValue(CVSettingsKey::shouldEncrypt, true);
+            job.data->setArchiveType(u"7z"_s);
+        },
+        "mismatch", "Please enter a password");
 }
 
 void TestCreateOperation::refusals()
