@@ -2,6 +2,7 @@
 
 #include "archives/archive_string.h"
 #include "split/split_exceptions.h"
+#include "util/LXFileName.h"
 
 #include <QRegularExpression>
 
@@ -58,7 +59,7 @@ quint64 partNumber(QStringView code)
 QString partCodeOfPath(const QString &path)
 {
     static const QRegularExpression pattern(u"\\.([a-z]+)\\.z?split$"_s);
-    return pattern.match(path).captured(1);
+    return pattern.match(matchableFileName(path)).captured(1);
 }
 
 QString splitSetName(const QString &path)
@@ -74,11 +75,12 @@ QStringList partsOfSplitSet(const QStringList &paths, const QString &name)
 {
     // The name is a name: with its signs taken for a pattern, a set called "a (1)" would not find itself,
     // and one called "a.b" would take in the parts of "a-b".
-    const QRegularExpression pattern(
-        QRegularExpression::anchoredPattern(QRegularExpression::escape(name) + u"\\.[a-z]+\\.z?split"_s));
+    static const QRegularExpression ending(QRegularExpression::anchoredPattern(u"\\.[a-z]+\\.z?split"_s));
     QStringList parts;
-    std::ranges::copy_if(paths, std::back_inserter(parts),
-                         [&](const QString &path) { return pattern.match(lastComponent(path)).hasMatch(); });
+    std::ranges::copy_if(paths, std::back_inserter(parts), [&](const QString &path) {
+        const QString last = lastComponent(path);
+        return last.startsWith(name) && ending.match(last.mid(name.size())).hasMatch();
+    });
     return parts;
 }
 
