@@ -86,7 +86,6 @@ struct LXBzip2Encoder::Private
     Read read;
     std::size_t pieceBytes = 0;
     std::size_t window = 0;
-    std::uint64_t bytesRead = 0;
     bool inputEnded = false;
     bool ended = false;
     std::uint32_t checksum = 0;
@@ -131,7 +130,6 @@ void LXBzip2Encoder::Private::readAhead()
         inputEnded = got < pieceBytes;
         if (got == 0)
             return;
-        bytesRead += got;
         piece->input.resize(got);
         {
             const std::lock_guard lock(mutex);
@@ -186,11 +184,6 @@ LXBzip2Encoder::~LXBzip2Encoder()
     }
     d->changed.notify_all();
     d->workers.clear();
-}
-
-std::uint64_t LXBzip2Encoder::bytesRead() const
-{
-    return d->bytesRead;
 }
 
 std::string LXBzip2Encoder::next()

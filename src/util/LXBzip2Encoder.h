@@ -43,9 +43,6 @@ public:
     /// end of the stream; then nothing, again and again. Throws LXBzip2Error.
     std::string next();
 
-    /// Compressed bytes come in pieces of the input, one for one.
-    std::uint64_t bytesRead() const;
-
 private:
     struct Private;
     std::unique_ptr<Private> d;
