@@ -285,16 +285,16 @@ LXResult<void> CVFileCombiner::concatenateFiles(const QStringList &parts, const 
 
 LXResult<void> CVFileCombiner::joinRaw(const QStringList &parts, int output)
 {
-    BlockCopier copier;
     for (const QString &part : parts) {
         const LXFileDescriptor input = openForReading(part);
         if (!input.isOpen())
             return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” could not be read."),
                                 part);
+        BlockCopier copier(input.get());
         const quint64 size = fileSize(part).value_or(0);
         for (quint64 done = 0; done < size && !m_isCancelled;) {
             const quint64 wanted = std::min<quint64>(blockBytes, size - done);
-            if (copier.copy(input.get(), output, wanted) != wanted)
+            if (copier.copy(done, output, m_bytesWritten, wanted) != wanted)
                 return combineError(
                     QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” became shorter while it was read."),
                     part);

@@ -150,7 +150,7 @@ void CVFileSplitter::actualSplit()
 
 void CVFileSplitter::copyRaw(int input, quint64 chunkBytes)
 {
-    BlockCopier copier;
+    BlockCopier copier(input);
     quint64 inPart = 0;
     while (!m_isCancelled) {
         if (!m_outputFile.isOpen()) {
@@ -160,7 +160,7 @@ void CVFileSplitter::copyRaw(int input, quint64 chunkBytes)
             inPart = 0;
         }
         const quint64 wanted = std::min({blockBytes, chunkBytes - inPart, m_totalBytes - m_bytesWritten});
-        const quint64 copied = copier.copy(input, m_outputFile.get(), wanted);
+        const quint64 copied = copier.copy(m_bytesWritten, m_outputFile.get(), inPart, wanted);
         inPart += copied;
         tellProgress(copied);
         if (copied < wanted)

@@ -3,14 +3,28 @@
 #include "split/split_exceptions.h"
 
 #include <algorithm>
+#include <limits>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 // Faster than larger ones, which fall out of the processor's cache.
 constexpr std::size_t bufferBytes = 256 * 1024;
+
+void writeAllAt(int file, const char *data, std::size_t size, off_t at)
+{
+    while (size > 0) {
+        const ssize_t written = ::pwrite(file, data, size, at);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            throw LXFileHandleException();
+        data += written;
+        at += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
 
 } // namespace
 
@@ -27,36 +41,56 @@ void writeAll(int file, const char *data, std::size_t size)
     }
 }
 
-/// Both positions are behind it afterwards.
-bool BlockCopier::skipHole(int from, int to, std::uint64_t size)
+void BlockCopier::findExtent(std::uint64_t at)
 {
-    const auto wanted = static_cast<off_t>(size);
-    const off_t at = ::lseek(from, 0, SEEK_CUR);
-    if (at < 0)
-        return false;
-    if (at + wanted > m_dataFrom) {
-        off_t data = ::lseek(from, at, SEEK_DATA);
-        if (data < 0 && errno == ENXIO) // a hole up to the end
-            data = ::lseek(from, 0, SEEK_END);
-        m_dataFrom = data;
-        ::lseek(from, at, SEEK_SET);
+    const auto from = static_cast<off_t>(at);
+    m_extentStart = at;
+    m_extentIsHole = false;
+    m_extentEnd = std::numeric_limits<std::uint64_t>::max(); // where the file system knows of no holes
+    off_t data = ::lseek(m_from, from, SEEK_DATA);
+    if (data < 0 && errno == ENXIO) { // no more data: a hole, or the end
+        data = ::lseek(m_from, 0, SEEK_END);
+        if (data < from)
+            return;
     }
-    if (at + wanted > m_dataFrom)
-        return false;
-    const off_t target = ::lseek(to, wanted, SEEK_CUR);
-    if (target < 0 || ::ftruncate(to, target) != 0)
-        throw LXFileHandleException();
-    ::lseek(from, at + wanted, SEEK_SET);
-    return true;
+    if (data > from) {
+        m_extentIsHole = true;
+        m_extentEnd = static_cast<std::uint64_t>(data);
+    } else if (const off_t hole = ::lseek(m_from, from, SEEK_HOLE); data == from && hole > from) {
+        m_extentEnd = static_cast<std::uint64_t>(hole);
+    }
 }
 
-std::uint64_t BlockCopier::copy(int from, int to, std::uint64_t size)
+std::uint64_t BlockCopier::copy(std::uint64_t at, int to, std::uint64_t target, std::uint64_t size)
 {
-    if (size > 0 && skipHole(from, to, size))
-        return size;
+    std::uint64_t done = 0;
+    bool endsInHole = false;
+    while (done < size) {
+        if (at + done < m_extentStart || at + done >= m_extentEnd)
+            findExtent(at + done);
+        const std::uint64_t wanted = std::min(size - done, m_extentEnd - (at + done));
+        endsInHole = m_extentIsHole;
+        if (!m_extentIsHole) {
+            const std::uint64_t copied = copyData(at + done, to, target + done, wanted);
+            if (copied == 0)
+                return done;
+            done += copied;
+        } else {
+            done += wanted;
+        }
+    }
+    if (endsInHole && ::ftruncate(to, static_cast<off_t>(target + size)) != 0)
+        throw LXFileHandleException();
+    return done;
+}
+
+std::uint64_t BlockCopier::copyData(std::uint64_t at, int to, std::uint64_t target, std::uint64_t size)
+{
     std::uint64_t done = 0;
     while (done < size && m_byKernel) {
-        const ssize_t count = ::copy_file_range(from, nullptr, to, nullptr, size - done, 0);
+        auto from = static_cast<off_t>(at + done);
+        auto into = static_cast<off_t>(target + done);
+        const ssize_t count = ::copy_file_range(m_from, &from, to, &into, size - done, 0);
         if (count == 0)
             break; // the end, or a file system that only says so: reading tells
         if (count > 0)
@@ -70,15 +104,16 @@ std::uint64_t BlockCopier::copy(int from, int to, std::uint64_t size)
         m_buffer.resize(bufferBytes);
     while (done < size) {
         const ssize_t count =
-            ::read(from, m_buffer.data(),
-                   static_cast<std::size_t>(std::min<std::uint64_t>(bufferBytes, size - done)));
+            ::pread(m_from, m_buffer.data(),
+                    static_cast<std::size_t>(std::min<std::uint64_t>(bufferBytes, size - done)),
+                    static_cast<off_t>(at + done));
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
             throw LXFileHandleException();
         if (count == 0)
             break;
-        writeAll(to, m_buffer.data(), static_cast<std::size_t>(count));
+        writeAllAt(to, m_buffer.data(), static_cast<std::size_t>(count), static_cast<off_t>(target + done));
         done += static_cast<std::uint64_t>(count);
     }
     return done;

@@ -7,20 +7,30 @@
 /// Writes all of it at the descriptor's position. Raises LXFileHandleException.
 void writeAll(int file, const char *data, std::size_t size);
 
-/// Moves bytes from the position of one file to that of another: by the kernel where it can, which shares
-/// the data on file systems that know how; else through a buffer. What is a hole in the former, as
-/// far as a whole block goes, becomes one in the latter, which has to be new.
-/// Thread: one. For files of one pair of file systems, because it remembers what did not work.
+/// Takes ranges out of one file: the kernel moves them where it can, which shares the data on file systems
+/// that know how; else they go through a buffer. What is a hole there becomes one where it goes to, which has
+/// to be new from `target` on. The descriptors' positions mean nothing.
+/// Thread: one an object; several may read one descriptor.
 class BlockCopier
 {
 public:
-    /// The number of bytes copied: fewer only where `from` ends. Raises LXFileHandleException.
-    std::uint64_t copy(int from, int to, std::uint64_t size);
+    /// Borrowed.
+    explicit BlockCopier(int from)
+        : m_from(from)
+    {}
+
+    /// The number of bytes copied: fewer only where the file ends. Raises LXFileHandleException.
+    std::uint64_t copy(std::uint64_t at, int to, std::uint64_t target, std::uint64_t size);
 
 private:
-    bool skipHole(int from, int to, std::uint64_t size);
+    void findExtent(std::uint64_t at);
+    std::uint64_t copyData(std::uint64_t at, int to, std::uint64_t target, std::uint64_t size);
 
+    int m_from;
     bool m_byKernel = true;
-    std::int64_t m_dataFrom = -1; ///< known hole up to here
+    // What is known of the file: one stretch, all data or all hole.
+    std::uint64_t m_extentStart = 0;
+    std::uint64_t m_extentEnd = 0;
+    bool m_extentIsHole = false;
     std::vector<char> m_buffer;
 };

@@ -154,7 +154,8 @@ private Q_SLOTS:
     void thereAndBack();
     void oddNames_data();
     void oddNames();
-    void holesStayHoles();
+    void dataAndHoles_data();
+    void dataAndHoles();
     void randomDamage_data();
     void randomDamage();
     void refusedSets_data();
@@ -323,25 +324,58 @@ void TestSplit::oddNames()
     QCOMPARE(back.data, data);
 }
 
-void TestSplit::holesStayHoles()
+void TestSplit::dataAndHoles_data()
 {
+    QTest::addColumn<qint64>("size");
+    QTest::addColumn<QList<qint64>>("islands"); ///< where data of 10,000 bytes begins; none: data everywhere
+    QTest::addColumn<qint64>("part");
+    constexpr qint64 mib = 1 << 20;
+    QTest::newRow("data in parts of several blocks") << 7 * mib + 5 << QList<qint64>() << 5 * mib / 2;
+    QTest::newRow("data first") << 300 * mib << QList<qint64>{0} << 100 * mib;
+    QTest::newRow("nothing but a hole") << 20 * mib << QList<qint64>{20 * mib} << 7 * mib;
+    QTest::newRow("across the cut, odd, and last")
+        << 300 * mib + 77 << QList<qint64>{100 * mib - 5000, 150 * mib + 13, 300 * mib - 9923} << 100 * mib;
+}
+
+void TestSplit::dataAndHoles()
+{
+    QFETCH(qint64, size);
+    QFETCH(QList<qint64>, islands);
+    QFETCH(qint64, part);
+    constexpr qint64 islandBytes = 10'000;
     const QTemporaryDir folder;
-    const QString input = folder.filePath(u"sparse"_s);
-    write(input, "begin");
-    constexpr qint64 size = qint64(300) << 20;
-    QVERIFY(QFile::resize(input, size));
-    struct stat facts;
-    QCOMPARE(::stat(QFile::encodeName(input).constData(), &facts), 0);
-    if (facts.st_blocks * 512 > size / 2)
-        QSKIP("This file system has no holes.");
-    const Set set = split(input, folder.path(), false, false, 100 << 20);
-    QVERIFY(set.result);
-    QCOMPARE(set.parts.size(), 3);
-    for (const QString &part : set.parts) {
-        QCOMPARE(::stat(QFile::encodeName(part).constData(), &facts), 0);
-        QCOMPARE(facts.st_size, off_t(100) << 20);
-        QVERIFY(facts.st_blocks * 512 < 8 << 20);
+    const QString input = folder.filePath(u"in"_s);
+    {
+        QFile file(input);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        const bool isFull = islands.isEmpty();
+        for (const qint64 at : isFull ? QList<qint64>{0} : islands)
+            QVERIFY(file.seek(at) &&
+                    file.write(randomBytes(isFull ? size : std::min(islandBytes, size - at), 1)) >= 0);
+        QVERIFY(file.resize(size));
     }
+    const auto bytesOnDisk = [](const QString &path) -> qint64 {
+        struct stat facts;
+        return ::stat(QFile::encodeName(path).constData(), &facts) == 0 ? facts.st_blocks * 512 : -1;
+    };
+    const Set set = split(input, folder.path(), false, false, static_cast<double>(part));
+    QVERIFY(set.result);
+    QCOMPARE(set.parts.size(), (size + part - 1) / part);
+    qint64 onDisk = 0;
+    for (const QString &path : set.parts)
+        onDisk += bytesOnDisk(path);
+
+    QDir(folder.path()).mkdir(u"out"_s);
+    CVFileCombiner combiner;
+    combiner.setFiles(set.all);
+    combiner.setDestinationPath(folder.filePath(u"out"_s));
+    QVERIFY(combiner.combine());
+    QCOMPARE(QProcess::execute(u"cmp"_s, {input, combiner.combineFileName()}), 0);
+    // A block of the file system at each end of an island.
+    const qint64 most = bytesOnDisk(input) + 65536;
+    QVERIFY2(onDisk <= most, qPrintable(QString::number(onDisk)));
+    QVERIFY2(bytesOnDisk(combiner.combineFileName()) <= most,
+             qPrintable(QString::number(bytesOnDisk(combiner.combineFileName()))));
 }
 
 void TestSplit::randomDamage_data()
