@@ -301,8 +301,7 @@ QString CVCorvaneArchive::previewShellCommand(const QString &tool, const QString
 
 void CVCorvaneArchive::preview()
 {
-    m_isCancelled = false;
-    m_reader.reset();
+    // A cancel that came before this is not forgotten: an archive is listed once.
     m_failureReason.clear();
     switch (listWithTool()) {
     case ToolResult::Done:

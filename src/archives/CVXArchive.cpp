@@ -115,6 +115,8 @@ void CVXArchive::preview()
     }
     if (m_cancelled)
         setCancelledStatus();
+    // Listed archives are kept by the thousand, each with its tree; the open file has done its work.
+    m_xadarchive.reset();
     previewComplete();
 }
 

@@ -5,6 +5,7 @@
 #include "jobs/CVConvertArchiveOperation.h"
 #include "jobs/CVCreateArchiveOperation.h"
 #include "jobs/CVExtractArchivesOperation.h"
+#include "jobs/CVPreviewArchiveContentsOperation.h"
 #include "jobs/CVSplitFileOperation.h"
 #include "jobs/CVTemporaryArchiveExtractOperation.h"
 
@@ -34,6 +35,11 @@ CVOperationFactory::singleFileExtractThenOpenOperationWithArchive(std::shared_pt
     return operation;
 }
 
+std::shared_ptr<CVOperation> CVOperationFactory::previewOperation()
+{
+    return std::make_shared<CVPreviewArchiveContentsOperation>();
+}
+
 std::shared_ptr<CVOperation>
 CVOperationFactory::createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data)
 {
@@ -60,6 +66,11 @@ std::shared_ptr<CVOperation> CVOperationFactory::combineOperation()
 std::shared_ptr<CVOperation> CVOperationFactory::workDirectoryCleanOperation()
 {
     return std::make_shared<CVWorkDirectoryCleanOperation>();
+}
+
+bool CVOperationFactory::operationIsPreviewOperation(const CVOperation *operation)
+{
+    return dynamic_cast<const CVPreviewArchiveContentsOperation *>(operation) != nullptr;
 }
 
 bool CVOperationFactory::operationExtractedSingleFileForOpening(const CVOperation *operation)

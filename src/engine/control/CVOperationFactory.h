@@ -24,6 +24,8 @@ public:
     /// One entry, left in a temporary folder for whoever opens it.
     static std::shared_ptr<CVExtractArchivesOperation>
     singleFileExtractThenOpenOperationWithArchive(std::shared_ptr<CVArchive> archive, const QString &file);
+    /// Lists the archives of its window.
+    static std::shared_ptr<CVOperation> previewOperation();
     /// A new archive of the files of its window.
     static std::shared_ptr<CVOperation>
     createOperationWithDataBinding(std::shared_ptr<CVCreateOperationDataBinding> data);
@@ -34,5 +36,6 @@ public:
     static std::shared_ptr<CVOperation> combineOperation();
     static std::shared_ptr<CVOperation> workDirectoryCleanOperation();
 
+    static bool operationIsPreviewOperation(const CVOperation *operation);
     static bool operationExtractedSingleFileForOpening(const CVOperation *operation);
 };

@@ -1,0 +1,253 @@
+#include "jobs/CVPreviewArchiveContentsOperation.h"
+
+#include "archives/archive_string.h"
+#include "engine/model/CVOperationDelegate.h"
+#include "jobs/CVExtractArchivesOperation.h"
+#include "util/LXDisplay.h"
+#include "util/LXFileName.h"
+#include "util/LXLog.h"
+#include "util/LXPendingAnswer.h"
+
+#include <QCoreApplication>
+
+#include <exception>
+#include <utility>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+Q_LOGGING_CATEGORY(lcPreview, "corvane.jobs.preview")
+
+// A back end tells of every single entry, which may be a million times.
+constexpr std::chrono::milliseconds progressPeriod{40};
+
+QString tr(const char *text)
+{
+    return QCoreApplication::translate("CVPreviewArchiveContentsOperation", text);
+}
+
+} // namespace
+
+CVPreviewArchiveContentsOperation::CVPreviewArchiveContentsOperation()
+    : m_archiveMaker([](const QString &path) { return CVArchive::archiveForPreviewing(path); })
+{}
+
+CVPreviewArchiveContentsOperation::~CVPreviewArchiveContentsOperation() = default;
+
+void CVPreviewArchiveContentsOperation::setArchiveMaker(ArchiveMaker maker)
+{
+    m_archiveMaker = std::move(maker);
+}
+
+QString CVPreviewArchiveContentsOperation::taskDescription() const
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_workingArchives.isEmpty())
+        return {};
+    if (m_workingArchives.size() == 1)
+        return tr("Preview “%1”").arg(LXDisplay::displayName(m_workingArchives.first()));
+    QString text = tr("Preview:");
+    for (const QString &path : m_workingArchives)
+        text += u"\n- "_s + LXDisplay::displayName(path);
+    return text;
+}
+
+void CVPreviewArchiveContentsOperation::main()
+{
+    const QStringList paths = CVExtractArchivesOperation::sourcePathsByFlatteningSourcePaths(
+        delegate()->operationPathsToInputFiles(this));
+    {
+        const std::lock_guard lock(m_mutex);
+        m_workingArchives = paths;
+    }
+    for (const QString &path : paths) {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_passwordInvalid = false;
+        }
+        Listed listed = Listed::Again;
+        while (listed == Listed::Again)
+            listed = list(path);
+        if (listed == Listed::Stop)
+            break;
+    }
+    reportEnd();
+}
+
+void CVPreviewArchiveContentsOperation::cancel()
+{
+    CVOperation::cancel();
+    std::shared_ptr<CVArchive> archive;
+    {
+        const std::lock_guard lock(m_mutex);
+        archive = m_archive;
+    }
+    if (archive)
+        archive->cancelExtract();
+    m_changed.notify_all();
+}
+
+void CVPreviewArchiveContentsOperation::reportEnd()
+{
+    const auto archives = std::exchange(m_archives, {});
+    if (!endOnce())
+        return;
+    // Without a single archive, which nobody asks for, there is nothing to show either.
+    const bool complete = !archives.empty() || !m_corruptArchives.isEmpty();
+    if (isCancelled() || !complete)
+        delegate()->operationCancelledShowingNotification(this, false);
+    else if (m_corruptArchives.isEmpty())
+        delegate()->operationCompletedWithPreviewFiles(this, archives);
+    else
+        delegate()->previewOperationFailedWithPreviewFiles(this, archives, m_corruptArchives);
+}
+
+bool CVPreviewArchiveContentsOperation::getAccess(const QString &path)
+{
+    struct Answer
+    {
+        bool granted;
+        QString path;
+    };
+    const auto pending = std::make_shared<LXPendingAnswer<Answer>>();
+    runAuthorizedHandler({path}, [pending](bool granted, const QString &granting) {
+        pending->give({granted, granting});
+    });
+    const auto answer = pending->wait(stopToken());
+    if (!answer || !answer->granted)
+        return false;
+    m_authorized = answer->path;
+    startSecurelyAccessing(m_authorized);
+    return true;
+}
+
+void CVPreviewArchiveContentsOperation::deauthorize()
+{
+    if (!m_authorized.isEmpty())
+        stopSecurelyAccessing(m_authorized);
+    m_authorized.clear();
+}
+
+CVPreviewArchiveContentsOperation::Listed CVPreviewArchiveContentsOperation::list(const QString &path)
+{
+    // The other parts of a set were not chosen by the person.
+    if (isMultipartArchive(path) && !getAccess(path)) {
+        cancel();
+        return Listed::Stop;
+    }
+    const auto archive = m_archiveMaker(path);
+    const std::int32_t status = runBackEnd(archive, path);
+    deauthorize();
+    if (status == CVArchive::Cancelled || isCancelled()) {
+        cancel(); // also where no password was given
+        return Listed::Stop;
+    }
+    if (status == CVArchive::Success) {
+        m_archives.push_back(archive);
+        return Listed::Ended;
+    }
+    if (status == CVArchive::InvalidPassword) {
+        const std::lock_guard lock(m_mutex);
+        // Where nobody was asked, asking again would go on for ever.
+        if (std::exchange(m_passwordAsked, false)) {
+            m_passwordInvalid = true;
+            return Listed::Again;
+        }
+    }
+    LX_WARNING(lcPreview, "could not list %s: %s %s", qUtf8Printable(LXDisplay::displayEscaped(path)),
+               qUtf8Printable(CVArchive::statusToString(status)), qUtf8Printable(archive->failureReason()));
+    m_corruptArchives.append(path);
+    return Listed::Ended;
+}
+
+std::int32_t CVPreviewArchiveContentsOperation::runBackEnd(const std::shared_ptr<CVArchive> &archive,
+                                                           const QString &path)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_outcome.reset();
+        m_archive = archive;
+        m_sourcePath = path;
+        m_passwordAsked = false;
+    }
+    archive->setDelegate(this);
+    // A cancel that came before the archive was known here has not told it.
+    if (isCancelled()) {
+        takeOutcome(CVArchive::Cancelled);
+    } else {
+        try {
+            archive->openForPreview(path);
+        } catch (const std::exception &e) {
+            LX_WARNING(lcPreview, "%s while opening %s", e.what(), qUtf8Printable(path));
+            takeOutcome(CVArchive::InvalidFile);
+        }
+    }
+    std::unique_lock lock(m_mutex);
+    // A file that went away meanwhile is only logged by the back end, without a report.
+    if (!m_outcome && ::access(bytesOfFileName(path).constData(), F_OK) != 0)
+        m_outcome = CVArchive::InvalidFile;
+    m_changed.wait(lock, stopToken(), [this] { return m_outcome.has_value(); });
+    const std::int32_t status = m_outcome.value_or(CVArchive::Cancelled);
+    m_outcome = status;
+    m_archive.reset();
+    lock.unlock();
+    archive->setDelegate(nullptr);
+    return status;
+}
+
+void CVPreviewArchiveContentsOperation::takeOutcome(std::int32_t status)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_outcome)
+            return;
+        m_outcome = status;
+    }
+    m_changed.notify_all();
+}
+
+void CVPreviewArchiveContentsOperation::archiveFinished(CVArchive *)
+{
+    takeOutcome(CVArchive::Success);
+}
+
+void CVPreviewArchiveContentsOperation::archiveFailed(CVArchive *, std::int32_t status)
+{
+    takeOutcome(status);
+}
+
+void CVPreviewArchiveContentsOperation::archiveCancelled(CVArchive *)
+{
+    takeOutcome(CVArchive::Cancelled);
+}
+
+void CVPreviewArchiveContentsOperation::archiveHasMadeProgress(CVArchive *, double done, double total)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto now = std::chrono::steady_clock::now();
+        if (now - m_lastProgress < progressPeriod)
+            return;
+        m_lastProgress = now;
+    }
+    if (!isCancelled())
+        delegate()->operationHasPreviewedFiles(this, static_cast<qint64>(done), static_cast<qint64>(total));
+}
+
+std::optional<QString> CVPreviewArchiveContentsOperation::archiveWantsPassword(CVArchive *)
+{
+    if (isCancelled())
+        return std::nullopt;
+    bool failed = false;
+    QString path;
+    {
+        const std::lock_guard lock(m_mutex);
+        failed = std::exchange(m_passwordInvalid, false);
+        m_passwordAsked = true;
+        path = m_sourcePath;
+    }
+    return delegate()->operationNeedsPasswordForFileAtPath(this, path, failed);
+}
