@@ -4,6 +4,7 @@
 #include "split/LXChecksum.h"
 #include "split/LXPropertyList.h"
 #include "split/block_copy.h"
+#include "split/part_copy.h"
 #include "split/split_exceptions.h"
 #include "split/split_names.h"
 #include "util/LXFileName.h"
@@ -150,24 +151,18 @@ void CVFileSplitter::actualSplit()
 
 void CVFileSplitter::copyRaw(int input, quint64 chunkBytes)
 {
-    BlockCopier copier(input);
-    quint64 inPart = 0;
-    while (!m_isCancelled) {
-        if (!m_outputFile.isOpen()) {
-            if (m_bytesWritten >= m_totalBytes)
-                return; // what was appended since the size was read would need codes that are too long
-            newFile();
-            inPart = 0;
-        }
-        const quint64 wanted = std::min({blockBytes, chunkBytes - inPart, m_totalBytes - m_bytesWritten});
-        const quint64 copied = copier.copy(m_bytesWritten, m_outputFile.get(), inPart, wanted);
-        inPart += copied;
-        tellProgress(copied);
-        if (copied < wanted)
-            throw FileSplitterIOException("The file became shorter while it was split");
-        if (inPart == chunkBytes || m_bytesWritten == m_totalBytes)
-            closePart();
-    }
+    copyParts({.input = input,
+               // What was appended since the size was read would need codes that are too long.
+               .inputBytes = m_totalBytes,
+               .partBytes = chunkBytes,
+               .threads = threadsToCopy(input, bytesOfFileName(m_destinationPath).constData()),
+               .newPart =
+                   [this] {
+                       newFile();
+                       return std::move(m_outputFile);
+                   },
+               .tell = [this](std::uint64_t bytes) { tellProgress(bytes); },
+               .stop = m_isCancelled});
 }
 
 void CVFileSplitter::writeBlocks(CVBzipFileReader &reader, quint64 chunkBytes)

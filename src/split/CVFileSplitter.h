@@ -56,7 +56,7 @@ public:
     const QString &destinationPath() const { return m_destinationPath; }
     void setDestinationPath(const QString &path) { m_destinationPath = path; }
 
-    /// The parts made so far, in order, without the checksum file.
+    /// The parts made so far, in order, without the checksum file. Not to be asked for while it splits.
     const QStringList &outputFiles() const { return m_outputFiles; }
     bool isCancelled() const { return m_isCancelled; }
 

@@ -38,8 +38,10 @@ QByteArray randomBytes(qsizetype size, unsigned seed)
     return bytes;
 }
 
+/// In place of what was there: written over, ext4 would put it on the disk at once.
 void write(const QString &path, const QByteArray &data)
 {
+    QFile::remove(path);
     QFile file(path);
     QVERIFY(file.open(QIODevice::WriteOnly));
     QCOMPARE(file.write(data), data.size());
@@ -625,7 +627,7 @@ void TestSplit::adapters()
 void TestSplit::cancelled()
 {
     const QTemporaryDir folder;
-    write(folder.filePath(u"in"_s), randomBytes(8 << 20, 4));
+    write(folder.filePath(u"in"_s), randomBytes(16 << 20, 4));
     for (const bool compress : {false, true}) {
         const QString parts = folder.filePath(compress ? u"z"_s : u"r"_s);
         QDir().mkpath(parts);
@@ -640,7 +642,8 @@ void TestSplit::cancelled()
         splitter.setDelegate(&heard);
         QVERIFY(splitter.split());
         QCOMPARE(heard.calls, u"bx"_s);
-        QVERIFY(heard.done <= 5 << 20);
+        // Each of at most four threads may be a block ahead, and ends the one it is at.
+        QVERIFY(heard.done <= 11 << 20);
 
         splitter.setDelegate(nullptr);
         const QString whole = folder.filePath(compress ? u"zw"_s : u"rw"_s);
