@@ -36,14 +36,20 @@ function(corvane_room name)
     target_link_libraries(${name} PUBLIC Qt6::Core ${ROOM_PUBLIC} PRIVATE corvane_flags ${ROOM_PRIVATE})
 endfunction()
 
-# corvane_test(name SOURCES … LIBS … [TIMEOUT s] [SLOW]): one QtTest program, run without a display.
-# SLOW tests run only where ./test --slow asks for them.
+# corvane_test(name SOURCES … LIBS … [TIMEOUT s] [SLOW] [BUS]): one QtTest program, run without a display.
+# SLOW tests run only where ./test --slow asks for them. BUS gives it a session bus of its own, on which nobody
+# is and which starts nobody.
 function(corvane_test name)
-    cmake_parse_arguments(T "SLOW" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+    cmake_parse_arguments(T "SLOW;BUS" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
     add_executable(${name} ${T_SOURCES})
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
     target_link_libraries(${name} PRIVATE Qt6::Test corvane_flags ${T_LIBS})
-    add_test(NAME ${name} COMMAND ${name})
+    if(T_BUS)
+        add_test(NAME ${name} COMMAND dbus-run-session
+            --config-file=${PROJECT_SOURCE_DIR}/tests/support/session-bus.conf -- $<TARGET_FILE:${name}>)
+    else()
+        add_test(NAME ${name} COMMAND ${name})
+    endif()
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 120)
     endif()

@@ -21,8 +21,8 @@ public:
     virtual QStringList applications(const QString &mimeType) = 0;
     /// Fails when there is no such desktop entry, or when the list cannot be written.
     virtual LXResult<void> setDefaultApplication(const QString &application, const QString &mimeType) = 0;
-    /// The person does not want this application for the type any more; another one, if there is one,
-    /// becomes the default.
+    /// This application is not to be the default one any more: the first of the others is. Where there is no
+    /// other, nothing opens the type.
     virtual LXResult<void> withdraw(const QString &application, const QString &mimeType) = 0;
 
     /// What LXDesktopServices::install() or setShared() put here; before, one that knows no applications.

@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdlib>
 #include <memory>
+#include <span>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -68,15 +69,27 @@ constexpr QLatin1StringView startingSuffixes[] = {
     "wsh"_L1,
 };
 
+/// Scripts of types that do not derive from application/x-executable.
+constexpr QLatin1StringView otherScripts[] = {"application/x-php"_L1, "text/tcl"_L1};
+
+bool inheritsAny(const QMimeType &type, std::span<const QLatin1StringView> names)
+{
+    return std::any_of(names.begin(), names.end(),
+                       [&](QLatin1StringView name) { return type.inherits(name); });
+}
+
+bool isScript(const QMimeType &type)
+{
+    return inheritsAny(type, otherScripts) ||
+           (type.inherits(u"application/x-executable"_s) && type.inherits(u"text/plain"_s));
+}
+
 bool starts(const QMimeType &type, bool mayBeExecuted)
 {
-    if (std::any_of(std::begin(startingTypes), std::end(startingTypes),
-                    [&](QLatin1StringView name) { return type.inherits(name); }))
-        return true;
-    if (!type.inherits(u"application/x-executable"_s))
-        return false;
-    // A script that may not be executed is a text, and its default application an editor.
-    return mayBeExecuted || !type.inherits(u"text/plain"_s);
+    // A script that may not be executed is a text, and opened with an editor.
+    if (isScript(type))
+        return mayBeExecuted;
+    return inheritsAny(type, startingTypes) || type.inherits(u"application/x-executable"_s);
 }
 
 bool nameStarts(const QMimeDatabase &types, const QString &name, bool mayBeExecuted)
@@ -133,5 +146,5 @@ LXOpening::Look LXOpening::look(const QString &path)
                       nameStarts(types, name, mayBeExecuted) ||
                       nameStarts(types, nameBehindLinks(bytes), mayBeExecuted) ||
                       (mayBeExecuted && (data.startsWith("#!") || type.isDefault()));
-    return {.mayOpen = !runs, .mimeType = type.name()};
+    return {.mayOpen = !runs, .mimeType = isScript(type) ? u"text/plain"_s : type.name()};
 }

@@ -10,7 +10,8 @@ struct Look
 {
     /// See LXWorkspace::mayOpen().
     bool mayOpen = false;
-    /// The type that decides about the application; empty when the file cannot be looked at.
+    /// The type whose default application opens it; empty when the file cannot be looked at. A plain text
+    /// for every kind of script, because the application for the script's own type may be its interpreter.
     QString mimeType;
 };
 

@@ -71,7 +71,10 @@ LXApplicationBus::Role LXApplicationBus::claim()
     m_role = NoBus;
     std::optional<QDBusConnection> bus = LXSessionBus::connection();
     // The object is there before the name, so that nobody finds the name without it.
-    if (!bus || !bus->registerObject(m_object, this, QDBusConnection::ExportAdaptors))
+    if (!bus)
+        return m_role;
+    m_isExported = m_isExported || bus->registerObject(m_object, this, QDBusConnection::ExportAdaptors);
+    if (!m_isExported)
         return m_role;
     QDBusMessage call = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
                                                        u"org.freedesktop.DBus"_s, u"RequestName"_s);

@@ -63,4 +63,5 @@ private:
     const QString m_object;
     const std::chrono::milliseconds m_answerLimit;
     Role m_role = NoBus;
+    bool m_isExported = false;
 };

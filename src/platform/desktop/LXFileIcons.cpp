@@ -31,8 +31,8 @@ QIcon named(const QString &theme, QLatin1StringView fallback)
     return icon.isNull() ? own(fallback) : icon;
 }
 
-/// What decides about the type: the suffix in lower case, two of them where the last one says only how the
-/// rest is compressed, and the whole name where there is none ("Makefile").
+/// A name of the same type for all names of that type: with the suffix in lower case, two of them where the
+/// last one says only how the rest is compressed, and the whole name where there is none ("Makefile").
 QString key(const QString &name)
 {
     const qsizetype dot = name.lastIndexOf(u'.');
@@ -45,7 +45,7 @@ QString key(const QString &name)
     }
     if (key.size() > 2 * longestSuffix)
         return {};
-    return dot <= 0 ? key : u'.' + key;
+    return dot <= 0 ? key : "x."_L1 + key;
 }
 
 QLatin1StringView fallbackFor(const QMimeType &type)
@@ -58,10 +58,11 @@ QLatin1StringView fallbackFor(const QMimeType &type)
         return "audio"_L1;
     if (name.startsWith("video/"_L1) || generic == "video-x-generic"_L1)
         return "video"_L1;
+    // Documents before archives: many of them are zip archives inside.
+    if (generic.startsWith("x-office-"_L1) || type.inherits(u"text/plain"_s) || name == "application/pdf"_L1)
+        return "text"_L1;
     if (generic == "package-x-generic"_L1 || type.inherits(u"application/zip"_s))
         return "archive"_L1;
-    if (generic == "x-office-document"_L1 || type.inherits(u"text/plain"_s) || name == "application/pdf"_L1)
-        return "text"_L1;
     return "file"_L1;
 }
 
@@ -69,7 +70,7 @@ QIcon iconForKey(const QString &key)
 {
     const QList<QMimeType> types = QMimeDatabase().mimeTypesForFileName(matchableFileName(key));
     if (types.isEmpty())
-        return key == ".corvane"_L1 ? named(u"package-x-generic"_s, "archive"_L1) : own("file"_L1);
+        return key == "x.corvane"_L1 ? named(u"package-x-generic"_s, "archive"_L1) : own("file"_L1);
     const QMimeType &type = types.constFirst();
     const QIcon icon = QIcon::fromTheme(type.iconName());
     return icon.isNull() ? named(type.genericIconName(), fallbackFor(type)) : icon;

@@ -74,9 +74,19 @@ LXResult<void> LXGioApplications::setDefaultApplication(const QString &applicati
 
 LXResult<void> LXGioApplications::withdraw(const QString &application, const QString &mimeType)
 {
+    QStringList others = applications(mimeType);
+    if (!others.contains(application))
+        return {};
+    others.removeAll(application);
+    if (!others.isEmpty())
+        return setDefaultApplication(others.constFirst(), mimeType);
+
+    // The only one that could open it: the default one in any case, so the list has to say that it is not.
     const Owned<GAppInfo> info = applicationNamed(application);
+    const QByteArray type = mimeType.toUtf8();
     GError *error = nullptr;
-    if (!info || !g_app_info_remove_supports_type(info.get(), mimeType.toUtf8().constData(), &error))
+    g_app_info_reset_type_associations(type.constData());
+    if (!info || !g_app_info_remove_supports_type(info.get(), type.constData(), &error))
         return changeFailed(error);
     return {};
 }

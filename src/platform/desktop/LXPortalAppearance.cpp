@@ -29,7 +29,8 @@ using Groups = QMap<QString, QVariantMap>;
 
 LXPortalAppearance::LXPortalAppearance()
 {
-    ask();
+    // Later, so that the first window does not wait for the bus.
+    QMetaObject::invokeMethod(this, &LXPortalAppearance::ask, Qt::QueuedConnection);
 }
 
 void LXPortalAppearance::ask()

@@ -5,7 +5,7 @@
 #include <QDBusVariant>
 #include <QObject>
 
-/// The settings portal of the desktop, which is asked when the object is made.
+/// The settings portal of the desktop, which is asked as soon as the event loop runs.
 class LXPortalAppearance final : public QObject, public LXDesktopAppearance
 {
     Q_OBJECT
