@@ -20,7 +20,6 @@ namespace {
 constexpr auto redrawPeriod = std::chrono::milliseconds(100);
 // A bar for work that is over before it can be read is only a flicker.
 constexpr auto progressDelay = std::chrono::milliseconds(150);
-constexpr auto rateWindow = std::chrono::milliseconds(500);
 constexpr qsizetype longestAnswer = 4096;
 
 bool writeAll(int fd, const QByteArray &bytes)
@@ -43,13 +42,6 @@ bool writeAll(int fd, const QByteArray &bytes)
         left -= n;
     }
     return true;
-}
-
-// Jobs that pack count in halves or thirds, each of work that has a speed of its own.
-int stageOf(double done, double total)
-{
-    const double share = total > 0 ? done / total : 0;
-    return share < 1.0 / 3 ? 0 : share < 1.0 / 2 ? 1 : share < 2.0 / 3 ? 2 : 3;
 }
 
 int columns(int fd)
@@ -130,33 +122,16 @@ void CVTerminal::setProgressTitle(const QString &title)
     const std::lock_guard lock(m_mutex);
     m_title = QString::fromUtf8(terminalText(title));
     m_titleSince = Clock::now();
-    m_rate = 0;
-    m_rateDone = 0;
-    m_lastDone = 0;
-    m_rateSince = m_titleSince;
+    m_rate.restart(m_titleSince);
 }
 
-void CVTerminal::showProgress(double done, double total, Unit unit)
+void CVTerminal::showProgress(double done, double total, LXProgressUnit unit)
 {
     if (!m_progressWanted)
         return;
     const std::lock_guard lock(m_mutex);
     const auto now = Clock::now();
-    const int stage = unit == Unit::Share ? stageOf(done, total) : 0;
-    if (done < m_lastDone || stage != m_stage) { // another pass, another archive, another kind of work
-        m_stage = stage;
-        m_rate = 0;
-        m_rateSince = now;
-        m_rateDone = done;
-    }
-    m_lastDone = done;
-    if (const auto elapsed = now - m_rateSince; elapsed >= rateWindow) {
-        const double seconds = std::chrono::duration<double>(elapsed).count();
-        const double recent = (done - m_rateDone) / seconds;
-        m_rate = m_rate > 0 ? 0.7 * m_rate + 0.3 * recent : recent;
-        m_rateSince = now;
-        m_rateDone = done;
-    }
+    m_rate.update(done, total, unit, now);
     if (m_asking || now - m_lastDrawn < redrawPeriod)
         return;
     if (!m_progressShown && now - m_titleSince < progressDelay)
@@ -165,10 +140,13 @@ void CVTerminal::showProgress(double done, double total, Unit unit)
     drawProgressLocked(done, total, unit);
 }
 
-void CVTerminal::drawProgressLocked(double done, double total, Unit unit)
+void CVTerminal::drawProgressLocked(double done, double total, LXProgressUnit unit)
 {
-    const CVTerminalProgress progress = {
-        .done = done, .total = total, .rate = m_rate, .title = m_title, .inBytes = unit == Unit::Bytes};
+    const CVTerminalProgress progress = {.done = done,
+                                         .total = total,
+                                         .rate = m_rate.perSecond(),
+                                         .title = m_title,
+                                         .inBytes = unit == LXProgressUnit::Bytes};
     // One cell short of the edge, where some terminals wrap.
     writeErrorLocked("\r" + progress.line(columns(m_err) - 1).toUtf8() + "\033[K");
     m_progressShown = true;
@@ -259,8 +237,7 @@ std::optional<QByteArray> CVTerminal::readAnswer(const QByteArray &prompt, bool 
             writeAll(promptFd, "\n");
         m_asking = false;
         m_titleSince = Clock::now();
-        m_rateSince = m_titleSince;
-        m_rateDone = m_lastDone;
+        m_rate.resume(m_titleSince);
     }
     if (!complete)
         return std::nullopt;

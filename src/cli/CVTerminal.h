@@ -1,6 +1,7 @@
 #pragma once
 
 #include "util/LXFileDescriptor.h"
+#include "util/LXProgressRate.h"
 
 #include <QByteArray>
 #include <QString>
@@ -42,11 +43,9 @@ public:
 
     /// What the progress line names, until the next call.
     void setProgressTitle(const QString &title);
-    /// What progress is counted in. Only bytes say anything to people as they are.
-    enum class Unit { Bytes, Share };
     /// Draws the progress line, at most ten times a second and only on a terminal. A total of zero or less
     /// means that nobody knows it.
-    void showProgress(double done, double total, Unit unit = Unit::Bytes);
+    void showProgress(double done, double total, LXProgressUnit unit = LXProgressUnit::Bytes);
     void clearProgress();
 
     /// A line typed without echo, after `prompt` as it stands. Nothing when it was interrupted, ended with
@@ -66,7 +65,7 @@ private:
     std::optional<QByteArray> readAnswer(const QByteArray &prompt, bool echo);
     void eraseProgressLocked();
     void writeErrorLocked(const QByteArray &bytes);
-    void drawProgressLocked(double done, double total, Unit unit);
+    void drawProgressLocked(double done, double total, LXProgressUnit unit);
 
     using Clock = std::chrono::steady_clock;
 
@@ -91,9 +90,5 @@ private:
     QString m_title;
     Clock::time_point m_titleSince{};
     Clock::time_point m_lastDrawn{};
-    double m_lastDone = 0;
-    int m_stage = 0;
-    double m_rate = 0; ///< bytes a second, smoothed
-    Clock::time_point m_rateSince{};
-    double m_rateDone = 0;
+    LXProgressRate m_rate;
 };

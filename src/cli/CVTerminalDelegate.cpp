@@ -2,6 +2,7 @@
 
 #include "cli/CVTerminal.h"
 #include "cli/CVTerminalPasswords.h"
+#include "engine/model/CVOperation.h"
 #include "engine/model/CVSettings.h"
 #include "filetree/CVFileTreeBuilder.h"
 #include "util/LXDisplay.h"
@@ -64,10 +65,9 @@ void CVTerminalDelegate::operationWillCreateMultiPartArchiveOfChunkSize(CVOperat
     m_multiPartArchive = {chunkSize, format};
 }
 
-void CVTerminalDelegate::operationHasMadeProgress(CVOperation *, double done, double totalBytes)
+void CVTerminalDelegate::operationHasMadeProgress(CVOperation *operation, double done, double totalBytes)
 {
-    // Who packs counts files and thirds, not bytes.
-    m_terminal.showProgress(done, totalBytes, m_packing ? CVTerminal::Unit::Share : CVTerminal::Unit::Bytes);
+    m_terminal.showProgress(done, totalBytes, operation->progressUnit());
 }
 
 void CVTerminalDelegate::operationWorkingOnJob(CVOperation *, const QString &text)

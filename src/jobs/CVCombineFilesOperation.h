@@ -12,6 +12,7 @@ public:
     void main() override;
     void cancel() override;
     QString taskDescription() const override;
+    LXProgressUnit progressUnit() const override { return LXProgressUnit::Bytes; }
 
     /// The files in the folder of `path` that belong to the set of that name and are not among `existing`, in
     /// the order of the folder.

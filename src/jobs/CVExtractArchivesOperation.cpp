@@ -9,6 +9,7 @@
 #include "platform/LXTrash.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXPendingAnswer.h"
 #include "util/LXRemoveTree.h"
@@ -44,6 +45,15 @@ QString tr(const char *text)
 QString lastComponent(const QString &path)
 {
     return path.mid(path.lastIndexOf(u'/') + 1);
+}
+
+// At least 1, so that every archive is a part of its batch.
+double sizeOfFile(const QString &path)
+{
+    struct stat facts;
+    if (::stat(bytesOfFileName(path).constData(), &facts) != 0)
+        return 1;
+    return std::max(static_cast<double>(facts.st_size), 1.0);
 }
 
 // The names in a folder, at most `limit` of them: whether there is one or more is all that counts, and
@@ -251,6 +261,15 @@ QString CVExtractArchivesOperation::titleForExtractJob() const
         .arg(name, QString::number(m_extracted + 1), QString::number(m_total));
 }
 
+CVBatchPosition CVExtractArchivesOperation::batchPosition() const
+{
+    const std::size_t last = std::min(m_extracted, m_total - 1);
+    return {.number = static_cast<qsizetype>(last) + 1,
+            .count = static_cast<qsizetype>(m_total),
+            .shareBefore = last == 0 ? 0 : m_shares[last - 1],
+            .shareAfter = m_shares[last]};
+}
+
 CVExtractArchivesOperation::Source
 CVExtractArchivesOperation::sourceFromArchive(const std::shared_ptr<CVArchive> &archive) const
 {
@@ -281,6 +300,12 @@ void CVExtractArchivesOperation::main()
     }
     m_total = sources.size();
     m_extracted = 0;
+    m_shares.clear();
+    double bytes = 0;
+    for (const Source &source : sources)
+        m_shares.push_back(bytes += sizeOfFile(source.path));
+    for (double &share : m_shares)
+        share /= bytes;
     for (const Source &source : sources) {
         Source now = source;
         Next next = Next::Again;
@@ -406,6 +431,8 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::extract(const Sourc
     }
     delegate()->operationWorkingOnJob(this, titleForExtractJob());
     delegate()->operationProgressIconForFilename(this, source.path, false);
+    if (m_total > 1)
+        delegate()->operationHasReachedArchive(this, batchPosition());
 
     if (chooseFolders() == Folders::Ended)
         return Next::Stop;

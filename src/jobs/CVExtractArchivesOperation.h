@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archives/CVArchive.h"
+#include "engine/model/CVBatchPosition.h"
 #include "engine/model/CVOperation.h"
 #include "util/LXResult.h"
 
@@ -51,6 +52,7 @@ public:
     void main() override;
     void cancel() override;
     QString taskDescription() const override;
+    LXProgressUnit progressUnit() const override { return LXProgressUnit::Bytes; }
 
     /// One path a multi-part set, in the order of names as people sort them; a numbered 7-Zip set by
     /// its first part, where that exists. Linear but for the sorting.
@@ -103,6 +105,7 @@ private:
     bool sendExtractError(const QString &message, const QString &detail = {});
     LXError errorForFailedArchive(const CVArchive &archive) const;
     QString titleForExtractJob() const;
+    CVBatchPosition batchPosition() const;
     void addDestinationPath(const QString &path);
     void cleanUp();
     Next endStep(bool last);
@@ -134,5 +137,6 @@ private:
     QString m_authorized;
     bool m_keepDestination = false; ///< the folder was chosen already, do not ask once more
     std::size_t m_total = 0;
+    std::vector<double> m_shares; ///< of the whole batch, at the end of each archive
     std::size_t m_extracted = 0;
 };

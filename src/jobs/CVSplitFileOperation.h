@@ -20,6 +20,7 @@ public:
     void main() override;
     void cancel() override;
     QString taskDescription() const override;
+    LXProgressUnit progressUnit() const override { return LXProgressUnit::Bytes; }
 
     static constexpr int invalidChunkSize = 42;
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "engine/model/CVBatchPosition.h"
+#include "util/LXProgressRate.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -32,9 +35,12 @@ class CVProgressScreen
 public:
     virtual ~CVProgressScreen() = default;
 
-    /// Any thread, returns at once; a total of 0 gives an empty bar. The screen works out rate and time
-    /// left when the numbers are bytes.
+    /// Any thread, returns at once; a total of 0 gives an empty bar.
     virtual void setProgress(double done, double total) = 0;
+    /// Any thread, before the numbers: what they count. reset() brings back shares.
+    virtual void setProgressUnit(LXProgressUnit) {}
+    /// Any thread. Of a job with several archives; reset() ends it.
+    virtual void setBatchPosition(const CVBatchPosition &) {}
     /// Any thread.
     virtual void setIndeterminate() = 0;
     /// Any thread. The line that says what is being done, as plain text.
@@ -91,6 +97,8 @@ public:
     virtual CVScreen *screen() = 0;
     virtual void setPasswordDelegate(CVPasswordDelegate *delegate) = 0;
     virtual void setInformativeText(const QString &text) = 0;
+    /// Any thread, before the prompt: the password that was given last did not fit, and is kept to be mended.
+    virtual void setLastTryFailed(bool) {}
     /// Worker thread: shows the prompt and waits for the answer. Nothing when it was cancelled, when
     /// `stop` was requested or when the screen was stopped. The delegate hears of the end exactly once,
     /// on the main thread; after `stop` it does not hear of it (whoever stopped it goes back itself).

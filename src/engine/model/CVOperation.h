@@ -1,5 +1,7 @@
 #pragma once
 
+#include "util/LXProgressRate.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -44,6 +46,9 @@ public:
 
     /// Short name of the job for people.
     virtual QString taskDescription() const;
+
+    /// What the numbers count that it reports as its progress. Any thread, always the same.
+    virtual LXProgressUnit progressUnit() const { return LXProgressUnit::Share; }
 
     virtual void willLoadView() {}
 

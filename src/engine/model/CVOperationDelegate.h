@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archives/reading/XADTypes.h"
+#include "engine/model/CVBatchPosition.h"
 #include "util/LXResult.h"
 
 #include <QString>
@@ -51,6 +52,8 @@ public:
     /// `done` never needs to be below `total`; receivers clamp.
     virtual void operationHasMadeProgress(CVOperation *, double /*done*/, double /*totalBytes*/) {}
     virtual void operationHasIndeterminateProgress(CVOperation *) {}
+    /// Of a job with several archives: progress belongs to the one at this position from now on.
+    virtual void operationHasReachedArchive(CVOperation *, const CVBatchPosition &) {}
     virtual void operationWorkingOnJob(CVOperation *, const QString & /*text*/) {}
     virtual void operationProgressIconForFilename(CVOperation *, const QString & /*filename*/,
                                                   bool /*multipleFiles*/)

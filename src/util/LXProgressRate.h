@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+/// What the numbers of a job's progress count. Only bytes say anything to people as they are; a job that
+/// counts files, or thirds of its work, can show no more than its share.
+enum class LXProgressUnit { Bytes, Share };
+
+/// How fast a job goes and how long it will still take, smoothed. Measured in windows of half a second, so
+/// that neither a burst nor the frequency of the reports shows. Not thread-safe.
+class LXProgressRate
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Forgets everything: another job, another archive.
+    void restart(Clock::time_point now);
+    /// The time since the last report does not count (somebody was asked something). What is known stays.
+    void resume(Clock::time_point now);
+    /// To be called while nothing comes in as well, with the old numbers: a job that stands still loses
+    /// speed. Numbers that go back, and another stage of a job that counts shares, begin a new measurement.
+    void update(double done, double total, LXProgressUnit unit, Clock::time_point now);
+
+    /// Units a second; 0 when not known yet.
+    double perSecond() const { return m_rate; }
+    /// Nothing until the rate has held for some time, and nothing for what nobody wants to wait for.
+    std::optional<double> secondsLeft() const;
+
+private:
+    void measureFrom(double done, Clock::time_point now);
+
+    double m_rate = 0;
+    int m_windows = 0; ///< that m_rate stands on
+    int m_stage = 0;
+    double m_done = 0;
+    double m_total = 0;
+    Clock::time_point m_windowStart{};
+    double m_windowDone = 0;
+};
