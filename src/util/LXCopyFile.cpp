@@ -27,10 +27,11 @@ bool kernelCannot(int failure)
 class ContentsCopy
 {
 public:
-    ContentsCopy(int from, int to, std::stop_token stop)
+    ContentsCopy(int from, int to, std::stop_token stop, const LXCopyWatcher &watcher)
         : m_from(from)
         , m_to(to)
         , m_stop(std::move(stop))
+        , m_watcher(watcher)
     {}
 
     int run(off_t size)
@@ -71,6 +72,8 @@ private:
                 return 0;
             }
             at += n;
+            if (m_watcher)
+                m_watcher(n);
         }
         return 0;
     }
@@ -109,6 +112,7 @@ private:
     int m_from;
     int m_to;
     std::stop_token m_stop;
+    const LXCopyWatcher &m_watcher;
     bool m_inKernel = true;
     std::vector<char> m_buffer;
 };
@@ -131,7 +135,8 @@ bool failed(int result)
 
 } // namespace
 
-LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &name, std::stop_token stop)
+LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &name, std::stop_token stop,
+                       const LXCopyWatcher &watcher)
 {
     // Something else may have taken the name meanwhile: a FIFO must not make us wait.
     const LXFileDescriptor source(
@@ -147,7 +152,7 @@ LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &nam
         return {.failure = errno};
 
     LXCopyOutcome outcome;
-    outcome.failure = ContentsCopy(source.get(), target.get(), std::move(stop)).run(before.st_size);
+    outcome.failure = ContentsCopy(source.get(), target.get(), std::move(stop), watcher).run(before.st_size);
     if (outcome.failure == 0) {
         const bool ownerKept = ::fchown(target.get(), before.st_uid, before.st_gid) == 0;
         const std::array times = {before.st_atim, before.st_mtim};

@@ -2,11 +2,15 @@
 
 #include <QByteArray>
 
+#include <functional>
 #include <stop_token>
 
 #include <sys/stat.h>
 
 /// Copies of single items, made beside others that may be watched meanwhile. Any thread.
+
+/// Told of every block that has been copied, in bytes, holes not counted.
+using LXCopyWatcher = std::function<void(qint64 bytes)>;
 
 /// How a copy went.
 struct LXCopyOutcome
@@ -19,7 +23,8 @@ struct LXCopyOutcome
 /// where nothing may be yet: contents, and as far as the file system can permission bits, times and owner.
 /// Holes stay holes. Set-user-ID and its kin are kept only together with the owner. A stop takes effect
 /// within one block (16 MiB). After a failure nothing is left at the target.
-LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &name, std::stop_token stop = {});
+LXCopyOutcome copyFile(const QByteArray &from, int folder, const QByteArray &name, std::stop_token stop = {},
+                       const LXCopyWatcher &watcher = {});
 
 /// The same for a symbolic link, which becomes a link with the same text. 0 or an errno.
 int copySymlink(const QByteArray &from, int folder, const QByteArray &name);

@@ -1,7 +1,5 @@
 #include "util/LXCopyTree.h"
 
-#include "util/LXCopyFile.h"
-
 #include <array>
 #include <cerrno>
 #include <memory>
@@ -28,7 +26,7 @@ int finishFolder(const char *to, const struct stat &facts)
 
 } // namespace
 
-int copyTree(const char *from, const char *to)
+int copyTree(const char *from, const char *to, std::stop_token stop, const LXCopyWatcher &watcher)
 {
     std::string root(from);
     char *roots[] = {root.data(), nullptr};
@@ -38,6 +36,8 @@ int copyTree(const char *from, const char *to)
     while (const FTSENT *entry = (errno = 0, fts_read(walk.get()))) {
         const std::string target = std::string(to) + (entry->fts_path + root.size());
         int failure = 0;
+        if (stop.stop_requested())
+            return ECANCELED;
         switch (entry->fts_info) {
         case FTS_D:
             // Open to us until its contents are in.
@@ -47,7 +47,7 @@ int copyTree(const char *from, const char *to)
             failure = finishFolder(target.c_str(), *entry->fts_statp);
             break;
         case FTS_F:
-            failure = copyFile(entry->fts_accpath, AT_FDCWD, target.c_str()).failure;
+            failure = copyFile(entry->fts_accpath, AT_FDCWD, target.c_str(), stop, watcher).failure;
             break;
         case FTS_SL:
         case FTS_SLNONE:

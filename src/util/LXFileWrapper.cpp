@@ -16,14 +16,14 @@ struct FtsClose
     void operator()(FTS *walk) const noexcept { fts_close(walk); }
 };
 
-qint64 sizeBeneath(const QByteArray &path)
+qint64 sizeBeneath(const QByteArray &path, const std::stop_token &stop)
 {
     QByteArray root = path;
     char *roots[] = {root.data(), nullptr};
     // FTS_NOCHDIR: the current folder belongs to the whole process.
     const std::unique_ptr<FTS, FtsClose> walk(fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR, nullptr));
     qint64 sum = 0;
-    while (FTSENT *entry = walk ? fts_read(walk.get()) : nullptr) {
+    while (FTSENT *entry = walk && !stop.stop_requested() ? fts_read(walk.get()) : nullptr) {
         if (entry->fts_info == FTS_F || entry->fts_info == FTS_SL || entry->fts_info == FTS_SLNONE)
             sum += entry->fts_statp->st_size;
     }
@@ -52,9 +52,9 @@ LXFileWrapper::LXFileWrapper(const QString &path)
     m_size = facts.st_size;
 }
 
-qint64 LXFileWrapper::fileSizeBytes() const
+qint64 LXFileWrapper::fileSizeBytes(std::stop_token stop) const
 {
-    return isDirectory() ? sizeBeneath(bytesOfItem(m_path)) : m_size;
+    return isDirectory() ? sizeBeneath(bytesOfItem(m_path), stop) : m_size;
 }
 
 QString LXFileWrapper::fileSize() const

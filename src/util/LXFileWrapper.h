@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <stop_token>
+
 #include <sys/stat.h>
 
 /// Facts about one path on disk, looked up once, when it is made. Links are not followed.
@@ -15,8 +17,9 @@ public:
     const QString &path() const { return m_path; }
     bool exists() const { return m_exists; }
     /// Bytes. For a folder the sum over the regular files and links beneath it, found now by walking
-    /// it (links are not followed): not for the main thread. 0 for what does not exist.
-    qint64 fileSizeBytes() const;
+    /// it (links are not followed): not for the main thread. 0 for what does not exist. A stop
+    /// ends the walk with what it has found.
+    qint64 fileSizeBytes(std::stop_token stop = {}) const;
     /// The same for display.
     QString fileSize() const;
     bool isDirectory() const { return m_exists && S_ISDIR(m_mode); }

@@ -3,6 +3,7 @@
 #include "util/LXCopyTree.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
+#include "util/LXFileWrapper.h"
 #include "util/LXRemoveTree.h"
 #include "util/LXRename.h"
 #include "util/unique_string.h"
@@ -88,15 +89,63 @@ struct Moved
     QString path;
 };
 
-Moved moveWithin(const QByteArray &source, const QString &directory, const QString &name)
+enum class Names { Any, OnlyThis };
+
+Moved moveWithin(const QByteArray &source, const QString &directory, const QString &name, Names names)
 {
     Candidates candidates(name, directory);
     for (;;) {
         const QString candidate = candidates.next();
         const int failure = renameWithoutReplacing(source, bytesOfFileName(candidate));
-        if (failure != EEXIST)
+        if (failure != EEXIST || names == Names::OnlyThis)
             return {failure, candidate};
     }
+}
+
+LXResult<QString> moveItem(const QString &source, const QString &directory, const QString &name, Names names,
+                           const LXMoveWatch &watch)
+{
+    const QByteArray from = bytesOfFileName(source);
+    struct stat facts;
+    if (::lstat(from.constData(), &facts) != 0)
+        return moveError(name, errno);
+    if (names == Names::OnlyThis && isTaken(Candidates(name, directory).next()))
+        return moveError(name, EEXIST); // before a long copy
+    Moved moved;
+    {
+        const WritableForTheMove writable(from.constData());
+        moved = moveWithin(from, directory, name, names);
+    }
+    if (moved.failure == 0)
+        return moved.path;
+    if (moved.failure != EXDEV)
+        return moveError(name, moved.failure);
+
+    LXCopyWatcher watcher;
+    double done = 0;
+    if (watch.progress) {
+        const auto total = static_cast<double>(LXFileWrapper(source).fileSizeBytes());
+        watcher = [&watch, &done, total](qint64 bytes) {
+            done += static_cast<double>(bytes);
+            watch.progress(done, total);
+        };
+    }
+    // The hidden name keeps a half copy out of sight, and the cleaning knows it should we be killed.
+    const QString beside = directory + QLatin1StringView("/.corvane-") + uniqueString();
+    const QByteArray copy = bytesOfFileName(beside);
+    int failure = copyTree(from.constData(), copy.constData(), watch.stop, watcher);
+    if (failure == 0) {
+        const WritableForTheMove writable(copy.constData());
+        moved = moveWithin(copy, directory, name, names);
+        failure = moved.failure;
+    }
+    if (failure != 0) {
+        (void)removeTree(beside);
+        return moveError(name, failure);
+    }
+    // The copy is complete, so what remains of the source is not worth failing for.
+    (void)removeTree(source);
+    return moved.path;
 }
 
 } // namespace
@@ -126,34 +175,11 @@ QString findUniqueDestinationForFile(const QString &name, const QString &directo
 LXResult<QString> moveToUniqueDestination(const QString &source, const QString &directory,
                                           const QString &name)
 {
-    const QByteArray from = bytesOfFileName(source);
-    struct stat facts;
-    if (::lstat(from.constData(), &facts) != 0)
-        return moveError(name, errno);
-    Moved moved;
-    {
-        const WritableForTheMove writable(from.constData());
-        moved = moveWithin(from, directory, name);
-    }
-    if (moved.failure == 0)
-        return moved.path;
-    if (moved.failure != EXDEV)
-        return moveError(name, moved.failure);
+    return moveItem(source, directory, name, Names::Any, {});
+}
 
-    // The hidden name keeps a half copy out of sight, and the cleaning knows it should we be killed.
-    const QString beside = directory + QLatin1StringView("/.corvane-") + uniqueString();
-    const QByteArray copy = bytesOfFileName(beside);
-    int failure = copyTree(from.constData(), copy.constData());
-    if (failure == 0) {
-        const WritableForTheMove writable(copy.constData());
-        moved = moveWithin(copy, directory, name);
-        failure = moved.failure;
-    }
-    if (failure != 0) {
-        (void)removeTree(beside);
-        return moveError(name, failure);
-    }
-    // The copy is complete, so what remains of the source is not worth failing for.
-    (void)removeTree(source);
-    return moved.path;
+LXResult<QString> moveToDestination(const QString &source, const QString &directory, const QString &name,
+                                    const LXMoveWatch &watch)
+{
+    return moveItem(source, directory, name, Names::OnlyThis, watch);
 }

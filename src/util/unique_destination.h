@@ -4,6 +4,9 @@
 
 #include <QString>
 
+#include <functional>
+#include <stop_token>
+
 /// The name itself for a counter of 1, else "photos 2.zip": the counter goes before the last extension,
 /// and the name is cut to what a file system takes.
 QString nameWithCounter(const QString &name, int counter);
@@ -20,3 +23,16 @@ QString findUniqueDestinationForFile(const QString &name, const QString &directo
 /// the destination. Any thread, not the main one.
 LXResult<QString> moveToUniqueDestination(const QString &source, const QString &directory,
                                           const QString &name);
+
+/// For those who wait for a move. Only one that has to copy takes any time.
+struct LXMoveWatch
+{
+    std::stop_token stop = {};
+    /// Bytes; called on the thread that moves.
+    std::function<void(double done, double total)> progress = {};
+};
+
+/// The same under this name and no other: EEXIST when something is there, which stays as it is. A stop
+/// (ECANCELED) takes effect while it copies, and leaves everything as it was.
+LXResult<QString> moveToDestination(const QString &source, const QString &directory, const QString &name,
+                                    const LXMoveWatch &watch = {});
