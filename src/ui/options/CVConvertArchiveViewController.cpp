@@ -1,0 +1,36 @@
+#include "ui/options/CVConvertArchiveViewController.h"
+
+#include "archives/archive_string.h"
+#include "util/LXDisplay.h"
+
+CVConvertArchiveViewController::CVConvertArchiveViewController(CVOptionServices services,
+                                                               CVScreenNavigator &navigator, QObject *parent)
+    : CVEditArchiveController(std::move(services), navigator, parent)
+{
+    setUp();
+}
+
+std::shared_ptr<CVEditArchiveOperationDataBinding> CVConvertArchiveViewController::makeBinding() const
+{
+    return std::make_shared<CVConvertOperationDataBinding>();
+}
+
+std::shared_ptr<CVConvertOperationDataBinding> CVConvertArchiveViewController::operationDataBinding()
+{
+    return std::static_pointer_cast<CVConvertOperationDataBinding>(binding());
+}
+
+QString CVConvertArchiveViewController::suggestedName(const CVFileNode &) const
+{
+    const QString name = binding()->sourcePath().mid(binding()->sourcePath().lastIndexOf(u'/') + 1);
+    // "x.part1.rar" and "x.7z.001" are pieces of x.
+    return isMultipartArchive(name) ? stringByDeletingArchivePathExtension(name)
+                                    : binding()->smartArchiveName();
+}
+
+QString CVConvertArchiveViewController::sourceDescription(const CVFileNode &files) const
+{
+    const CVFileNode::List items = files.children();
+    return items.empty() ? QString()
+                         : tr("from “%1”").arg(LXDisplay::displayEscaped(items.front()->target()));
+}

@@ -1,0 +1,332 @@
+#include "ui/options/CVEditArchiveView.h"
+
+#include "ui/base/CVTheme.h"
+#include "ui/options/CVChunkSizeField.h"
+#include "ui/options/CVFormatButton.h"
+#include "ui/options/CVFormatButtonBarView.h"
+
+#include <QAccessible>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QEvent>
+#include <QFormLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QVBoxLayout>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+struct Choice
+{
+    const char *text;
+    int value;
+};
+
+// Words for people; the numbers between two of them are shown as the nearest.
+constexpr Choice levels[] = {
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "None"), 0},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Fastest"), 1},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Fast"), 3},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Normal"), 5},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Good"), 7},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Best"), 9},
+};
+
+constexpr Choice images[] = {
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Leave as they are"), 0},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "JPEG, small files"), 1},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "JPEG, good quality"), 2},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "JPEG, best quality"), 3},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "PNG"), 4},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "TIFF"), 5},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "TGA"), 6},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "SGI"), 7},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "PSD"), 8},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "PDF"), 9},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "BMP"), 10},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "GIF"), 11},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "JPEG 2000"), 12},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "OpenEXR"), 13},
+};
+
+constexpr Choice sounds[] = {
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "Leave as it is"), 0},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .m4a, 32 kbit/s"), 1},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .m4a, 128 kbit/s"), 2},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .m4a, 256 kbit/s"), 3},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .m4a, 320 kbit/s"), 4},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .mp4, 32 kbit/s"), 5},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .mp4, 128 kbit/s"), 6},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .mp4, 256 kbit/s"), 7},
+    {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .mp4, 320 kbit/s"), 8},
+};
+
+template <std::size_t n> QComboBox *chooser(const Choice (&choices)[n], const QString &name, QWidget *parent)
+{
+    auto *box = new QComboBox(parent);
+    for (const Choice &choice : choices)
+        box->addItem(CVEditArchiveView::tr(choice.text), choice.value);
+    box->setAccessibleName(name);
+    box->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+    return box;
+}
+
+QLabel *plainLabel(QWidget *parent)
+{
+    auto *label = new QLabel(parent);
+    label->setTextFormat(Qt::PlainText);
+    return label;
+}
+
+} // namespace
+
+CVEditArchiveView::CVEditArchiveView(QWidget *parent)
+    : QWidget(parent)
+    , formatBar(new CVFormatButtonBarView(this))
+    , description(plainLabel(this))
+    , m_form(new QFormLayout)
+{
+    auto *column = new QVBoxLayout(this);
+    column->setContentsMargins(CVTheme::margin, CVTheme::margin, CVTheme::margin, CVTheme::margin);
+    column->setSpacing(CVTheme::spacing);
+    column->addWidget(formatBar);
+    description->setAlignment(Qt::AlignCenter);
+    description->setFont(CVTheme::smallFont());
+    column->addWidget(description);
+    column->addSpacing(CVTheme::unit);
+
+    rarText = plainLabel(this);
+    rarText->setObjectName(u"RARInstallText"_s);
+    rarText->setAlignment(Qt::AlignCenter);
+    rarText->setWordWrap(true);
+    rarText->setFont(CVTheme::smallFont());
+    column->addWidget(rarText);
+
+    m_form->setContentsMargins(0, 0, 0, 0);
+    m_form->setHorizontalSpacing(CVTheme::spacing);
+    m_form->setVerticalSpacing(CVTheme::spacing);
+    m_form->setLabelAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    m_form->setFormAlignment(Qt::AlignHCenter | Qt::AlignTop);
+    m_form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+    m_form->addRow(tr("&Name:"), nameRow());
+    levelChooser = chooser(levels, tr("Compression"), this);
+    m_form->addRow(tr("Co&mpression:"), levelChooser);
+    imageChooser = chooser(images, tr("Images"), this);
+    m_form->addRow(tr("&Images:"), imageChooser);
+    audioChooser = chooser(sounds, tr("Sound"), this);
+    m_form->addRow(tr("So&und:"), audioChooser);
+    m_mediaHint = plainLabel(this);
+    m_mediaHint->setText(tr("Made smaller in the archive only; your own files stay as they are."));
+    m_mediaHint->setFont(CVTheme::smallFont());
+    m_mediaHint->setWordWrap(true);
+    m_form->addRow(QString(), m_mediaHint);
+    zipBox = new QCheckBox(tr("Pack as &ZIP, which every program opens"), this);
+    m_form->addRow(QString(), zipBox);
+    m_form->addRow(QString(), volumeRow());
+    encryptBox = new QCheckBox(tr("&Encrypt with a password"), this);
+    m_form->addRow(QString(), encryptBox);
+    passwordField = passwordLine(tr("Password"));
+    m_form->addRow(tr("Pass&word:"), passwordField);
+    confirmationField = passwordLine(tr("Confirm password"));
+    m_form->addRow(tr("Con&firm:"), confirmationField);
+    showPasswordBox = new QCheckBox(tr("&Show password"), this);
+    m_form->addRow(QString(), showPasswordBox);
+    column->addLayout(m_form);
+
+    m_hint = plainLabel(this);
+    m_hint->setObjectName(u"hint"_s);
+    m_hint->setAlignment(Qt::AlignCenter);
+    m_hint->setWordWrap(true);
+    m_hint->hide();
+    column->addWidget(m_hint);
+
+    column->addStretch();
+    m_summary = plainLabel(this);
+    m_summary->setObjectName(u"summary"_s);
+    m_summary->setAlignment(Qt::AlignCenter);
+    m_summary->setFont(CVTheme::smallFont());
+    m_summary->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+    column->addWidget(m_summary);
+
+    imageChooser->setObjectName(u"images"_s);
+    audioChooser->setObjectName(u"audio"_s);
+    levelChooser->setObjectName(u"compressionLevel"_s);
+    encryptBox->setObjectName(u"encrypt"_s);
+    volumeBox->setObjectName(u"volumes"_s);
+    zipBox->setObjectName(u"zip"_s);
+    showPasswordBox->setObjectName(u"showPassword"_s);
+    colour();
+}
+
+QWidget *CVEditArchiveView::nameRow()
+{
+    m_nameRow = new QWidget(this);
+    auto *row = new QHBoxLayout(m_nameRow);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->setSpacing(CVTheme::unit / 2);
+    nameField = new QLineEdit(m_nameRow);
+    nameField->setObjectName(u"archiveName"_s);
+    nameField->setAccessibleName(tr("Name of the archive"));
+    nameSuffix = plainLabel(m_nameRow);
+    row->addWidget(nameField, 1);
+    row->addWidget(nameSuffix);
+    m_nameRow->setFocusProxy(nameField);
+    return m_nameRow;
+}
+
+QWidget *CVEditArchiveView::volumeRow()
+{
+    m_volumeRow = new QWidget(this);
+    auto *row = new QHBoxLayout(m_volumeRow);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->setSpacing(CVTheme::spacing);
+    volumeBox = new QCheckBox(tr("Split into &parts of"), m_volumeRow);
+    volumeSize = new CVChunkSizeField(tr("Size of a part"), m_volumeRow);
+    row->addWidget(volumeBox);
+    row->addWidget(volumeSize);
+    row->addStretch();
+    return m_volumeRow;
+}
+
+QLineEdit *CVEditArchiveView::passwordLine(const QString &name)
+{
+    auto *line = new QLineEdit(this);
+    line->setEchoMode(QLineEdit::Password);
+    line->setAccessibleName(name);
+    // Neither spelling nor words learnt from a password.
+    line->setInputMethodHints(Qt::ImhHiddenText | Qt::ImhNoPredictiveText | Qt::ImhNoAutoUppercase |
+                              Qt::ImhSensitiveData);
+    return line;
+}
+
+void CVEditArchiveView::setNameShown(bool shown)
+{
+    m_form->setRowVisible(m_nameRow, shown);
+}
+
+void CVEditArchiveView::setCompressionShown(bool shown)
+{
+    m_form->setRowVisible(levelChooser, shown);
+}
+
+void CVEditArchiveView::setVolumesShown(bool shown)
+{
+    m_form->setRowVisible(m_volumeRow, shown);
+}
+
+void CVEditArchiveView::setMultimediaShown(bool images, bool audio)
+{
+    m_form->setRowVisible(imageChooser, images);
+    m_form->setRowVisible(audioChooser, audio);
+    m_form->setRowVisible(m_mediaHint, images || audio);
+    m_form->setRowVisible(zipBox, images || audio);
+}
+
+void CVEditArchiveView::setEncryptShown(bool shown)
+{
+    m_form->setRowVisible(encryptBox, shown);
+}
+
+void CVEditArchiveView::setPasswordsShown(bool shown)
+{
+    // The window would jump at every other letter if the hint made room for itself.
+    QSizePolicy policy = m_hint->sizePolicy();
+    policy.setRetainSizeWhenHidden(shown);
+    m_hint->setSizePolicy(policy);
+    m_form->setRowVisible(passwordField, shown);
+    m_form->setRowVisible(confirmationField, shown);
+    m_form->setRowVisible(showPasswordBox, shown);
+}
+
+void CVEditArchiveView::setRarTextShown(bool shown)
+{
+    rarText->setVisible(shown);
+    rarText->setTextInteractionFlags(shown ? Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard
+                                           : Qt::NoTextInteraction);
+}
+
+void CVEditArchiveView::setHint(const QString &text, bool isError)
+{
+    const bool changed = m_hint->text() != text;
+    m_hint->setText(text);
+    m_hint->setVisible(!text.isEmpty());
+    m_hintIsError = isError;
+    colour();
+    if (changed && !text.isEmpty()) {
+        QAccessibleEvent event(m_hint, QAccessible::Alert);
+        QAccessible::updateAccessibility(&event);
+    }
+}
+
+void CVEditArchiveView::setPasswordsReadable(bool readable)
+{
+    for (QLineEdit *line : {passwordField, confirmationField})
+        line->setEchoMode(readable ? QLineEdit::Normal : QLineEdit::Password);
+}
+
+void CVEditArchiveView::setSummary(const QString &text)
+{
+    m_summaryText = text;
+    m_summary->setToolTip(text.toHtmlEscaped());
+    m_summary->setAccessibleName(text);
+    elideSummary();
+}
+
+void CVEditArchiveView::elideSummary()
+{
+    m_summary->setText(
+        m_summary->fontMetrics().elidedText(m_summaryText, Qt::ElideMiddle, width() - 2 * CVTheme::margin));
+}
+
+void CVEditArchiveView::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    elideSummary();
+}
+
+void CVEditArchiveView::orderTabs()
+{
+    QList<QWidget *> order;
+    for (CVFormatButton *button : formatBar->buttons())
+        order.append(button);
+    order += QList<QWidget *>{nameField,
+                              levelChooser,
+                              imageChooser,
+                              audioChooser,
+                              zipBox,
+                              volumeBox,
+                              volumeSize->numberField(),
+                              volumeSize->unitChooser(),
+                              encryptBox,
+                              passwordField,
+                              confirmationField,
+                              showPasswordBox};
+    for (qsizetype i = 1; i < order.size(); ++i)
+        QWidget::setTabOrder(order.at(i - 1), order.at(i));
+}
+
+void CVEditArchiveView::changeEvent(QEvent *event)
+{
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange)
+        colour();
+}
+
+void CVEditArchiveView::colour()
+{
+    const auto set = [](QLabel *label, const QColor &color) {
+        QPalette own = label->palette();
+        if (own.color(QPalette::WindowText) == color)
+            return;
+        own.setColor(QPalette::WindowText, color);
+        label->setPalette(own);
+    };
+    const QColor second = CVTheme::subtitleColor(palette());
+    for (QLabel *label : {description, nameSuffix, m_mediaHint, m_summary})
+        set(label, second);
+    set(m_hint, m_hintIsError ? CVTheme::errorColor(palette()) : second);
+}

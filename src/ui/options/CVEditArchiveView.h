@@ -1,0 +1,74 @@
+#pragma once
+
+#include <QWidget>
+
+class CVChunkSizeField;
+class CVFormatButtonBarView;
+class QCheckBox;
+class QComboBox;
+class QFormLayout;
+class QLabel;
+class QLineEdit;
+
+/// The controls of the create and the convert screen and their places; what they do is the screen's matter.
+/// Main thread.
+class CVEditArchiveView final : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit CVEditArchiveView(QWidget *parent = nullptr);
+
+    // What is shown of them. Rows that are not shown take no room.
+    void setNameShown(bool shown);
+    void setCompressionShown(bool shown);
+    void setVolumesShown(bool shown);
+    void setMultimediaShown(bool images, bool audio);
+    void setEncryptShown(bool shown);
+    void setPasswordsShown(bool shown);
+    void setRarTextShown(bool shown);
+    /// Plain text under the fields; empty takes none of the room. An error is in the colour of errors and is
+    /// told to screen readers.
+    void setHint(const QString &text, bool isError);
+    void setPasswordsReadable(bool readable);
+    /// One line of plain text at the end, shortened in its middle where it does not fit.
+    void setSummary(const QString &text);
+    /// Tab goes through the controls from top to bottom.
+    void orderTabs();
+
+    CVFormatButtonBarView *formatBar;
+    QLabel *description;
+    QLineEdit *nameField;
+    QLabel *nameSuffix;
+    QComboBox *levelChooser;
+    QCheckBox *volumeBox;
+    CVChunkSizeField *volumeSize;
+    QComboBox *imageChooser;
+    QComboBox *audioChooser;
+    QCheckBox *zipBox;
+    QCheckBox *encryptBox;
+    QLineEdit *passwordField;
+    QLineEdit *confirmationField;
+    QCheckBox *showPasswordBox;
+    QLabel *rarText;
+
+protected:
+    void changeEvent(QEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    QWidget *nameRow();
+    QWidget *volumeRow();
+    QLineEdit *passwordLine(const QString &name);
+    void colour();
+    void elideSummary();
+
+    QFormLayout *m_form;
+    QWidget *m_nameRow = nullptr;
+    QWidget *m_volumeRow = nullptr;
+    QLabel *m_mediaHint;
+    QLabel *m_hint;
+    QLabel *m_summary;
+    QString m_summaryText;
+    bool m_hintIsError = false;
+};
