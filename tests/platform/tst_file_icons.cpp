@@ -30,8 +30,8 @@ void TestFileIcons::iconsWithoutTheme_data()
         QTest::newRow(name) << QString::fromUtf8(name)
                             << u":/fileicons/%1.svg"_s.arg(QLatin1StringView(like));
     };
-    for (const char *name :
-         {"a.zip", "a.7z", "a.tar.gz", "a.b.TAR.XZ", "a.rar", "a.corvane", "a.tar", "a.jar"})
+    for (const char *name : {"a.zip", "a.7z", "a.tar.gz", "a.b.TAR.XZ", "a.rar", "a.corvane", "a.tar",
+                             "a.jar", "a.7z.001", "a.part02.rar", "a.sitx"})
         row(name, "archive");
     row("a.PNG", "image");
     row("a.svg", "image");
@@ -39,8 +39,8 @@ void TestFileIcons::iconsWithoutTheme_data()
     row("a.mkv", "video");
     for (const char *name : {"a.txt", "Makefile", "README", "a.cpp", "a.pdf", "a.odt", "a.html", "a.py"})
         row(name, "text");
-    for (const char *name :
-         {"a.xyzzy", "a", "a.", "", ".", "A sentence. And another one that is long", "a.bin", "\u202e"})
+    for (const char *name : {"a.xyzzy", "a", "a.", "", ".", "A sentence. And another one that is long",
+                             "a.bin", "war", "\u202e"})
         row(name, "file");
 }
 

@@ -81,6 +81,9 @@ public:
 
     QString formatName() const override { return m_name; }
 
+    /// Who may stop a listing, which for a compressed archive reads all of it. Borrowed.
+    void setHost(CVEngineHost *host) { m_host = host; }
+
     const std::vector<XADEntry> &entries() const override
     {
         if (!m_listed && !m_extracting) {
@@ -157,8 +160,8 @@ private:
     Outcome run(std::span<const int> indices, bool all, CVEntrySink *sink) const
     {
         m_input.source->resetPosition();
-        CVLibarchiveReader reader(m_input, sink ? std::function<bool()>([sink] { return sink->shouldStop(); })
-                                                : nullptr);
+        CVLibarchiveReader reader(
+            m_input, [this, sink] { return sink ? sink->shouldStop() : m_host && m_host->shouldStop(); });
         auto wanted = indices.begin();
         XADEntry entry;
         for (std::size_t index = 0;; ++index) {
@@ -302,6 +305,7 @@ private:
     }
 
     CVLibarchiveReader::Input m_input;
+    CVEngineHost *m_host = nullptr;
     QString m_name;
     std::optional<CVRarHeaders> m_rar;
     mutable std::vector<XADEntry> m_entries;
@@ -495,10 +499,13 @@ CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
     return openStream(source, CVStreamKind::Brotli);
 }
 
-CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost & /*host*/)
+CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &host)
 {
     try {
-        return openContainer(probe);
+        CVEngineDescriptor::OpenOutcome outcome = openContainer(probe);
+        if (auto *const engine = dynamic_cast<Engine *>(outcome.engine.get()))
+            engine->setHost(&host);
+        return outcome;
     } catch (const std::bad_alloc &) {
         return refused(XADErrorCode::NotSupported, readingText("There is not enough memory."));
     }

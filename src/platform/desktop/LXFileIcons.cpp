@@ -7,6 +7,7 @@
 #include <QMimeType>
 
 #include <algorithm>
+#include <span>
 
 using namespace Qt::StringLiterals;
 
@@ -16,6 +17,10 @@ namespace {
 constexpr int rememberedIcons = 1000;
 /// Longer ones are sentences with a full stop.
 constexpr qsizetype longestSuffix = 16;
+
+/// Archives that the MIME database has no types for.
+constexpr QLatin1StringView otherArchives[] = {"aar"_L1, "corvane"_L1, "hqx"_L1, "pax"_L1,
+                                               "sea"_L1, "sitx"_L1,    "war"_L1};
 
 constexpr QLatin1StringView compressions[] = {"bz2"_L1, "gz"_L1, "lz"_L1, "lz4"_L1, "lzma"_L1,
                                               "lzo"_L1, "xz"_L1, "z"_L1,  "zst"_L1};
@@ -31,14 +36,26 @@ QIcon named(const QString &theme, QLatin1StringView fallback)
     return icon.isNull() ? own(fallback) : icon;
 }
 
+bool contains(std::span<const QLatin1StringView> list, QStringView text)
+{
+    return std::find(list.begin(), list.end(), text) != list.end();
+}
+
+/// It says nothing about the type: "gz", and "001" of a volume.
+bool leavesTheTypeOpen(const QString &suffix)
+{
+    return contains(compressions, suffix) ||
+           (suffix.size() == 3 &&
+            std::all_of(suffix.begin(), suffix.end(), [](QChar c) { return c >= u'0' && c <= u'9'; }));
+}
+
 /// A name of the same type for all names of that type: with the suffix in lower case, two of them where the
-/// last one says only how the rest is compressed, and the whole name where there is none ("Makefile").
+/// last one leaves it open, and the whole name where there is none ("Makefile").
 QString key(const QString &name)
 {
     const qsizetype dot = name.lastIndexOf(u'.');
     QString key = dot <= 0 ? name : name.mid(dot + 1).toLower();
-    if (dot > 0 &&
-        std::find(std::begin(compressions), std::end(compressions), key) != std::end(compressions)) {
+    if (dot > 0 && leavesTheTypeOpen(key)) {
         const qsizetype before = name.lastIndexOf(u'.', dot - 1);
         if (before > 0 && dot - before <= longestSuffix)
             key = name.mid(before + 1).toLower();
@@ -70,7 +87,8 @@ QIcon iconForKey(const QString &key)
 {
     const QList<QMimeType> types = QMimeDatabase().mimeTypesForFileName(matchableFileName(key));
     if (types.isEmpty())
-        return key == "x.corvane"_L1 ? named(u"package-x-generic"_s, "archive"_L1) : own("file"_L1);
+        return contains(otherArchives, QStringView(key).mid(2)) ? named(u"package-x-generic"_s, "archive"_L1)
+                                                                : own("file"_L1);
     const QMimeType &type = types.constFirst();
     const QIcon icon = QIcon::fromTheme(type.iconName());
     return icon.isNull() ? named(type.genericIconName(), fallbackFor(type)) : icon;

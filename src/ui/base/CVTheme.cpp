@@ -155,6 +155,31 @@ bool CVTheme::isDark(const QPalette &palette)
     return palette.color(QPalette::Window).lightness() < palette.color(QPalette::WindowText).lightness();
 }
 
+QPalette CVTheme::darkPalette()
+{
+    const QColor window(0x2a, 0x2b, 0x2e);
+    const QColor base(0x1e, 0x1f, 0x22);
+    const QColor text(0xee, 0xef, 0xf1);
+    const QColor dimmed(0x8d, 0x90, 0x96);
+    const QColor accent(0x3d, 0x7f, 0xd9);
+    QPalette palette(QColor(0x3a, 0x3c, 0x40), window);
+    for (const QPalette::ColorRole role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText,
+                                           QPalette::BrightText, QPalette::ToolTipText})
+        palette.setColor(role, text);
+    for (const QPalette::ColorRole role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        palette.setColor(QPalette::Disabled, role, dimmed);
+    palette.setColor(QPalette::Base, base);
+    palette.setColor(QPalette::AlternateBase, QColor(0x25, 0x26, 0x2a));
+    palette.setColor(QPalette::ToolTipBase, QColor(0x3a, 0x3c, 0x40));
+    palette.setColor(QPalette::PlaceholderText, dimmed);
+    palette.setColor(QPalette::Highlight, accent);
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::Disabled, QPalette::Highlight, QColor(0x4a, 0x4d, 0x52));
+    palette.setColor(QPalette::Link, QColor(0x7f, 0xb3, 0xff));
+    palette.setColor(QPalette::LinkVisited, QColor(0xc3, 0xa0, 0xff));
+    return palette;
+}
+
 QIcon CVTheme::icon(const QString &name)
 {
     static QHash<QString, QIcon> icons;

@@ -37,6 +37,8 @@ QColor accentColor(const QPalette &palette);
 /// For what went wrong; readable on the palette's background.
 QColor errorColor(const QPalette &palette);
 bool isDark(const QPalette &palette);
+/// For desktops that ask for dark windows and leave the palette to the program.
+QPalette darkPalette();
 
 /// icons/<name>.svg of the resources: "tool/back", "format/zip", "app/corvane". In tool icons the word
 /// currentColor is the palette's text colour at the time of drawing, dimmed where disabled. Sharp at every

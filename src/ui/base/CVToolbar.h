@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QHash>
+#include <QList>
 #include <QToolBar>
 
 /// The tool bar of a window: picture above word, in the order in which the current screen wants them. The
@@ -18,4 +20,16 @@ public:
     void addFlexibleSpace();
     /// Of the current items; null for none.
     QAction *item(const QString &identifier) const;
+    QList<QAction *> items() const { return m_items; }
+    /// The height is the same whatever is in it, so screens do not jump.
+    QSize sizeHint() const override;
+    QSize minimumSizeHint() const override;
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+
+private:
+    QList<QAction *> m_items;
+    QHash<QAction *, QAction *> m_places; ///< item: what stands for it in the bar
+    bool m_hasPrimary = false;
 };

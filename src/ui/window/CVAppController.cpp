@@ -1,0 +1,213 @@
+#include "ui/window/CVAppController.h"
+
+#include "engine/control/CVOperationController.h"
+#include "engine/model/CVOperationHelper.h"
+#include "engine/model/CVOperationQueue.h"
+#include "engine/model/CVSettings.h"
+#include "platform/LXDesktopAppearance.h"
+#include "sandbox/CVFileAuthenticator.h"
+#include "ui/base/CVTheme.h"
+#include "ui/window/CVFilePanels.h"
+#include "ui/window/CVMainWindow.h"
+#include "util/LXMainThread.h"
+
+#include <QApplication>
+#include <QPointer>
+#include <QTimer>
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+
+/// A window that starts minimised, or on another desktop, may never be painted.
+constexpr std::chrono::milliseconds paintingLimit{1000};
+
+int queueWidth()
+{
+    return static_cast<int>(
+        std::clamp<qint64>(CVSettings::integer(CVSettingsKey::numberOfSimultaneousOperations), 1, 1000));
+}
+
+} // namespace
+
+CVAppController::CVAppController(QObject *parent)
+    : QObject(parent)
+    , m_queue(std::make_shared<CVOperationQueue>(queueWidth()))
+{
+    // Called on whatever thread changes the setting, perhaps while this object goes.
+    m_widthObserver = CVSettings::observe(CVSettingsKey::numberOfSimultaneousOperations,
+                                          [weak = std::weak_ptr(m_queue)](const QString &) {
+                                              if (const auto queue = weak.lock())
+                                                  queue->setWidth(queueWidth());
+                                          });
+    const QPointer<CVAppController> self = this;
+    const auto panels = std::make_shared<CVPanelServices>([self]() -> QWidget * {
+        CVWindowController *main = self ? self->mainWindowController() : nullptr;
+        return main ? main->window() : nullptr;
+    });
+    CVOperationHelper::setDestinationChooser(panels);
+    LXSandboxFileAuthenticator::Services services;
+    services.store = CVSettings::store();
+    services.folderChooser = panels;
+    services.alerts = panels;
+    services.applicationName = QGuiApplication::applicationDisplayName();
+    CVFileAuthenticator::setServices(std::move(services));
+}
+
+CVAppController::~CVAppController()
+{
+    CVSettings::removeObserver(m_widthObserver);
+    LXDesktopAppearance::shared()->observe({});
+    CVOperationHelper::setDestinationChooser(nullptr);
+    if (m_isLaunchComplete)
+        CVFileAuthenticator::fileAuthenticator()->setDelegate(nullptr);
+    m_isTerminating = true;
+    m_windows.clear();
+    if (m_waitsForJobs.joinable())
+        m_waitsForJobs.join();
+}
+
+void CVAppController::start(const QStringList &files)
+{
+    m_files = files;
+    applyAppearance();
+    CVMainWindow *window = openMainWindow()->window();
+    connect(window, &CVMainWindow::firstPainted, this, &CVAppController::finishLaunching);
+    QTimer::singleShot(paintingLimit, this, &CVAppController::finishLaunching);
+}
+
+CVWindowController *CVAppController::openMainWindow()
+{
+    CVWindowHost *host = this;
+    m_windows.push_back(std::make_unique<CVWindowController>(m_queue, host));
+    m_windows.back()->showWindow();
+    return m_windows.back().get();
+}
+
+void CVAppController::finishLaunching()
+{
+    if (m_isLaunchComplete || m_isTerminating)
+        return;
+    LXDesktopAppearance::shared()->observe([this] { applyAppearance(); });
+    applyAppearance();
+    CVFileAuthenticator::fileAuthenticator()->setDelegate(this);
+    CVWindowController *main = mainWindowController();
+    main->setupViewControllers();
+    if (!m_files.isEmpty())
+        main->operationController()->openFiles(m_files);
+    m_files.clear();
+    m_isLaunchComplete = true;
+    main->operationController()->setLaunchComplete();
+    Q_EMIT launchCompleted();
+}
+
+void CVAppController::openFiles(const QStringList &paths)
+{
+    if (m_isTerminating)
+        return;
+    if (!m_isLaunchComplete) {
+        m_files.append(paths);
+        return;
+    }
+    mainWindowController()->operationController()->openFiles(paths);
+}
+
+void CVAppController::showMainWindow(const QString &activationToken)
+{
+    if (m_isTerminating)
+        return;
+    // The window system takes the token from here when a window asks to come to the front.
+    if (!activationToken.isEmpty())
+        qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
+    mainWindowController()->showWindow();
+}
+
+void CVAppController::terminate()
+{
+    if (m_isTerminating)
+        return;
+    m_isTerminating = true;
+    Q_EMIT terminating();
+    while (!m_windows.empty())
+        m_windows.front()->close();
+    m_queue->cancelAll();
+    m_waitsForJobs = std::thread([queue = m_queue, self = QPointer(this)] {
+        queue->waitUntilEmpty();
+        LXMainThread::post([self] {
+            if (self)
+                Q_EMIT self->terminated();
+        });
+    });
+}
+
+CVWindowController *CVAppController::mainWindowController() const
+{
+    return m_windows.empty() ? nullptr : m_windows.front().get();
+}
+
+std::vector<CVWindowController *> CVAppController::windowControllers() const
+{
+    std::vector<CVWindowController *> windows;
+    for (const auto &window : m_windows)
+        windows.push_back(window.get());
+    return windows;
+}
+
+void CVAppController::applyAppearance()
+{
+    const std::shared_ptr<LXDesktopAppearance> appearance = LXDesktopAppearance::shared();
+    CVTheme::setReducedMotion(appearance->reducedMotion());
+    // Where Qt knows the desktop, its palette is dark already.
+    const bool wantsDark = appearance->scheme() == LXDesktopAppearance::Scheme::Dark;
+    if (wantsDark && !m_hasDarkPalette && !CVTheme::isDark(QApplication::palette())) {
+        m_hasDarkPalette = true;
+        QApplication::setPalette(CVTheme::darkPalette());
+    } else if (!wantsDark && m_hasDarkPalette) {
+        m_hasDarkPalette = false;
+        QApplication::setPalette(QPalette());
+    }
+}
+
+void CVAppController::windowWasOpened(std::unique_ptr<CVWindowController> window)
+{
+    m_windows.push_back(std::move(window));
+}
+
+void CVAppController::windowWasClosed(CVWindowController &window)
+{
+    const auto found =
+        std::ranges::find(m_windows, &window, [](const auto &candidate) { return candidate.get(); });
+    if (found == m_windows.end())
+        return;
+    // Its own events have brought us here.
+    found->release()->deleteLater();
+    m_windows.erase(found);
+    if (m_windows.empty())
+        terminate();
+}
+
+void CVAppController::windowNeedsToQuit()
+{
+    terminate();
+}
+
+void CVAppController::fileAuthenticatorWillPromptWhetherToAuthorizeAllWithAlert(LXSandboxFileAuthenticator &,
+                                                                                LXAlertRequest &request)
+{
+    request.message = CVFileAuthenticator::message();
+}
+
+void CVAppController::fileAuthenticatorWillRequestAuthorizationOfURL(LXSandboxFileAuthenticator &,
+                                                                     const QString &,
+                                                                     LXFolderChooserRequest &request)
+{
+    request.title = CVFileAuthenticator::message();
+}
+
+void CVAppController::fileAuthenticatorWillPromptWhetherToAuthorizeAllOrURL(LXSandboxFileAuthenticator &,
+                                                                            const QString &,
+                                                                            LXAlertRequest &request)
+{
+    request.message = CVFileAuthenticator::message();
+}

@@ -1,0 +1,161 @@
+#include "ui/window/CVFilePanels.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QFileDialog>
+#include <QItemSelectionModel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTreeView>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/// Answers with nothing if nobody has answered when its last owner goes.
+template <typename Value> class OneAnswer
+{
+public:
+    explicit OneAnswer(std::function<void(std::optional<Value>)> done)
+        : m_done(std::move(done))
+    {}
+    ~OneAnswer() { give(std::nullopt); }
+    OneAnswer(const OneAnswer &) = delete;
+    OneAnswer &operator=(const OneAnswer &) = delete;
+
+    void give(std::optional<Value> value)
+    {
+        if (const auto done = std::exchange(m_done, {}))
+            done(std::move(value));
+    }
+
+private:
+    std::function<void(std::optional<Value>)> m_done;
+};
+
+/// Desktops' own panels choose files or folders; this one takes both.
+class FilesAndFoldersPanel final : public QFileDialog
+{
+public:
+    using QFileDialog::QFileDialog;
+
+    QStringList chosen() const { return m_chosen; }
+
+protected:
+    // With a folder selected, the base class would go into it; a double click still does.
+    void accept() override
+    {
+        const auto *name = findChild<QLineEdit *>(u"fileNameEdit"_s);
+        const QStringList selected = selectedFiles();
+        if (name && name->hasFocus() && selected.size() == 1 && QFileInfo(selected.first()).isDir()) {
+            QFileDialog::accept();
+            return;
+        }
+        for (const QString &path : selected) {
+            if (!QFileInfo::exists(path)) {
+                QFileDialog::accept(); // says so
+                return;
+            }
+        }
+        if (selected.isEmpty())
+            return;
+        m_chosen = selected;
+        QDialog::accept();
+    }
+
+private:
+    QStringList m_chosen;
+};
+
+} // namespace
+
+void CVFilePanels::chooseFiles(QWidget *window, const QString &title, const QString &button, FilesDone done)
+{
+    auto *panel = new FilesAndFoldersPanel(window, title);
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setObjectName(u"filePanel"_s);
+    panel->setOptions(QFileDialog::DontUseNativeDialog | QFileDialog::ReadOnly);
+    panel->setFileMode(QFileDialog::ExistingFiles);
+    panel->setLabelText(QFileDialog::Accept, button);
+    const auto answer = std::make_shared<OneAnswer<QStringList>>(std::move(done));
+    QObject::connect(panel, &QDialog::finished, panel, [panel, answer](int result) {
+        answer->give(result == QDialog::Accepted ? std::optional(panel->chosen()) : std::nullopt);
+    });
+    panel->open();
+}
+
+void CVFilePanels::chooseFolder(QWidget *window, const QString &title, const QString &button,
+                                const QString &startIn, FolderDone done)
+{
+    auto *panel = new QFileDialog(window, title, startIn);
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setObjectName(u"folderPanel"_s);
+    panel->setFileMode(QFileDialog::Directory);
+    panel->setOption(QFileDialog::ShowDirsOnly);
+    if (!button.isEmpty())
+        panel->setLabelText(QFileDialog::Accept, button);
+    const auto answer = std::make_shared<OneAnswer<QString>>(std::move(done));
+    QObject::connect(panel, &QDialog::finished, panel, [panel, answer](int result) {
+        const QStringList chosen = panel->selectedFiles();
+        answer->give(result == QDialog::Accepted && !chosen.isEmpty() ? std::optional(chosen.first())
+                                                                      : std::nullopt);
+    });
+    panel->open();
+}
+
+QWidget *CVPanelServices::window(QObject *wanted) const
+{
+    if (auto *widget = qobject_cast<QWidget *>(wanted))
+        return widget;
+    if (QWidget *active = QApplication::activeWindow(); active && !active->isModal())
+        return active;
+    return m_mainWindow();
+}
+
+void CVPanelServices::chooseDestination(const QString &title, const QString &button,
+                                        CVFilePanels::FolderDone done)
+{
+    CVFilePanels::chooseFolder(window(nullptr), title, button, {}, std::move(done));
+}
+
+void CVPanelServices::choose(const LXFolderChooserRequest &request, CVFilePanels::FolderDone done)
+{
+    CVFilePanels::chooseFolder(window(request.window), request.title, request.button, request.directory,
+                               [accepts = request.accepts, done = std::move(done)](auto folder) {
+                                   if (folder && accepts && !accepts(*folder))
+                                       folder.reset();
+                                   done(std::move(folder));
+                               });
+}
+
+void CVPanelServices::show(const LXAlertRequest &request, std::function<void(Answer)> done)
+{
+    auto *box = new QMessageBox(window(request.window));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setTextFormat(Qt::PlainText);
+    box->setText(request.message);
+    box->setInformativeText(request.informativeText);
+    QList<QPushButton *> buttons;
+    for (const QString &text : request.buttons)
+        buttons.append(box->addButton(text, QMessageBox::ActionRole));
+    if (!buttons.isEmpty()) {
+        box->setDefaultButton(buttons.first());
+        box->setEscapeButton(buttons.last());
+    }
+    if (request.showsSuppressionButton)
+        box->setCheckBox(new QCheckBox(QCoreApplication::translate("CVFilePanels", "&Do not ask again")));
+    const int refusal = static_cast<int>(buttons.size()) - 1;
+    const auto answer = std::make_shared<OneAnswer<Answer>>([refusal, done = std::move(done)](auto given) {
+        done(given.value_or(Answer{refusal, false}));
+    });
+    QObject::connect(box, &QDialog::finished, box, [box, buttons, answer](int) {
+        const auto pressed = buttons.indexOf(qobject_cast<QPushButton *>(box->clickedButton()));
+        if (pressed >= 0)
+            answer->give(Answer{static_cast<int>(pressed), box->checkBox() && box->checkBox()->isChecked()});
+    });
+    box->open();
+}

@@ -1,0 +1,117 @@
+#include "ui/window/CVMainWindow.h"
+
+#include "ui/base/CVToolbar.h"
+#include "ui/window/CVSlideContainer.h"
+
+#include <QCloseEvent>
+#include <QMenu>
+#include <QMenuBar>
+#include <QScreen>
+#include <QTimer>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+CVMainWindow::CVMainWindow(QWidget *parent)
+    : QMainWindow(parent)
+    , m_container(new CVSlideContainer(this))
+    , m_toolbar(new CVToolbar(this))
+{
+    setObjectName(u"mainWindow"_s);
+    setContextMenuPolicy(Qt::NoContextMenu);
+    setUnifiedTitleAndToolBarOnMac(true);
+    m_fileMenu = menuBar()->addMenu(tr("&File"));
+    m_actionMenu = menuBar()->addMenu(tr("&Action"));
+    m_helpMenu = menuBar()->addMenu(tr("&Help"));
+    addToolBar(Qt::TopToolBarArea, m_toolbar);
+    m_toolbar->setAccessibleName(tr("Tool bar"));
+    m_toolbar->setWindowTitle(tr("Tool bar"));
+    setCentralWidget(m_container);
+}
+
+QSize CVMainWindow::chrome() const
+{
+    const int menu = menuBar()->isNativeMenuBar() ? 0 : menuBar()->sizeHint().height();
+    return {0, menu + m_toolbar->sizeHint().height()};
+}
+
+QSize CVMainWindow::contentSize() const
+{
+    return size() - chrome();
+}
+
+void CVMainWindow::fitToContent(QSize content, QSize minimum, bool resizable)
+{
+    const QRect available = screen()->availableGeometry();
+    const QSize bars(m_toolbar->sizeHint().width(), 0);
+    // A window larger than the screen has buttons that nobody reaches.
+    const QSize wanted = (content + chrome()).expandedTo(bars).boundedTo(available.size());
+    if (isMaximized() || isFullScreen()) {
+        if (resizable)
+            return;
+        showNormal();
+    }
+    if (!resizable && minimumSize() == wanted && maximumSize() == wanted)
+        return;
+    if (resizable) {
+        setMinimumSize((minimum + chrome()).expandedTo(bars).boundedTo(wanted));
+        setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
+        resize(wanted);
+    } else {
+        setFixedSize(wanted);
+    }
+    if (!isVisible())
+        return;
+    const QRect frame = frameGeometry();
+    const QPoint place(std::clamp(frame.left(), available.left(),
+                                  std::max(available.left(), available.right() + 1 - frame.width())),
+                       std::clamp(frame.top(), available.top(),
+                                  std::max(available.top(), available.bottom() + 1 - frame.height())));
+    if (place != frame.topLeft())
+        move(place);
+}
+
+void CVMainWindow::hideByClose()
+{
+    m_wasHiddenByClose = true;
+    hide();
+}
+
+void CVMainWindow::bringToFront()
+{
+    m_wasHiddenByClose = false;
+    if (isMinimized())
+        showNormal();
+    show();
+    raise();
+    activateWindow();
+}
+
+void CVMainWindow::closeEvent(QCloseEvent *event)
+{
+    event->setAccepted(!m_mayClose || m_mayClose());
+}
+
+bool CVMainWindow::event(QEvent *event)
+{
+    const bool handled = QMainWindow::event(event);
+    switch (event->type()) {
+    case QEvent::UpdateRequest:
+    case QEvent::Paint:
+        if (!m_wasPainted && isVisible()) {
+            m_wasPainted = true;
+            // After the picture has gone out.
+            QTimer::singleShot(0, this, &CVMainWindow::firstPainted);
+        }
+        break;
+    case QEvent::FontChange:
+    case QEvent::ApplicationFontChange:
+    case QEvent::StyleChange:
+        Q_EMIT measuresChanged();
+        break;
+    default:
+        break;
+    }
+    return handled;
+}

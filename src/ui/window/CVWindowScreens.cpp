@@ -1,0 +1,67 @@
+#include "ui/window/CVWindowScreens.h"
+
+#include "archives/CVArchive.h"
+#include "ui/window/CVDropBoxViewController.h"
+#include "ui/window/CVFileAnalysisViewController.h"
+
+#include <QThreadPool>
+
+namespace {
+
+/// The trees of a million entries take longer to free than a frame lasts.
+void freeElsewhere(CVFileTreeController::Archives archives)
+{
+    if (!archives.empty())
+        QThreadPool::globalInstance()->start([freed = std::move(archives)]() mutable { freed.clear(); });
+}
+
+} // namespace
+
+CVWindowScreens::CVWindowScreens(CVOperationController &controller, CVNavigationController &navigation,
+                                 QObject *parent)
+    : QObject(parent)
+    , m_controller(&controller)
+    , m_navigation(&navigation)
+    , m_dropBox(new CVDropBoxViewController(this))
+{
+    m_dropBox->setHasNewFiles([this](const QStringList &paths) {
+        if (m_controller)
+            m_controller->controllerHasNewFiles(paths);
+    });
+    m_dropBox->setOpenFile([this] {
+        if (m_controller)
+            m_controller->openFile();
+    });
+    m_forNavigation.dropBox = m_dropBox;
+    m_forController.dropBox = m_dropBox;
+    m_forNavigation.resetDropBox = [this] { m_dropBox->reset(); };
+    m_forNavigation.resetPreviewedArchives = [this] {
+        if (!m_controller)
+            return;
+        CVFileTreeController &tree = m_controller->fileTreeController();
+        freeElsewhere(tree.previewedArchives());
+        tree.resetPreviewedArchives();
+    };
+    m_navigation->setScreens(m_forNavigation);
+}
+
+CVWindowScreens::~CVWindowScreens() = default;
+
+void CVWindowScreens::setupViewControllers()
+{
+    m_fileAnalysis = new CVFileAnalysisViewController(this);
+    m_fileAnalysis->setCancelled([this] {
+        if (m_controller)
+            m_controller->stopOperation();
+    });
+    m_forNavigation.fileAnalysis = m_fileAnalysis;
+    m_forController.fileAnalysis = m_fileAnalysis;
+
+    m_navigation->setScreens(m_forNavigation);
+    m_controller->setScreens(m_forController);
+}
+
+void CVWindowScreens::windowWillClose()
+{
+    m_controller = nullptr;
+}

@@ -1,0 +1,104 @@
+#include "platform/desktop/LXApplicationBus.h"
+#include "platform/desktop/LXDesktopServices.h"
+#include "ui/base/CVTheme.h"
+#include "ui/window/CVAppController.h"
+#include "ui/window/CVTerminationSignals.h"
+#include "util/LXFileName.h"
+#include "util/LXMainThread.h"
+
+#include <QApplication>
+
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <langinfo.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr QLatin1StringView applicationId("org.corvane.Corvane");
+
+// File names are UTF-8 on every desktop of today; in the C locale Qt and the readers would otherwise
+// take them for ASCII.
+void useUtf8Locale()
+{
+    std::setlocale(LC_ALL, "");
+    if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0) {
+        ::setenv("LC_ALL", "C.UTF-8", 1);
+        std::setlocale(LC_ALL, "");
+    }
+}
+
+// By bytes: the name of the current folder need not be text.
+QString absolutePath(QByteArray path)
+{
+    while (path.size() > 1 && path.endsWith('/'))
+        path.chop(1);
+    if (path.startsWith('/'))
+        return fileNameFromBytes(path);
+    const std::unique_ptr<char, decltype(&std::free)> folder(::getcwd(nullptr, 0), &std::free);
+    return folder ? fileNameFromBytes(QByteArray(folder.get()) + '/' + path) : QString();
+}
+
+/// The words that Qt has left.
+QStringList filesOf(int argc, char **argv)
+{
+    QStringList files;
+    bool areOnlyFiles = false;
+    for (int i = 1; i < argc; ++i) {
+        if (!areOnlyFiles && std::strcmp(argv[i], "--") == 0) {
+            areOnlyFiles = true;
+            continue;
+        }
+        if (const QString path = absolutePath(argv[i]); argv[i][0] != '\0' && !path.isEmpty())
+            files.append(path);
+    }
+    return files;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    useUtf8Locale();
+    std::signal(SIGPIPE, SIG_IGN);
+
+    QGuiApplication::setHighDpiScaleFactorRoundingPolicy(Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
+    QGuiApplication::setDesktopFileName(applicationId);
+    const QApplication application(argc, argv);
+    QApplication::setApplicationName(u"corvane"_s);
+    QApplication::setApplicationDisplayName(u"Corvane"_s);
+    QApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
+    QApplication::setQuitOnLastWindowClosed(false);
+    const QStringList files = filesOf(argc, argv);
+
+    auto bus = std::make_unique<LXApplicationBus>(applicationId);
+    if (bus->claim() == LXApplicationBus::Second &&
+        (files.isEmpty() ? bus->sendActivate() : bus->sendOpen(files)))
+        return 0;
+
+    LXMainThread::install();
+    LXDesktopServices::install();
+    QApplication::setWindowIcon(CVTheme::icon(u"app/corvane"_s));
+
+    CVAppController controller;
+    QObject::connect(bus.get(), &LXApplicationBus::activated, &controller, &CVAppController::showMainWindow);
+    QObject::connect(bus.get(), &LXApplicationBus::opened, &controller,
+                     [&controller](const QStringList &paths, const QString &token) {
+                         controller.showMainWindow(token);
+                         controller.openFiles(paths);
+                     });
+    // What is started from now on must not end up in a process that is about to go.
+    QObject::connect(&controller, &CVAppController::terminating, &application, [&bus] { bus.reset(); });
+    QObject::connect(&controller, &CVAppController::terminated, &application, &QCoreApplication::quit,
+                     Qt::QueuedConnection);
+    const CVTerminationSignals signalsToTerminate([&controller] { controller.terminate(); });
+
+    controller.start(files);
+    return QApplication::exec();
+}
