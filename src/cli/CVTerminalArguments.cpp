@@ -407,7 +407,8 @@ QString CVTerminalArguments::help()
 {
     return uR"(Corvane opens archives, makes them, turns one kind into another, and splits and joins large files.
 
-  corvane FILE…                     extract archives; pack other files and folders by the settings
+  corvane [FILE…]                   where there is a display: the window, with FILE… in it; elsewhere:
+                                    extract archives; pack other files and folders by the settings
   corvane extract [options] ARCHIVE…
         --to DIR                    put the results into DIR, which is made if it is missing
                                     (otherwise: where the settings say, at first beside the archive)

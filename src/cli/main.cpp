@@ -12,11 +12,13 @@
 
 #include <QCoreApplication>
 
+#include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include <langinfo.h>
 #include <unistd.h>
@@ -80,12 +82,44 @@ int runList(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
     return status;
 }
 
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || !qEnvironmentVariableIsEmpty("DISPLAY");
+}
+
+/// Becomes the window, a program of its own beside this one, so that the terminal loads nothing of a window
+/// system. Returns only where there is none.
+void becomeWindow(const QStringList &paths)
+{
+    QByteArray program(PATH_MAX, '\0');
+    const ssize_t length =
+        ::readlink("/proc/self/exe", program.data(), static_cast<std::size_t>(program.size()));
+    if (length <= 0 || length == program.size())
+        return;
+    program.truncate(program.lastIndexOf('/', length) + 1);
+    program += "corvane-window";
+    std::vector<QByteArray> words = {program, "--"};
+    for (const QString &path : paths)
+        words.push_back(bytesOfFileName(path));
+    std::vector<char *> arguments;
+    for (QByteArray &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    ::execv(program.constData(), arguments.data());
+}
+
 /// Files of all kinds are packed; every other command opens archives.
 bool isPacking(const CVTerminalArguments &arguments)
 {
     return arguments.command == CVTerminalArguments::Command::Create ||
            (arguments.command == CVTerminalArguments::Command::Open &&
             CVPackCommand::areFilesToPack(arguments.paths));
+}
+
+/// Nothing but files: no command, and nothing that only the terminal understands.
+bool isOpeningOnly(const CVTerminalArguments &arguments)
+{
+    return arguments.command == CVTerminalArguments::Command::Open && !arguments.passwordFile;
 }
 
 int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTerminalPasswords &passwords)
@@ -151,6 +185,9 @@ int main(int argc, char **argv)
         areUtf8 = areUtf8 && QByteArrayView(argv[i]).isValidUtf8();
     }
     const auto parsed = CVTerminalArguments::parse(words);
+    const bool isForWindow = words.isEmpty() || (parsed && isOpeningOnly(parsed.value()));
+    if (isForWindow && hasDisplay())
+        becomeWindow(parsed ? parsed.value().paths : QStringList());
     if (!parsed) {
         terminal.message(parsed.error().description);
         terminal.detail(u"Try “corvane --help”."_s);

@@ -1,6 +1,9 @@
 #include "ui/window/CVWindowScreens.h"
 
 #include "archives/CVArchive.h"
+#include "ui/progress/CVAlertViewController.h"
+#include "ui/progress/CVPasswordViewController.h"
+#include "ui/progress/CVProgressController.h"
 #include "ui/window/CVDropBoxViewController.h"
 #include "ui/window/CVFileAnalysisViewController.h"
 
@@ -56,6 +59,20 @@ void CVWindowScreens::setupViewControllers()
     });
     m_forNavigation.fileAnalysis = m_fileAnalysis;
     m_forController.fileAnalysis = m_fileAnalysis;
+
+    auto *progress = new CVProgressController(this);
+    progress->setFilesDropped([this](const QStringList &paths) {
+        if (m_controller)
+            m_controller->controllerHasNewFilesDuringOperation(paths);
+    });
+    m_forNavigation.progress = progress;
+    m_forController.progress = progress;
+    auto *password = new CVPasswordViewController(*m_navigation, this);
+    m_forNavigation.password = password;
+    m_forController.password = password;
+    auto *alert = new CVAlertViewController(this);
+    m_forNavigation.alert = alert;
+    m_forController.alert = alert;
 
     m_navigation->setScreens(m_forNavigation);
     m_controller->setScreens(m_forController);

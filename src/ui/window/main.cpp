@@ -39,13 +39,14 @@ QString absolutePath(QByteArray path)
 {
     while (path.size() > 1 && path.endsWith('/'))
         path.chop(1);
+    while (path.startsWith("./"))
+        path.remove(0, 2);
     if (path.startsWith('/'))
         return fileNameFromBytes(path);
     const std::unique_ptr<char, decltype(&std::free)> folder(::getcwd(nullptr, 0), &std::free);
-    return folder ? fileNameFromBytes(QByteArray(folder.get()) + '/' + path) : QString();
+    return folder ? fileNameFromBytes(QByteArray(folder.get())) + u'/' + fileNameFromBytes(path) : QString();
 }
 
-/// The words that Qt has left.
 QStringList filesOf(int argc, char **argv)
 {
     QStringList files;
@@ -70,7 +71,9 @@ int main(int argc, char **argv)
 
     QGuiApplication::setHighDpiScaleFactorRoundingPolicy(Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
     QGuiApplication::setDesktopFileName(applicationId);
-    const QApplication application(argc, argv);
+    // Every word is a file; Qt would take "-style" for itself.
+    int wordsForQt = 1;
+    const QApplication application(wordsForQt, argv);
     QApplication::setApplicationName(u"corvane"_s);
     QApplication::setApplicationDisplayName(u"Corvane"_s);
     QApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
