@@ -1,6 +1,9 @@
 #include "ui/window/CVWindowScreens.h"
 
 #include "archives/CVArchive.h"
+#include "ui/options/CVConvertArchiveViewController.h"
+#include "ui/options/CVCreateArchiveViewController.h"
+#include "ui/options/CVSplitViewController.h"
 #include "ui/progress/CVAlertViewController.h"
 #include "ui/progress/CVPasswordViewController.h"
 #include "ui/progress/CVProgressController.h"
@@ -31,10 +34,7 @@ CVWindowScreens::CVWindowScreens(CVOperationController &controller, CVNavigation
         if (m_controller)
             m_controller->controllerHasNewFiles(paths);
     });
-    m_dropBox->setOpenFile([this] {
-        if (m_controller)
-            m_controller->openFile();
-    });
+    m_dropBox->setOpenFile(whileOpen([](CVOperationController &open) { open.openFile(); }));
     m_forNavigation.dropBox = m_dropBox;
     m_forController.dropBox = m_dropBox;
     m_forNavigation.resetDropBox = [this] { m_dropBox->reset(); };
@@ -53,10 +53,7 @@ CVWindowScreens::~CVWindowScreens() = default;
 void CVWindowScreens::setupViewControllers()
 {
     m_fileAnalysis = new CVFileAnalysisViewController(this);
-    m_fileAnalysis->setCancelled([this] {
-        if (m_controller)
-            m_controller->stopOperation();
-    });
+    m_fileAnalysis->setCancelled(whileOpen([](CVOperationController &open) { open.stopOperation(); }));
     m_forNavigation.fileAnalysis = m_fileAnalysis;
     m_forController.fileAnalysis = m_fileAnalysis;
 
@@ -74,8 +71,41 @@ void CVWindowScreens::setupViewControllers()
     m_forNavigation.alert = alert;
     m_forController.alert = alert;
 
+    setupOptionScreens();
+
     m_navigation->setScreens(m_forNavigation);
     m_controller->setScreens(m_forController);
+}
+
+void CVWindowScreens::setupOptionScreens()
+{
+    CVOptionServices services;
+    services.inputFiles = [this] { return m_controller ? m_controller->inputFiles() : CVFileNode::create(); };
+    services.bindingDelegate = m_controller->weak_from_this();
+
+    services.start = whileOpen([](CVOperationController &controller) { controller.createArchive(); });
+    auto *create = new CVCreateArchiveViewController(services, *m_navigation, this);
+    m_forNavigation.create = create;
+    m_forController.create = create;
+
+    services.start = whileOpen([](CVOperationController &controller) { controller.convertArchive(); });
+    auto *convert = new CVConvertArchiveViewController(services, *m_navigation, this);
+    m_forNavigation.convert = convert;
+    m_forController.convert = convert;
+
+    services.start = whileOpen([](CVOperationController &controller) { controller.splitFile(); });
+    auto *split = new CVSplitViewController(services, *m_navigation, this);
+    m_forNavigation.split = split;
+    m_forNavigation.setSplitFile = [split](const QString &path) { split->setFile(path); };
+    m_forController.split = split;
+}
+
+std::function<void()> CVWindowScreens::whileOpen(std::function<void(CVOperationController &)> call)
+{
+    return [this, call = std::move(call)] {
+        if (m_controller)
+            call(*m_controller);
+    };
 }
 
 void CVWindowScreens::windowWillClose()

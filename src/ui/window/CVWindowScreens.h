@@ -5,6 +5,7 @@
 
 #include <QObject>
 
+#include <functional>
 #include <memory>
 
 class CVDropBoxViewController;
@@ -28,6 +29,10 @@ public:
     void windowWillClose();
 
 private:
+    void setupOptionScreens();
+    /// What a button does, until the window closes.
+    std::function<void()> whileOpen(std::function<void(CVOperationController &)> call);
+
     CVOperationController *m_controller;
     CVNavigationController *m_navigation;
     CVNavigationController::Screens m_forNavigation;
