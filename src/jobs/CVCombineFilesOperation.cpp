@@ -102,14 +102,14 @@ void CVCombineFilesOperation::main()
                             .reason = tr("There is no part to combine."),
                             .suggestion = {}});
     const QString &first = inputs.first();
-    if (!isSplitFile(first))
+    const QString name = splitSetName(first);
+    if (!isSplitFile(first) || name.isEmpty() || name == u"." || name == u"..")
         return endAsFailed(
             {.domain = u"CorvaneErrorDomain"_s,
              .code = 1,
              .description = tr("Combine failed"),
              .reason = tr("“%1” is no part of a file that was split.").arg(LXDisplay::displayName(first)),
              .suggestion = tr("Name one of its parts, or its checksum file.")});
-    const QString name = splitSetName(first);
     delegate()->operationWorkingOnJob(this, tr("Combining file “%1”").arg(LXDisplay::displayName(name)));
     delegate()->operationProgressIconForFilename(this, name, false);
 

@@ -3,6 +3,7 @@
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVSplitOperationDataBinding.h"
 #include "jobs/CVJobFolders.h"
+#include "split/LXPropertyList.h"
 #include "split/split_exceptions.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
@@ -10,6 +11,7 @@
 #include <QCoreApplication>
 #include <QDir>
 
+#include <algorithm>
 #include <optional>
 
 #include <sys/stat.h>
@@ -30,8 +32,8 @@ QString lastComponent(const QString &path)
 
 QString withoutExtension(const QString &name)
 {
-    const qsizetype dot = name.lastIndexOf(u'.');
-    return dot > 0 ? name.left(dot) : name;
+    const QString stem = name.left(std::max<qsizetype>(0, name.lastIndexOf(u'.')));
+    return stem.isEmpty() || stem == u"." || stem == u".." ? name : stem;
 }
 
 /// What tells whether a file was written to.
@@ -105,6 +107,15 @@ bool CVSplitFileOperation::mayStart()
         return false;
     }
     splitter.setShouldCompress(m_data->compressionSetting() == 1);
+    const QString name = lastComponent(splitter.inputFileName());
+    if (splitter.shouldChecksum() && !LXPropertyList::canHold(name)) {
+        endAsFailed({.domain = u"FileSplitterErrorDomain"_s,
+                     .code = 2,
+                     .description = tr("“%1” was not split.").arg(LXDisplay::displayName(name)),
+                     .reason = tr("A list of checksums cannot hold a name with such characters."),
+                     .suggestion = tr("Rename the file, or split it without checksums.")});
+        return false;
+    }
     // Less than a byte is no size either.
     if (splitter.chunkSizeInBytes() == 0) {
         endAsFailed({.domain = QCoreApplication::applicationName(),
@@ -155,13 +166,16 @@ void CVSplitFileOperation::splitInto(const CVJobFolders &folders)
     LXResult<void> result;
     try {
         result = splitter.split();
-    } catch (const LXAssertionException &e) {
-        // Hardly any more, for data that grows by compression: the letters of the parts do not reach.
-        result = LXError{.domain = u"FileSplitterErrorDomain"_s,
-                         .code = 2,
-                         .description = {},
-                         .reason = QString::fromUtf8(e.what()),
-                         .suggestion = {}};
+    } catch (const LXAssertionException &) {
+        // For data that grows by compression: the letters of the parts do not reach.
+        LXError error =
+            jobError({.domain = u"FileSplitterErrorDomain"_s,
+                      .code = 2,
+                      .description = {},
+                      .reason = tr("Compressed, it needs more parts than their names can number."),
+                      .suggestion = {}});
+        error.suggestion = tr("Split it without compression.");
+        return isCancelled() ? endAsCancelled() : endAsFailed(error);
     }
     if (isCancelled() || (result && splitter.isCancelled()))
         return endAsCancelled();

@@ -5,6 +5,7 @@
 #include "split/LXChecksum.h"
 #include "split/LXPropertyList.h"
 #include "split/block_copy.h"
+#include "split/part_set.h"
 #include "split/split_exceptions.h"
 #include "split/split_names.h"
 #include "util/LXFileDescriptor.h"
@@ -15,11 +16,11 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QLoggingCategory>
+#include <QSet>
 
 #include <algorithm>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -42,29 +43,6 @@ QString text(const char *key)
     return QCoreApplication::translate("CVFileCombiner", key);
 }
 
-LXError setError(const char *description, const QString &reason, const QString &suggestion = {})
-{
-    return LXError{.domain = u"CorvaneErrorDomain"_s,
-                   .code = 1,
-                   .description = QString::fromLatin1(description),
-                   .reason = reason,
-                   .suggestion = suggestion};
-}
-
-LXError combineError(const char *reason, const QString &part = {})
-{
-    const QString sentence = text(reason);
-    return setError("Combine failed", part.isEmpty() ? sentence : sentence.arg(lastComponent(part)),
-                    text("Get the part again from where the set came from."));
-}
-
-LXError modifiedError(const QString &part)
-{
-    return setError("Verification failed",
-                    text("The file “%1” was modified since it was split and can't be combined.")
-                        .arg(lastComponent(part)));
-}
-
 LXError engineError(int code, const char *why)
 {
     LX_WARNING(lcCombiner, "Caught exception %s, will try to handle", why);
@@ -75,67 +53,10 @@ LXError engineError(int code, const char *why)
                    .suggestion = {}};
 }
 
-std::optional<quint64> fileSize(const QString &path)
+/// Names that a set cannot have made: of no file.
+bool isNoName(const QString &name)
 {
-    struct stat facts;
-    if (::stat(bytesOfFileName(path).constData(), &facts) != 0 || !S_ISREG(facts.st_mode))
-        return std::nullopt;
-    return static_cast<quint64>(facts.st_size);
-}
-
-LXFileDescriptor openForReading(const QString &path)
-{
-    LXFileDescriptor file(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC));
-    if (file.isOpen())
-        (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    return file;
-}
-
-bool isCompressed(const QString &part)
-{
-    return part.endsWith(u".zsplit"_s);
-}
-
-/// What the names and sizes of the sorted parts can show.
-LXResult<void> verifyShape(const QStringList &parts)
-{
-    const qsizetype length = partCodeOfPath(parts.first()).size();
-    const QString stem = parts.first().chopped(length + lastComponent(parts.first()).size() -
-                                               lastComponent(parts.first()).lastIndexOf(u'.'));
-    const QString kind = parts.first().mid(parts.first().lastIndexOf(u'.'));
-    quint64 expected = 0;
-    for (const QString &part : parts) {
-        const QString code = partCodeOfPath(part);
-        if (code.size() != length)
-            return combineError(
-                QT_TRANSLATE_NOOP("CVFileCombiner",
-                                  "The part “%1” does not belong to the same set as the others."),
-                part);
-        const quint64 number = partNumber(code);
-        if (number < expected)
-            return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” is there twice."), part);
-        if (number > expected)
-            return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” is missing."),
-                                stem + partCode(expected, static_cast<int>(length)) + kind);
-        ++expected;
-    }
-    // Raw sets have just as many letters as their number of parts needs.
-    if (!isCompressed(parts.first()) && partCodeLength(expected) != length)
-        return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” is missing."),
-                            stem + partCode(expected, static_cast<int>(length)) + kind);
-
-    const std::optional<quint64> size = fileSize(parts.first());
-    for (const QString &part : parts) {
-        const std::optional<quint64> own = fileSize(part);
-        if (!own)
-            return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” could not be read."),
-                                part);
-        const bool isLast = part == parts.last();
-        if ((isLast ? *own > *size : *own != *size) || (*own == 0 && parts.size() > 1))
-            return combineError(
-                QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” has not the size of the others."), part);
-    }
-    return {};
+    return name.isEmpty() || name == u"." || name == u"..";
 }
 
 } // namespace
@@ -150,15 +71,19 @@ QString CVFileCombiner::combineFileName() const
 
 LXResult<void> CVFileCombiner::combine()
 {
+    const auto failed = [this](int code, const char *why) {
+        cleanUp();
+        return engineError(code, why);
+    };
     try {
         actualCombine();
         return {};
     } catch (const Bzip2Exception &e) {
-        return engineError(0, e.what());
+        return failed(0, e.what());
     } catch (const LXFileHandleException &e) {
-        return engineError(e.isDiskFull() ? 1 : 2, e.what());
+        return failed(e.isDiskFull() ? 1 : 2, e.what());
     } catch (const FileCombinerIOException &e) {
-        return engineError(2, e.what());
+        return failed(2, e.what());
     } catch (const std::exception &e) {
         LX_WARNING(lcCombiner, "Can't handle exception, will re-raise %s", e.what());
         throw;
@@ -172,7 +97,7 @@ void CVFileCombiner::actualCombine()
     m_bytesWritten = 0;
     m_totalBytes = 0;
 
-    const LXResult<QStringList> parts = verifiedParts();
+    const auto parts = verifiedParts();
     if (!parts && !m_isCancelled)
         return fail(parts.error());
     if (!m_isCancelled) {
@@ -188,87 +113,99 @@ void CVFileCombiner::actualCombine()
     });
 }
 
-LXResult<QStringList> CVFileCombiner::verifiedParts()
+LXResult<std::vector<SplitPart>> CVFileCombiner::verifiedParts()
 {
     const QString &first = m_files.first();
     if (isCheckSumSplitFile(first) && m_files.size() == 1)
-        return setError("Combine failed", text("Cannot combine a single checksum file."));
+        return splitSetError("Combine failed", text("Cannot combine a single checksum file."));
     const QString name = splitSetName(first);
-    QStringList parts = partsOfSplitSet(m_files, name);
+    QStringList paths = isNoName(name) ? QStringList() : partsOfSplitSet(m_files, name);
     // A raw and a compressed set of one file may lie side by side: the one that was asked for counts.
     if (!isCheckSumSplitFile(first)) {
-        const bool compressed = isCompressed(first);
-        parts.removeIf([compressed](const QString &part) { return isCompressed(part) != compressed; });
+        const bool compressed = isCompressedPart(first);
+        paths.removeIf([compressed](const QString &path) { return isCompressedPart(path) != compressed; });
     }
-    parts.removeDuplicates();
-    sortParts(parts);
-    if (parts.isEmpty())
-        return setError("Combine failed",
-                        text("The files could not be combined, possibly because they are corrupt."));
+    paths.removeDuplicates();
+    sortParts(paths);
+    if (paths.isEmpty())
+        return splitSetError("Combine failed",
+                             text("The files could not be combined, possibly because they are corrupt."));
+    QStringList checksumFiles = m_files;
+    checksumFiles.removeIf(
+        [&name](const QString &path) { return !isCheckSumSplitFile(path) || splitSetName(path) != name; });
+    checksumFiles.removeDuplicates();
 
-    QString checksumFile;
-    for (const QString &path : m_files) {
-        if (isCheckSumSplitFile(path) && splitSetName(path) == name)
-            checksumFile = path;
+    std::vector<SplitPart> parts;
+    for (const QString &path : std::as_const(paths)) {
+        const LXResult<SplitPart> part = SplitPart::at(path);
+        if (!part && checksumFiles.isEmpty())
+            return part.error();
+        if (!part)
+            return modifiedPartError(path);
+        parts.push_back(part.value());
     }
-    if (!checksumFile.isEmpty()) {
-        if (m_delegate)
-            m_delegate->combineWillVerifyChecksums(*this);
+    if (!checksumFiles.isEmpty() && m_delegate)
+        m_delegate->combineWillVerifyChecksums(*this);
+    // With several lists of sums nobody knows which one is right: all have to be.
+    for (const QString &checksumFile : std::as_const(checksumFiles)) {
         if (const LXResult<void> verified = verifyChecksums(checksumFile, name, parts); !verified)
             return verified.error();
     }
-    if (const LXResult<void> verified = verifyShape(parts); !verified)
+    if (const LXResult<void> verified = verifyShapeOfSet(parts); !verified)
         return verified.error();
     return parts;
 }
 
 LXResult<void> CVFileCombiner::verifyChecksums(const QString &checksumFile, const QString &name,
-                                               const QStringList &parts)
+                                               const std::vector<SplitPart> &parts)
 {
-    const LXFileDescriptor opened = openForReading(checksumFile);
+    const LXFileDescriptor opened = openRegularFile(checksumFile);
     QFile file;
     if (!opened.isOpen() || !file.open(opened.get(), QIODevice::ReadOnly) ||
         file.size() > longestChecksumFile)
-        return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The file “%1” could not be read."),
-                            checksumFile);
+        return splitPartError(QT_TRANSLATE_NOOP("CVFileCombiner", "The file “%1” could not be read."),
+                              checksumFile);
     const LXResult<QMap<QString, QString>> sums = LXPropertyList::toStrings(file.readAll());
     if (!sums)
-        return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The checksums in “%1” could not be read."),
-                            checksumFile);
+        return splitPartError(QT_TRANSLATE_NOOP("CVFileCombiner", "The checksums in “%1” could not be read."),
+                              checksumFile);
 
-    const QString folder = parts.first().left(parts.first().lastIndexOf(u'/') + 1);
+    QSet<QString> present;
+    for (const SplitPart &part : parts)
+        present.insert(part.path);
+    const QString &first = parts.front().path;
+    const QString folder = first.left(first.lastIndexOf(u'/') + 1);
     QStringList listed;
     for (const QString &key : sums.value().keys()) {
         // Anything else would make us read files that have nothing to do with the set.
         if (key.contains(u'/') || partsOfSplitSet({key}, name).isEmpty())
-            return combineError(
+            return splitPartError(
                 QT_TRANSLATE_NOOP("CVFileCombiner",
                                   "The checksum file names “%1”, which is no part of this set."),
                 key);
         listed.append(folder + key);
+        if (!present.remove(listed.last()))
+            return modifiedPartError(key);
     }
-    for (const QString &path : listed) {
-        if (!fileSize(path))
-            return modifiedError(path);
-    }
-    for (const QString &part : parts) {
-        if (!listed.contains(part))
-            return combineError(
-                QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” is not in the list of checksums."), part);
+    for (const SplitPart &part : parts) {
+        if (present.contains(part.path))
+            return splitPartError(
+                QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” is not in the list of checksums."),
+                part.path);
     }
     const QMap<QString, QString> found =
         LXChecksum::checksumsOfFiles(listed, [this] { return isCancelled(); });
-    for (const QString &path : listed) {
-        if (found.value(path) != sums.value().value(lastComponent(path)) || !parts.contains(path))
-            return modifiedError(path);
+    for (const QString &path : std::as_const(listed)) {
+        if (found.value(path) != sums.value().value(lastComponent(path)))
+            return modifiedPartError(path);
     }
     return {};
 }
 
-LXResult<void> CVFileCombiner::concatenateFiles(const QStringList &parts, const QString &output)
+LXResult<void> CVFileCombiner::concatenateFiles(const std::vector<SplitPart> &parts, const QString &output)
 {
-    for (const QString &part : parts)
-        m_totalBytes += fileSize(part).value_or(0);
+    for (const SplitPart &part : parts)
+        m_totalBytes += part.size;
     LXFileDescriptor file(::open(bytesOfFileName(output).constData(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
     if (!file.isOpen()) {
@@ -276,38 +213,50 @@ LXResult<void> CVFileCombiner::concatenateFiles(const QStringList &parts, const 
             throw failure;
         throw FileCombinerIOException("Failed to create " + output.toStdString());
     }
+    m_isOurs = true;
     LXResult<void> joined =
-        isCompressed(parts.first()) ? joinCompressed(parts, file.get()) : joinRaw(parts, file.get());
+        isCompressedPart(parts.front().path) ? joinCompressed(parts, file.get()) : joinRaw(parts, file.get());
     if (joined && !m_isCancelled && !file.reset())
         throw LXFileHandleException();
     return joined;
 }
 
-LXResult<void> CVFileCombiner::joinRaw(const QStringList &parts, int output)
+LXResult<void> CVFileCombiner::joinRaw(const std::vector<SplitPart> &parts, int output)
 {
-    for (const QString &part : parts) {
-        const LXFileDescriptor input = openForReading(part);
-        if (!input.isOpen())
-            return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” could not be read."),
-                                part);
-        BlockCopier copier(input.get());
-        const quint64 size = fileSize(part).value_or(0);
-        for (quint64 done = 0; done < size && !m_isCancelled;) {
-            const quint64 wanted = std::min<quint64>(blockBytes, size - done);
-            if (copier.copy(done, output, m_bytesWritten, wanted) != wanted)
-                return combineError(
-                    QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” became shorter while it was read."),
-                    part);
-            done += wanted;
-            tellProgress(wanted);
+    for (const SplitPart &part : parts) {
+        const LXResult<LXFileDescriptor> input = part.open();
+        if (!input)
+            return input.error();
+        BlockCopier copier(input.value().get());
+        quint64 done = 0;
+        while (done < part.size && !m_isCancelled) {
+            const quint64 copied =
+                copier.copy(done, output, m_bytesWritten, std::min<quint64>(blockBytes, part.size - done));
+            if (copied == 0)
+                break;
+            done += copied;
+            tellProgress(copied);
         }
+        if (const LXResult<void> same = part.checkUnchanged(input.value()); !same)
+            return same;
+        if (done < part.size && !m_isCancelled)
+            throw FileCombinerIOException("A part ended before its size");
     }
     return {};
 }
 
-LXResult<void> CVFileCombiner::joinCompressed(const QStringList &parts, int output)
+LXResult<void> CVFileCombiner::joinCompressed(const std::vector<SplitPart> &parts, int output)
 {
     CVBzipFileWriter writer(output);
+    const auto decompress = [&](const auto &work) {
+        try {
+            work();
+        } catch (const Bzip2Exception &e) {
+            LX_WARNING(lcCombiner, "%s", e.what());
+            const auto [from, to] = writer.damage();
+            throw Bzip2Exception(sentenceAboutDamage(parts, from, to).toStdString());
+        }
+    };
     writer.open();
     std::string pending;
     std::string block(blockBytes, '\0');
@@ -316,13 +265,12 @@ LXResult<void> CVFileCombiner::joinCompressed(const QStringList &parts, int outp
         pending.erase(0, taken);
         tellProgress(taken);
     };
-    for (const QString &part : parts) {
-        const LXFileDescriptor input = openForReading(part);
-        if (!input.isOpen())
-            return combineError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” could not be read."),
-                                part);
+    for (const SplitPart &part : parts) {
+        const LXResult<LXFileDescriptor> input = part.open();
+        if (!input)
+            return input.error();
         while (!m_isCancelled) {
-            const ssize_t got = ::read(input.get(), block.data(), block.size());
+            const ssize_t got = ::read(input.value().get(), block.data(), block.size());
             if (got < 0 && errno == EINTR)
                 continue;
             if (got < 0)
@@ -330,18 +278,20 @@ LXResult<void> CVFileCombiner::joinCompressed(const QStringList &parts, int outp
             if (got == 0)
                 break;
             pending.append(block.data(), static_cast<std::size_t>(got));
-            offer();
+            decompress(offer);
         }
+        if (const LXResult<void> same = part.checkUnchanged(input.value()); !same)
+            return same;
     }
     while (!pending.empty() && !m_isCancelled)
-        offer();
+        decompress(offer);
     if (m_isCancelled)
         return {};
-    writer.close();
+    decompress([&] { writer.close(); });
     if (!writer.hasEnded())
-        return combineError(
+        return splitPartError(
             QT_TRANSLATE_NOOP("CVFileCombiner", "The set is cut off: after the part “%1” there are more."),
-            parts.last());
+            parts.back().path);
     return {};
 }
 
@@ -374,7 +324,7 @@ void CVFileCombiner::combineCancelled()
 
 void CVFileCombiner::cleanUp()
 {
-    if (m_files.isEmpty())
+    if (!std::exchange(m_isOurs, false))
         return;
     const QString path = combineFileName();
     if (::unlink(bytesOfFileName(path).constData()) != 0 && errno != ENOENT)

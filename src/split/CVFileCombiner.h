@@ -6,10 +6,10 @@
 #include <QStringList>
 
 #include <atomic>
-#include <memory>
+#include <vector>
 
 class CVFileCombiner;
-class CVFileWriter;
+struct SplitPart;
 
 /// Hears of a combination: on the thread that runs it, but of its completion and of a cancel that it found
 /// itself on the main thread, while that thread waits.
@@ -31,8 +31,8 @@ public:
 ///
 /// Verifies first what the set can show: no part is missing or twice, all but the last are of one size, and,
 /// where a checksum file is among the files, exactly the parts that it lists are there and unchanged.
-/// A compressed set has to come to the end of its stream, not before it and not with bytes left. After a
-/// failure or a cancel there is no joined file.
+/// A compressed set has to come to the end of its stream, not before it and not with bytes left. Parts that
+/// change meanwhile are noticed. After a failure or a cancel there is no joined file.
 /// Memory: bounded, whatever the sizes. Thread: one; requestCancel() from any.
 class CVFileCombiner
 {
@@ -56,7 +56,8 @@ public:
     QString combineFileName() const;
 
     /// Error codes in "FileCombinerErrorDomain": 0 the compressed stream is damaged, 1 the disk is full,
-    /// 2 anything else with files. What the delegate was told as combineFailed() is no error here.
+    /// 2 anything else with files. The reason names the part where it can. What the delegate was told as
+    /// combineFailed() is no error here.
     LXResult<void> combine();
 
     /// Stops, removes the joined file and tells the delegate at once. On the thread that combines.
@@ -64,19 +65,19 @@ public:
     /// Any thread, also before it begins: combine() stops at the next block, removes the joined file and
     /// tells.
     void requestCancel() { m_isCancelled = true; }
-    /// Removes the joined file.
+    /// Removes the joined file, if it is one that this object made.
     void cleanUp();
 
     static constexpr const char *errorDomain = "FileCombinerErrorDomain";
 
 private:
     void actualCombine();
-    LXResult<QStringList> verifiedParts();
+    LXResult<std::vector<SplitPart>> verifiedParts();
     LXResult<void> verifyChecksums(const QString &checksumFile, const QString &name,
-                                   const QStringList &parts);
-    LXResult<void> concatenateFiles(const QStringList &parts, const QString &output);
-    LXResult<void> joinRaw(const QStringList &parts, int output);
-    LXResult<void> joinCompressed(const QStringList &parts, int output);
+                                   const std::vector<SplitPart> &parts);
+    LXResult<void> concatenateFiles(const std::vector<SplitPart> &parts, const QString &output);
+    LXResult<void> joinRaw(const std::vector<SplitPart> &parts, int output);
+    LXResult<void> joinCompressed(const std::vector<SplitPart> &parts, int output);
     void tellProgress(quint64 bytes);
     void fail(const LXError &error);
     void combineCancelled();
@@ -86,6 +87,7 @@ private:
     CVCombineDelegate *m_delegate = nullptr;
     std::atomic<bool> m_isCancelled = false;
     std::atomic<bool> m_cancelTold = false;
+    bool m_isOurs = false; ///< the joined file
     quint64 m_bytesWritten = 0;
     quint64 m_totalBytes = 0;
 };

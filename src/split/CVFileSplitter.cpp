@@ -120,10 +120,12 @@ void CVFileSplitter::actualSplit()
         throw LXAssertionException("No output file, please set one via the outputFileName property");
     if (chunkBytes == 0)
         throw LXAssertionException("Chunk size must be greater than 0, was 0");
+    if (m_shouldChecksum && !LXPropertyList::canHold(lastComponent(m_inputFileName)))
+        throw FileSplitterIOException("A list of checksums cannot hold the name of the file");
     m_suffixLength = partCodeLength(numberOfChunksForFile(m_inputFileName, chunkBytes));
     m_totalBytes = fileSize(m_inputFileName);
 
-    const LXFileDescriptor input(::open(bytesOfFileName(m_inputFileName).constData(), O_RDONLY | O_CLOEXEC));
+    const LXFileDescriptor input = openRegularFile(m_inputFileName);
     if (!input.isOpen())
         throw LXFileHandleException();
     if (m_shouldCompress) {
@@ -163,6 +165,9 @@ void CVFileSplitter::copyRaw(int input, quint64 chunkBytes)
                    },
                .tell = [this](std::uint64_t bytes) { tellProgress(bytes); },
                .stop = m_isCancelled});
+    char more = 0;
+    if (!m_isCancelled && ::pread(input, &more, 1, static_cast<off_t>(m_totalBytes)) > 0)
+        throw FileSplitterIOException("The file became longer while it was split");
 }
 
 void CVFileSplitter::writeBlocks(CVBzipFileReader &reader, quint64 chunkBytes)
@@ -237,8 +242,11 @@ void CVFileSplitter::writeChecksumsForDestinationFile(const QString &outputFile)
     const QByteArray list = LXPropertyList::fromStrings(byName);
     LXFileDescriptor file(::open(bytesOfFileName(QString(outputFile + u".chksplit"_s)).constData(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
-    if (!file.isOpen())
+    if (!file.isOpen()) {
+        if (LXFileHandleException failure; failure.isDiskFull())
+            throw failure;
         throw FileSplitterIOException("Failed to write checksum");
+    }
     writeAll(file.get(), list.constData(), static_cast<std::size_t>(list.size()));
     if (!file.reset())
         throw LXFileHandleException();

@@ -63,6 +63,11 @@ bool CVBzipFileWriter::hasEnded() const
     return m_decoder && m_decoder->hasEnded();
 }
 
+std::pair<std::uint64_t, std::uint64_t> CVBzipFileWriter::damage() const
+{
+    return m_decoder ? m_decoder->damage() : std::pair<std::size_t, std::size_t>();
+}
+
 std::unique_ptr<CVFileWriter> CVFileWriterFactory::fileWriterWithOutputFile(int outputFile,
                                                                             bool shouldDecompress)
 {

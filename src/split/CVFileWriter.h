@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 /// Writes what it is given into a file, perhaps changed on the way. Calls in this order: open(), any number
 /// of writeData(), close(). The descriptor is borrowed and stays open.
@@ -50,6 +51,9 @@ public:
 
     /// The stream came to its end, and its checksum is right. Meant for after close().
     bool hasEnded() const;
+    /// After Bzip2Exception: the bytes of all that was taken, up to the second one, among which the wrong
+    /// ones are.
+    std::pair<std::uint64_t, std::uint64_t> damage() const;
 
 private:
     std::unique_ptr<class LXBzip2Decoder> m_decoder;

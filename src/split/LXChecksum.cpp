@@ -1,7 +1,6 @@
 #include "split/LXChecksum.h"
 
-#include "util/LXFileDescriptor.h"
-#include "util/LXFileName.h"
+#include "split/block_copy.h"
 
 #include <openssl/evp.h>
 
@@ -12,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -27,11 +26,10 @@ struct DigestFree
 
 std::optional<QString> LXChecksum::checksumFileAtPath(const QString &path, const ShouldStop &shouldStop)
 {
-    const LXFileDescriptor file(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC));
+    const LXFileDescriptor file = openRegularFile(path);
     const std::unique_ptr<EVP_MD_CTX, DigestFree> digest(EVP_MD_CTX_new());
     if (!file.isOpen() || !digest || EVP_DigestInit_ex(digest.get(), EVP_sha1(), nullptr) != 1)
         return std::nullopt;
-    (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     std::vector<char> block(blockBytes);
     for (;;) {
         if (shouldStop && shouldStop())

@@ -14,7 +14,8 @@ public:
     /// Asked between blocks; on several threads at once.
     using ShouldStop = std::function<bool()>;
 
-    /// 40 lower-case hexadecimal digits. Nothing when the file cannot be read to its end, or when stopped.
+    /// 40 lower-case hexadecimal digits. Nothing when it is no file that can be read to its end, or when
+    /// stopped.
     static std::optional<QString> checksumFileAtPath(const QString &path, const ShouldStop &shouldStop = {});
 
     /// Equal to the digit, in lower case. A file that cannot be read is not.

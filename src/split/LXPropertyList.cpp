@@ -2,7 +2,6 @@
 
 #include <QStringDecoder>
 #include <QXmlStreamReader>
-#include <QXmlStreamWriter>
 
 #include <cstdint>
 #include <optional>
@@ -41,9 +40,12 @@ LXResult<Strings> fromXml(const QByteArray &data)
             return malformed(u"A key comes twice."_s);
         strings.insert(key, xml.readElementText());
     }
-    // Up to its end, so that what is cut off is noticed.
-    while (!xml.atEnd())
-        xml.readNext();
+    // Up to its end, so that what is cut off is noticed. Nothing may be nested there: the reader keeps all
+    // elements that are open.
+    while (!xml.atEnd()) {
+        if (xml.readNext() == QXmlStreamReader::StartElement)
+            return malformed(u"It holds more than a dictionary."_s);
+    }
     if (xml.hasError())
         return malformed(xml.errorString());
     return strings;
@@ -164,22 +166,31 @@ private:
 
 } // namespace
 
+bool LXPropertyList::canHold(const QString &string)
+{
+    for (qsizetype i = 0; i < string.size(); ++i) {
+        const QChar c = string.at(i);
+        if (c.isHighSurrogate() && i + 1 < string.size() && string.at(i + 1).isLowSurrogate())
+            ++i;
+        else if (c.isSurrogate() || c >= u'\xfffe' || (c < u' ' && c != u'\t' && c != u'\n' && c != u'\r'))
+            return false;
+    }
+    return true;
+}
+
 QByteArray LXPropertyList::fromStrings(const QMap<QString, QString> &strings)
 {
-    QByteArray data;
-    QXmlStreamWriter xml(&data);
-    xml.setAutoFormatting(true);
-    xml.setAutoFormattingIndent(-1);
-    xml.writeStartDocument();
-    xml.writeStartElement(u"plist"_s);
-    xml.writeAttribute(u"version"_s, u"1.0"_s);
-    xml.writeStartElement(u"dict"_s);
+    QByteArray data = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n";
+    const auto element = [&data](const char *name, const QString &text) {
+        QString escaped = text.toHtmlEscaped();
+        escaped.replace(u'\r', "&#13;"_L1); // readers take a bare one for a newline
+        data += QByteArray("\t<") + name + '>' + escaped.toUtf8() + "</" + name + ">\n";
+    };
     for (auto it = strings.begin(); it != strings.end(); ++it) {
-        xml.writeTextElement(u"key"_s, it.key());
-        xml.writeTextElement(u"string"_s, it.value());
+        element("key", it.key());
+        element("string", it.value());
     }
-    xml.writeEndDocument();
-    return data;
+    return data + "</dict>\n</plist>\n";
 }
 
 LXResult<QMap<QString, QString>> LXPropertyList::toStrings(const QByteArray &data)

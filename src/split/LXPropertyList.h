@@ -10,6 +10,11 @@
 /// binary form ("bplist00"). Pure; any thread.
 namespace LXPropertyList {
 
+/// Whether the XML form has all of its characters. It lacks most control characters and everything that is no
+/// text, which names of files may hold.
+bool canHold(const QString &string);
+
+/// Of strings that it can hold.
 QByteArray fromStrings(const QMap<QString, QString> &strings);
 
 /// Fails for anything else than a dictionary whose values are all texts, and for a key that comes twice.

@@ -1,10 +1,13 @@
 #include "split/block_copy.h"
 
 #include "split/split_exceptions.h"
+#include "util/LXFileName.h"
 
 #include <algorithm>
 #include <limits>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -27,6 +30,22 @@ void writeAllAt(int file, const char *data, std::size_t size, off_t at)
 }
 
 } // namespace
+
+LXFileDescriptor openRegularFile(const QString &path)
+{
+    LXFileDescriptor file(
+        ::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat facts;
+    if (!file.isOpen())
+        return file;
+    if (::fstat(file.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) {
+        file.reset();
+        errno = EINVAL;
+        return file;
+    }
+    (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return file;
+}
 
 void writeAll(int file, const char *data, std::size_t size)
 {

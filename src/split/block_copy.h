@@ -1,8 +1,16 @@
 #pragma once
 
+#include "util/LXFileDescriptor.h"
+
+#include <QString>
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+/// Opens it for reading, from begin to end. Not open where it is no regular file: a pipe would be waited for,
+/// and a device has no end.
+LXFileDescriptor openRegularFile(const QString &path);
 
 /// Writes all of it at the descriptor's position. Raises LXFileHandleException.
 void writeAll(int file, const char *data, std::size_t size);

@@ -44,6 +44,8 @@ private:
 struct Block
 {
     Bits bits;               ///< from its mark on
+    std::size_t from = 0;    ///< byte of the stream in which it begins
+    std::size_t to = 0;      ///< and the one before which it ends, with the mark behind it
     bool beforeEnd = false;  ///< what follows is the mark of the end
     std::uint32_t sum = 0;   ///< beforeEnd: the stream's checksum as stored there
     std::size_t endByte = 0; ///< beforeEnd: bytes of the stream up to its end
@@ -69,6 +71,7 @@ struct LXBzip2Decoder::Private
     int blockLevel = 0;         ///< 0: the header is not complete yet
     std::uint32_t checksum = 0;
     bool ended = false;
+    std::pair<std::size_t, std::size_t> damage;
 
     std::mutex mutex; // what follows
     std::condition_variable changed;
@@ -86,11 +89,12 @@ struct LXBzip2Decoder::Private
     void add(std::shared_ptr<Block> block);
     bool takeFirst();
     bool joinFirst(std::unique_lock<std::mutex> &lock, int status);
-    [[noreturn]] static void fail(int status);
+    [[noreturn]] void fail(int status, std::size_t from, std::size_t to);
 };
 
-void LXBzip2Decoder::Private::fail(int status)
+void LXBzip2Decoder::Private::fail(int status, std::size_t from, std::size_t to)
 {
+    damage = {from, to};
     throw LXBzip2Error("BZ2_bzDecompress failed with status " + std::to_string(status), status);
 }
 
@@ -178,15 +182,15 @@ bool LXBzip2Decoder::Private::readHeader()
     constexpr std::string_view magic = "BZh";
     const std::size_t known = std::min(buffer.size(), magic.size());
     if (std::string_view(buffer).substr(0, known) != magic.substr(0, known))
-        fail(BZ_DATA_ERROR_MAGIC);
+        fail(BZ_DATA_ERROR_MAGIC, 0, known);
     constexpr std::size_t headerBytes = (headerBits + markBits) / 8;
     if (buffer.size() < headerBytes)
         return false;
     if (buffer[3] < '1' || buffer[3] > '9')
-        fail(BZ_DATA_ERROR_MAGIC);
+        fail(BZ_DATA_ERROR_MAGIC, 0, magic.size() + 1);
     const std::uint64_t first = bitsAt(buffer.data(), headerBits, markBits);
     if (first != blockMark && first != endMark)
-        fail(BZ_DATA_ERROR);
+        fail(BZ_DATA_ERROR, headerBits / 8, headerBytes);
     blockLevel = buffer[3] - '0';
     scanned = headerBits / 8;
     blockStart = headerBits;
@@ -216,7 +220,7 @@ void LXBzip2Decoder::Private::scan()
         ++scanned;
     }
     if (!ended && scanned * 8 > blockStart + longestBlockBits)
-        fail(BZ_DATA_ERROR);
+        fail(BZ_DATA_ERROR, blockStart / 8, known);
     // What was cut out or passed is not needed any more.
     if (const std::size_t keep = std::min(scanned, blockStart / 8); keep > bufferStart) {
         buffer.erase(0, keep - bufferStart);
@@ -234,6 +238,8 @@ void LXBzip2Decoder::Private::foundMark(std::size_t bit, bool isEnd)
     const std::size_t base = bufferStart * 8;
     auto block = std::make_shared<Block>();
     block->bits.append(bytes, blockStart - base, bit - base);
+    block->from = blockStart / 8;
+    block->to = (bit + markBits + 7) / 8;
     if (isEnd) {
         block->beforeEnd = true;
         block->sum = static_cast<std::uint32_t>(bitsAt(bytes, bit - base + markBits, checksumBits));
@@ -294,7 +300,7 @@ bool LXBzip2Decoder::Private::takeFirst()
     if (block->status != BZ_STREAM_END) {
         // What came out before it failed is out, as it would be from libbz2.
         if (hasOutput || block->status != BZ_DATA_ERROR)
-            fail(block->status);
+            fail(block->status, block->from, block->to);
         return joinFirst(lock, block->status);
     }
     if (block->bits.size() > 0)
@@ -302,7 +308,7 @@ bool LXBzip2Decoder::Private::takeFirst()
             checksum, static_cast<std::uint32_t>(bitsAt(block->bits.bytes().data(), markBits, checksumBits)));
     if (block->beforeEnd) {
         if (checksum != block->sum)
-            fail(BZ_DATA_ERROR);
+            fail(BZ_DATA_ERROR, 0, block->endByte); // blocks are missing or in another order
         ended = true;
         return false;
     }
@@ -344,10 +350,10 @@ bool LXBzip2Decoder::Private::joinFirst(std::unique_lock<std::mutex> &lock, int 
             return true;
         }
         if (hasOutput)
-            fail(result);
+            fail(result, blocks.front()->from, next->to);
     }
     if (blocks.size() > joinsAllowed)
-        fail(status);
+        fail(status, blocks.front()->from, blocks.front()->to);
     return false;
 }
 
@@ -374,6 +380,11 @@ LXBzip2Decoder::~LXBzip2Decoder()
     d->workers.clear();
 }
 
+std::pair<std::size_t, std::size_t> LXBzip2Decoder::damage() const
+{
+    return d->damage;
+}
+
 bool LXBzip2Decoder::hasEnded() const
 {
     return d->ended;
@@ -381,8 +392,10 @@ bool LXBzip2Decoder::hasEnded() const
 
 std::size_t LXBzip2Decoder::feed(const char *data, std::size_t size)
 {
-    if (d->ended)
-        Private::fail(BZ_SEQUENCE_ERROR);
+    if (d->ended) {
+        const std::size_t end = d->blocks.front()->endByte;
+        d->fail(BZ_SEQUENCE_ERROR, end, end + size);
+    }
     const std::size_t before = d->bufferStart + d->buffer.size();
     d->buffer.append(data, size);
     if (d->blockLevel == 0 && !d->readHeader())
@@ -400,5 +413,5 @@ void LXBzip2Decoder::finish()
     }
     // What is left did not decode, and nothing that it could go on in will come.
     if (!d->ended && !d->blocks.empty())
-        Private::fail(BZ_DATA_ERROR);
+        d->fail(BZ_DATA_ERROR, d->blocks.front()->from, d->blocks.front()->to);
 }

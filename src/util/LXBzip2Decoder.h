@@ -2,6 +2,8 @@
 
 #include "util/LXBzip2Encoder.h"
 
+#include <utility>
+
 /// Decompresses one bzip2 stream on all cores.
 ///
 /// A stream says nowhere where its blocks begin, so their mark is looked for at every bit. Bits that only
@@ -32,6 +34,9 @@ public:
 
     /// The end of the stream was reached and its checksum is right.
     bool hasEnded() const;
+
+    /// After LXBzip2Error: the bytes of the stream, up to the second one, among which the wrong ones are.
+    std::pair<std::size_t, std::size_t> damage() const;
 
 private:
     struct Private;

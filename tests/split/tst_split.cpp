@@ -4,20 +4,24 @@
 #include "split/CVFileWriter.h"
 #include "split/LXChecksum.h"
 #include "split/LXPropertyList.h"
+#include "split/block_copy.h"
 #include "split/split_exceptions.h"
 #include "split/split_names.h"
+#include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 
 #include <QDir>
 #include <QFile>
 #include <QLoggingCategory>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <bzlib.h>
 
 #include <algorithm>
+#include <functional>
 #include <random>
 
 #include <fcntl.h>
@@ -72,6 +76,7 @@ public:
     void combineHasMadeProgress(CVFileCombiner &combiner, quint64 bytes, quint64) override
     {
         done = bytes;
+        meanwhile();
         if (cancelAt && bytes >= *cancelAt)
             combiner.cancel();
     }
@@ -87,6 +92,7 @@ public:
     LXError error;
     quint64 done = 0;
     std::optional<quint64> cancelAt;
+    std::function<void()> meanwhile = [] {};
 };
 
 struct Set
@@ -120,15 +126,17 @@ struct Joined
     QByteArray data;
 };
 
-Joined combine(const QStringList &files, const QString &folder)
+Joined combine(
+    const QStringList &files, const QString &folder, const std::function<void()> &meanwhile = [] {})
 {
     Joined joined;
+    joined.heard.meanwhile = meanwhile;
     CVFileCombiner combiner;
     combiner.setFiles(files);
     combiner.setDestinationPath(folder);
     combiner.setDelegate(&joined.heard);
     joined.result = combiner.combine();
-    joined.exists = QFile::exists(combiner.combineFileName());
+    joined.exists = QFileInfo(combiner.combineFileName()).isFile();
     if (joined.exists) {
         joined.data = read(combiner.combineFileName());
         QFile::remove(combiner.combineFileName());
@@ -160,6 +168,9 @@ private Q_SLOTS:
     void dataAndHoles();
     void randomDamage_data();
     void randomDamage();
+    void namesThatAreNoText();
+    void strangeFiles_data();
+    void strangeFiles();
     void refusedSets_data();
     void refusedSets();
     void propertyLists();
@@ -301,7 +312,8 @@ void TestSplit::oddNames_data()
     QTest::newRow("signs of patterns") << u"a (1) [x]+.mp4"_s;
     QTest::newRow("letters like a code") << u"x.b.split.c"_s;
     QTest::newRow("no extension") << u"data"_s;
-    QTest::newRow("newline and mark-up") << u"a\n<&>.bin"_s;
+    QTest::newRow("newlines and mark-up") << u"a\n\r<&\"'>\t.bin"_s;
+    QTest::newRow("only dots") << u"..."_s;
     QTest::newRow("japanese") << u"写真.zip"_s;
 }
 
@@ -423,6 +435,7 @@ void TestSplit::randomDamage()
     const QString kind = compress ? u".zsplit"_s : u".split"_s;
 
     unsigned refused = 0;
+    bool namedTheDamage = checksum;
     for (unsigned seed = 0; seed < runs; ++seed) {
         std::mt19937 random(seed);
         const auto any = [&](qsizetype count) {
@@ -471,6 +484,12 @@ void TestSplit::randomDamage()
         const Joined back = combine(paths, out);
         const bool delivered = back.result && back.heard.calls.endsWith(u'c');
         QVERIFY2(delivered == back.exists || !back.result, qPrintable(QString::number(seed)));
+        if (!back.result && back.result.error().reason.endsWith(u"damaged.") && seed % 7 == 0) {
+            const QStringList named = back.result.error().reason.split(QRegularExpression(u"[“”]"_s));
+            const QString &last = named[named.size() > 3 ? 3 : 1];
+            QVERIFY2(named[1] <= victim && victim <= last, qPrintable(victim + back.result.error().reason));
+            namedTheDamage = true;
+        }
         // Damage that the bytes do not show (padding bits, a swap with itself) may be delivered: right.
         if (delivered)
             QVERIFY2(back.data == data, qPrintable(QString::number(seed)));
@@ -480,6 +499,7 @@ void TestSplit::randomDamage()
             QFile::remove(path);
     }
     // All but some of the swaps and renames, which change nothing between equal parts.
+    QVERIFY(namedTheDamage);
     QVERIFY2(refused > runs * 9 / 10 - 3, qPrintable(QString::number(refused)));
 }
 
@@ -501,6 +521,11 @@ void TestSplit::refusedSets_data()
                                      << u"The part “m.b.split” has not the size of the others."_s;
     QTest::newRow("two widths") << QStringList{u"m.a.split 10"_s, u"m.ab.split 10"_s} << none
                                 << u"The part “m.ab.split” does not belong to the same set as the others."_s;
+    QTest::newRow("of no name") << QStringList{u".a.split"_s} << none
+                                << u"The files could not be combined, possibly because they are corrupt."_s;
+    QTest::newRow("of the folder's name")
+        << QStringList{u"...a.split 10"_s} << none
+        << u"The files could not be combined, possibly because they are corrupt."_s;
     QTest::newRow("only sums") << QStringList() << u"m.a.split"_s
                                << u"Cannot combine a single checksum file."_s;
     QTest::newRow("listed, but gone")
@@ -536,6 +561,105 @@ void TestSplit::refusedSets()
     QCOMPARE(back.heard.calls.right(2), u"fx"_s);
     QTEST(back.heard.error.reason, "reason");
     QVERIFY(!back.exists);
+}
+
+// Parts may have any name; a list of sums, which is a text, may not.
+void TestSplit::namesThatAreNoText()
+{
+    const QTemporaryDir folder;
+    QDir(folder.path()).mkdir(u"out"_s);
+    const QByteArray data = randomBytes(250, 2);
+    for (const QByteArray &name : {QByteArray("caf\xe9"), QByteArray("bell\a")}) {
+        const QString input = folder.path() + u'/' + fileNameFromBytes(name);
+        const LXFileDescriptor file(::open(bytesOfFileName(input).constData(), O_WRONLY | O_CREAT, 0600));
+        QCOMPARE(::write(file.get(), data.constData(), 250), 250);
+        const Set refused = split(input, folder.path(), false, true);
+        QVERIFY(!refused.result);
+        QVERIFY(refused.parts.isEmpty());
+        const Set set = split(input, folder.path(), false, false);
+        QVERIFY(set.result);
+        CVFileCombiner combiner;
+        combiner.setFiles(set.parts);
+        combiner.setDestinationPath(folder.filePath(u"out"_s));
+        QVERIFY(combiner.combine());
+        const LXFileDescriptor back = openRegularFile(combiner.combineFileName());
+        QByteArray bytes(300, '\0');
+        QCOMPARE(::read(back.get(), bytes.data(), 300), 250);
+        QCOMPARE(bytes.left(250), data);
+    }
+}
+
+void TestSplit::strangeFiles_data()
+{
+    QTest::addColumn<QString>("name"); ///< what is done to a set m of three parts with sums
+    QTest::addColumn<QString>("deed");
+    QTest::addColumn<QString>("reason");
+    const QString modified = u"The file “%1” was modified since it was split and can't be combined."_s;
+    QTest::newRow("a pipe for a part") << u"m.b.split"_s << u"pipe"_s << modified.arg(u"m.b.split"_s);
+    QTest::newRow("a folder for a part") << u"m.b.split"_s << u"folder"_s << modified.arg(u"m.b.split"_s);
+    QTest::newRow("a pipe for the sums")
+        << u"m.chksplit"_s << u"pipe"_s << u"The file “m.chksplit” could not be read."_s;
+    QTest::newRow("a device for the sums")
+        << u"m.chksplit"_s << u"device"_s << u"The file “m.chksplit” could not be read."_s;
+    QTest::newRow("written to while it is read")
+        << u"m.c.split"_s << u"write"_s << u"The part “m.c.split” was changed while it was read."_s;
+    QTest::newRow("replaced while it is read")
+        << u"m.c.split"_s << u"replace"_s << u"The part “m.c.split” was changed while it was read."_s;
+    QTest::newRow("a second list of sums, of another set")
+        << u"m.b.split"_s << u"sums"_s << modified.arg(u"m.b.split"_s);
+    QTest::newRow("linked to") << u"m.b.split"_s << u"link"_s << QString();
+    QTest::newRow("listed twice") << u"m.b.split"_s << u"again"_s << QString();
+}
+
+void TestSplit::strangeFiles()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, deed);
+    const QTemporaryDir folder;
+    const QByteArray data = randomBytes(250, 2);
+    write(folder.filePath(u"m"_s), data);
+    QDir(folder.path()).mkdir(u"set"_s);
+    QDir(folder.path()).mkdir(u"out"_s);
+    const QString prefix = folder.filePath(u"set/"_s);
+    QStringList files = split(folder.filePath(u"m"_s), prefix.chopped(1), false, true).all;
+    const QString path = prefix + name;
+    const QByteArray nativePath = QFile::encodeName(path);
+    std::function<void()> meanwhile = [] {};
+    if (deed == u"pipe") {
+        QVERIFY(QFile::remove(path));
+        QCOMPARE(::mkfifo(nativePath.constData(), 0600), 0);
+    } else if (deed == u"folder") {
+        QVERIFY(QFile::remove(path) && QDir().mkdir(path));
+    } else if (deed == u"device") {
+        QVERIFY(QFile::remove(path) && QFile::link(u"/dev/zero"_s, path));
+    } else if (deed == u"link") {
+        QVERIFY(QFile::rename(path, folder.filePath(u"elsewhere"_s)) &&
+                QFile::link(folder.filePath(u"elsewhere"_s), path));
+    } else if (deed == u"again") {
+        files.append(path);
+    } else if (deed == u"write") {
+        meanwhile = [path] {
+            QFile file(path);
+            if (file.open(QIODevice::ReadWrite))
+                file.write("other");
+        };
+    } else if (deed == u"replace") {
+        meanwhile = [path] { write(path, QByteArray(50, 'x')); };
+    } else {
+        files.append(folder.filePath(u"m.chksplit"_s));
+        QMap<QString, QString> sums;
+        for (const char *code : {"a", "b", "c"})
+            sums.insert(u"m.%1.split"_s.arg(QLatin1StringView(code)),
+                        *LXChecksum::checksumFileAtPath(
+                            prefix + (code[0] == 'b' ? u"m.a.split"_s
+                                                     : u"m.%1.split"_s.arg(QLatin1StringView(code)))));
+        write(files.last(), LXPropertyList::fromStrings(sums));
+    }
+    const Joined back = combine(files, folder.filePath(u"out"_s), meanwhile);
+    QTEST(back.heard.error.reason, "reason");
+    QCOMPARE(back.exists, back.heard.error.reason.isEmpty());
+    if (back.exists)
+        QCOMPARE(back.data, data);
 }
 
 void TestSplit::propertyLists()
@@ -593,6 +717,7 @@ void TestSplit::brokenPropertyLists_data()
         "<!ENTITY e "
         "\"&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;\">]><plist><dict><key>&e;</key><string>&e;</string></dict></"
         "plist>");
+    QTest::newRow("more than a dictionary") << QByteArray("<plist><dict></dict><a></a></plist>");
     QTest::newRow("binary without anything") << QByteArray("bplist00") + QByteArray(40, '\xff');
 }
 
@@ -694,6 +819,11 @@ void TestSplit::fullDisk()
     QCOMPARE(result.error().code, 2);
     QCOMPARE(result.error().domain, u"FileSplitterErrorDomain"_s);
     QVERIFY(splitter.outputFiles().isEmpty());
+
+    // A file that says nothing of its size must not be taken for an empty one.
+    splitter.setDestinationPath(folder.path());
+    splitter.setInputFileName(u"/proc/self/status"_s);
+    QVERIFY(!splitter.split());
 }
 
 QTEST_GUILESS_MAIN(TestSplit)
