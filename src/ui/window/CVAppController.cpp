@@ -5,6 +5,7 @@
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
 #include "platform/LXDesktopAppearance.h"
+#include "platform/desktop/LXApplicationBus.h"
 #include "sandbox/CVFileAuthenticator.h"
 #include "ui/base/CVTheme.h"
 #include "ui/window/CVFilePanels.h"
@@ -68,6 +69,17 @@ CVAppController::~CVAppController()
         m_waitsForJobs.join();
 }
 
+void CVAppController::setApplicationBus(std::unique_ptr<LXApplicationBus> bus)
+{
+    m_bus = std::move(bus);
+    connect(m_bus.get(), &LXApplicationBus::activated, this, &CVAppController::showMainWindow);
+    connect(m_bus.get(), &LXApplicationBus::opened, this,
+            [this](const QStringList &paths, const QString &token) {
+                showMainWindow(token);
+                openFiles(paths);
+            });
+}
+
 void CVAppController::start(const QStringList &files)
 {
     m_files = files;
@@ -128,7 +140,8 @@ void CVAppController::terminate()
     if (m_isTerminating)
         return;
     m_isTerminating = true;
-    Q_EMIT terminating();
+    if (m_bus)
+        m_bus.release()->deleteLater();
     while (!m_windows.empty())
         m_windows.front()->close();
     m_queue->cancelAll();

@@ -12,6 +12,7 @@
 
 class CVMainWindow;
 class CVOperationQueue;
+class LXApplicationBus;
 
 /// The application with a window: the one queue of jobs, the windows on it, what it is started with and how
 /// it ends. Main thread; needs LXMainThread and a QApplication, which should not quit with its last window.
@@ -27,6 +28,9 @@ public:
     /// Waits for jobs that are left; see terminate().
     ~CVAppController() override;
 
+    /// What later starts send; before start(). Let go when the end begins, so that what is started from then
+    /// on does not come to a process that is about to go.
+    void setApplicationBus(std::unique_ptr<LXApplicationBus> bus);
     /// Shows the first window. Its other screens and the files follow when it has been painted.
     void start(const QStringList &files);
     /// Nothing that was given at start waits any more.
@@ -46,8 +50,6 @@ public:
 
 Q_SIGNALS:
     void launchCompleted();
-    /// Windows begin to go.
-    void terminating();
     void terminated();
 
 private:
@@ -68,6 +70,7 @@ private:
                                                                LXAlertRequest &request) override;
 
     std::shared_ptr<CVOperationQueue> m_queue;
+    std::unique_ptr<LXApplicationBus> m_bus;
     std::vector<std::unique_ptr<CVWindowController>> m_windows; ///< in the order of opening
     QStringList m_files;                                        ///< given before the launch was complete
     int m_widthObserver = 0;

@@ -27,7 +27,7 @@ CVDropBoxView::CVDropBoxView(QWidget *parent)
     , m_picture(new CVDropBoxPicture(this))
     , m_title(new QLabel(tr("Drop files and folders here"), this))
     , m_subtitle(new QLabel(tr("Archives are opened. Everything else can be packed or split."), this))
-    , m_button(new QPushButton(tr("C&hoose Files…"), this))
+    , m_button(new QPushButton(tr("Ch&oose Files…"), this))
 {
     setObjectName(u"dropBox"_s);
     setAccessibleName(tr("Drop box"));

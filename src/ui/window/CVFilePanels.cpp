@@ -1,13 +1,15 @@
 #include "ui/window/CVFilePanels.h"
 
+#include "ui/base/CVTheme.h"
+
 #include <QApplication>
 #include <QCheckBox>
 #include <QFileDialog>
-#include <QItemSelectionModel>
+#include <QHeaderView>
 #include <QLineEdit>
-#include <QListView>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QStandardPaths>
 #include <QTreeView>
 
 #include <memory>
@@ -15,6 +17,8 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr QSize panelSize(760, 480);
 
 /// Answers with nothing if nobody has answered when its last owner goes.
 template <typename Value> class OneAnswer
@@ -71,6 +75,27 @@ private:
     QStringList m_chosen;
 };
 
+/// Qt's own panel is small, cuts its columns and knows two places.
+void furnish(QFileDialog *panel)
+{
+    QList<QUrl> places;
+    for (const auto place : {QStandardPaths::HomeLocation, QStandardPaths::DesktopLocation,
+                             QStandardPaths::DocumentsLocation, QStandardPaths::DownloadLocation}) {
+        const QUrl url = QUrl::fromLocalFile(QStandardPaths::writableLocation(place));
+        if (QFileInfo(url.toLocalFile()).isDir() && !places.contains(url))
+            places.append(url);
+    }
+    places.append(QUrl::fromLocalFile(u"/"_s));
+    panel->setSidebarUrls(places);
+    panel->setViewMode(QFileDialog::Detail);
+    panel->resize(CVTheme::scaled(panelSize.width()), CVTheme::scaled(panelSize.height()));
+    if (auto *list = panel->findChild<QTreeView *>(u"treeView"_s)) {
+        list->header()->setStretchLastSection(false);
+        list->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
+        list->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+    }
+}
+
 } // namespace
 
 void CVFilePanels::chooseFiles(QWidget *window, const QString &title, const QString &button, FilesDone done)
@@ -81,6 +106,7 @@ void CVFilePanels::chooseFiles(QWidget *window, const QString &title, const QStr
     panel->setOptions(QFileDialog::DontUseNativeDialog | QFileDialog::ReadOnly);
     panel->setFileMode(QFileDialog::ExistingFiles);
     panel->setLabelText(QFileDialog::Accept, button);
+    furnish(panel);
     const auto answer = std::make_shared<OneAnswer<QStringList>>(std::move(done));
     QObject::connect(panel, &QDialog::finished, panel, [panel, answer](int result) {
         answer->give(result == QDialog::Accepted ? std::optional(panel->chosen()) : std::nullopt);

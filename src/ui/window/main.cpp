@@ -90,14 +90,7 @@ int main(int argc, char **argv)
     QApplication::setWindowIcon(CVTheme::icon(u"app/corvane"_s));
 
     CVAppController controller;
-    QObject::connect(bus.get(), &LXApplicationBus::activated, &controller, &CVAppController::showMainWindow);
-    QObject::connect(bus.get(), &LXApplicationBus::opened, &controller,
-                     [&controller](const QStringList &paths, const QString &token) {
-                         controller.showMainWindow(token);
-                         controller.openFiles(paths);
-                     });
-    // What is started from now on must not end up in a process that is about to go.
-    QObject::connect(&controller, &CVAppController::terminating, &application, [&bus] { bus.reset(); });
+    controller.setApplicationBus(std::move(bus));
     QObject::connect(&controller, &CVAppController::terminated, &application, &QCoreApplication::quit,
                      Qt::QueuedConnection);
     const CVTerminationSignals signalsToTerminate([&controller] { controller.terminate(); });

@@ -98,9 +98,16 @@ bool WindowDriver::runTool(const QString &program, const QStringList &arguments)
     return false;
 }
 
+void WindowDriver::setApplicationBus(std::unique_ptr<LXApplicationBus> bus)
+{
+    m_bus = std::move(bus);
+}
+
 bool WindowDriver::start(const QStringList &files)
 {
     m_app = std::make_unique<CVAppController>();
+    if (m_bus)
+        m_app->setApplicationBus(std::move(m_bus));
     m_app->start(files);
     return QTest::qWaitFor([this] { return m_app->isLaunchComplete(); }, launchMilliseconds);
 }

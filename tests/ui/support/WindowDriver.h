@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/desktop/LXApplicationBus.h"
 #include "ui/window/CVAppController.h"
 
 #include <QString>
@@ -48,6 +49,8 @@ public:
     /// Runs an installed tool in the folder.
     bool runTool(const QString &program, const QStringList &arguments) const;
 
+    /// What later starts send; before start().
+    void setApplicationBus(std::unique_ptr<LXApplicationBus> bus);
     /// As with these words on the command line; waits until the launch is complete.
     bool start(const QStringList &files = {});
     /// Quits, and waits until every job has ended.
@@ -84,5 +87,6 @@ public:
 
 private:
     QTemporaryDir m_folder;
+    std::unique_ptr<LXApplicationBus> m_bus;
     std::unique_ptr<CVAppController> m_app;
 };

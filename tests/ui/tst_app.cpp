@@ -1,0 +1,268 @@
+#include "engine/control/CVOperationController.h"
+#include "engine/model/CVOperation.h"
+#include "engine/model/CVOperationQueue.h"
+#include "engine/model/CVSettings.h"
+#include "platform/desktop/LXApplicationBus.h"
+#include "ui/base/CVTheme.h"
+#include "ui/support/WindowDriver.h"
+#include "ui/window/CVDropBoxView.h"
+#include "ui/window/CVFilePanels.h"
+#include "ui/window/CVMainWindow.h"
+#include "util/LXFileName.h"
+#include "util/LXMainThread.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDialogButtonBox>
+#include <QFileDialog>
+#include <QMimeData>
+#include <QProcess>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTreeView>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/// Works until it is cancelled, and then wants something of the main thread, as jobs do.
+class StubbornJob final : public CVOperation
+{
+public:
+    void main() override
+    {
+        hasBegun = true;
+        std::mutex mutex;
+        std::unique_lock lock(mutex);
+        std::condition_variable_any().wait(lock, stopToken(), [] { return false; });
+        LXMainThread::wait([this] { wasHeard = true; });
+    }
+
+    std::atomic<bool> hasBegun = false;
+    std::atomic<bool> wasHeard = false;
+};
+
+QMimeData *uriList(const QByteArray &lines)
+{
+    auto *data = new QMimeData;
+    data->setData(u"text/uri-list"_s, lines);
+    return data;
+}
+
+} // namespace
+
+class TestApp : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void startsWithTheDropBox()
+    {
+        WindowDriver driver;
+        QVERIFY(driver.start());
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        QCOMPARE(driver.mainWindow()->windowTitle(), u"Corvane"_s);
+        QCOMPARE(driver.mainWindow()->focusWidget()->objectName(), u"chooseFiles"_s);
+        for (const QString &name : {u"fileAnalysis"_s, u"progress"_s, u"password"_s, u"alert"_s, u"create"_s})
+            QVERIFY2(driver.screen(name), qPrintable(name));
+        driver.picture(u"dropBox"_s);
+        QVERIFY(driver.end());
+    }
+
+    void localFilesOfADrop_data()
+    {
+        QTest::addColumn<QByteArray>("lines");
+        QTest::addColumn<QByteArrayList>("paths");
+        QTest::newRow("several, and a comment")
+            << QByteArray("#x\r\nfile:///a%20b\r\nfile:///c\r\n") << QByteArrayList{"/a b", "/c"};
+        QTest::newRow("a name that is no text")
+            << QByteArray("file:///a%ff.zip\r\n") << QByteArrayList{"/a\xff.zip"};
+        QTest::newRow("without line ends at the end")
+            << QByteArray("file:///a\nfile:///b") << QByteArrayList{"/a", "/b"};
+        QTest::newRow("twice the same") << QByteArray("file:///a\r\nfile:///a\r\n") << QByteArrayList{"/a"};
+        QTest::newRow("elsewhere") << QByteArray(
+                                          "https://example.org/a.zip\r\nfile://far.example.org/a\r\n/a\r\n")
+                                   << QByteArrayList();
+        QTest::newRow("a link with a mark") << QByteArray("file:///a%23b#c\r\n") << QByteArrayList{"/a#b#c"};
+        QTest::newRow("a name cut short by a zero") << QByteArray("file:///a%00b\r\n") << QByteArrayList();
+    }
+
+    void localFilesOfADrop()
+    {
+        QFETCH(QByteArray, lines);
+        const std::unique_ptr<QMimeData> data(uriList(lines));
+        QByteArrayList paths;
+        for (const QString &path : CVDropBoxView::localFiles(data.get()))
+            paths.append(bytesOfFileName(path));
+        QTEST(paths, "paths");
+    }
+
+    void dropAndPasteLeaveTheDropBox_data()
+    {
+        QTest::addColumn<bool>("pastes");
+        QTest::newRow("drop") << false;
+        QTest::newRow("paste") << true;
+    }
+
+    void dropAndPasteLeaveTheDropBox()
+    {
+        QFETCH(bool, pastes);
+        WindowDriver driver;
+        QVERIFY(driver.start());
+        const QString file = driver.makeFile(u"a note.txt"_s, "words");
+        if (pastes) {
+            QGuiApplication::clipboard()->setMimeData(uriList("file://" + file.toUtf8().replace(' ', "%20")));
+            QVERIFY(driver.click(u"paste"_s));
+        } else {
+            QVERIFY(driver.drop({file}));
+        }
+        QVERIFY(QTest::qWaitFor([&] { return driver.screenName() != u"dropBox"_s; }));
+        QVERIFY(driver.end());
+    }
+
+    void remoteDropIsNotTaken()
+    {
+        WindowDriver driver;
+        QVERIFY(driver.start());
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        QWidget *well = driver.screen(u"dropBox"_s)->view();
+        const std::unique_ptr<QMimeData> data(uriList("https://example.org/a.zip\r\n"));
+        QDropEvent event(well->rect().center(), Qt::CopyAction, data.get(), Qt::LeftButton, Qt::NoModifier);
+        event.ignore();
+        QApplication::sendEvent(well, &event);
+        QVERIFY(!event.isAccepted());
+        QCOMPARE(driver.screenName(), u"dropBox"_s);
+    }
+
+    void widthOfTheQueueFollowsTheSetting()
+    {
+        WindowDriver driver;
+        QVERIFY(driver.start());
+        QCOMPARE(driver.app().queue()->width(), 5);
+        CVSettings::setValue(CVSettingsKey::numberOfSimultaneousOperations, 2);
+        QCOMPARE(driver.app().queue()->width(), 2);
+        CVSettings::setValue(CVSettingsKey::numberOfSimultaneousOperations, -7);
+        QCOMPARE(driver.app().queue()->width(), 1);
+    }
+
+    void endsWithAJobUnderWay_data()
+    {
+        QTest::addColumn<QString>("by");
+        QTest::newRow("Quit") << "key";
+        QTest::newRow("the last window") << "window";
+        QTest::newRow("the session") << "terminate";
+    }
+
+    void endsWithAJobUnderWay()
+    {
+        QFETCH(QString, by);
+        WindowDriver driver;
+        QVERIFY(driver.start());
+        const auto job = std::make_shared<StubbornJob>();
+        driver.app().queue()->add(job);
+        QVERIFY(QTest::qWaitFor([&] { return job->hasBegun.load(); }));
+        QSignalSpy terminated(&driver.app(), &CVAppController::terminated);
+        if (by == "key"_L1) {
+            driver.mainWindow()->activateWindow();
+            QVERIFY(QTest::qWaitForWindowActive(driver.mainWindow()));
+            driver.press(Qt::Key_Q, Qt::ControlModifier);
+        } else if (by == "window"_L1) {
+            driver.mainWindow()->close();
+        } else {
+            driver.app().terminate();
+        }
+        QVERIFY(driver.app().isTerminating());
+        QVERIFY(!driver.app().mainWindowController());
+        QVERIFY(terminated.wait());
+        QVERIFY(job->isFinished());
+        QVERIFY(job->wasHeard);
+        // Nothing comes back to life.
+        driver.app().showMainWindow();
+        driver.app().openFiles({u"/tmp"_s});
+        QCOMPARE(terminated.size(), 1);
+    }
+
+    void laterStartReachesTheFirst()
+    {
+        QProcess daemon;
+        daemon.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
+        QVERIFY(daemon.waitForStarted());
+        QTRY_VERIFY(daemon.canReadLine());
+        const QByteArray address = daemon.readLine().trimmed();
+        qputenv("DBUS_SESSION_BUS_ADDRESS", address);
+
+        WindowDriver driver;
+        const QString file = driver.makeFile(u"folder/a\nb.txt"_s, "words");
+        auto bus = std::make_unique<LXApplicationBus>(u"org.corvane.Corvane"_s);
+        QCOMPARE(bus->claim(), LXApplicationBus::First);
+        driver.setApplicationBus(std::move(bus));
+        QVERIFY(driver.start());
+        driver.mainWindow()->showMinimized();
+
+        const auto runSecond = [&](const QStringList &words) {
+            QProcess second;
+            second.setWorkingDirectory(driver.path(u"folder"_s));
+            second.start(QStringLiteral(CORVANE_WINDOW), words);
+            QSignalSpy finished(&second, &QProcess::finished);
+            return finished.wait(20000) && second.exitStatus() == QProcess::NormalExit ? second.exitCode()
+                                                                                       : -1;
+        };
+        QCOMPARE(runSecond({}), 0);
+        QTRY_VERIFY(!driver.mainWindow()->isMinimized());
+        QCOMPARE(driver.screenName(), u"dropBox"_s);
+        QCOMPARE(runSecond({u"a\nb.txt"_s}), 0);
+        QVERIFY(QTest::qWaitFor([&] { return driver.screenName() != u"dropBox"_s; }));
+        QCOMPARE(driver.app().windowControllers().size(), std::size_t(1));
+        QVERIFY(driver.end());
+        daemon.terminate();
+        daemon.waitForFinished();
+    }
+
+    void panelTakesFilesAndFolders()
+    {
+        WindowDriver driver;
+        driver.makeFile(u"files/folder/x"_s, "x");
+        const QString file = driver.makeFile(u"files/one.zip"_s, "1");
+        QVERIFY(driver.start());
+        std::optional<QStringList> chosen;
+        int answers = 0;
+        const auto open = [&] {
+            CVFilePanels::chooseFiles(driver.mainWindow(), u"Open"_s, u"&Open"_s, [&](auto paths) {
+                chosen = std::move(paths);
+                ++answers;
+            });
+            auto *panel = driver.mainWindow()->findChildren<QFileDialog *>(u"filePanel"_s).last();
+            panel->setDirectory(driver.path(u"files"_s));
+            return panel;
+        };
+        QFileDialog *panel = open();
+        auto *list = panel->findChild<QTreeView *>(u"treeView"_s);
+        QTRY_COMPARE(list->model()->rowCount(list->rootIndex()), 2);
+        list->setFocus();
+        list->selectAll();
+        auto *button = panel->findChild<QDialogButtonBox *>()->button(QDialogButtonBox::Open);
+        QTRY_VERIFY(button->isEnabled());
+        QTest::mouseClick(button, Qt::LeftButton);
+        QTRY_COMPARE(answers, 1);
+        QVERIFY(chosen);
+        chosen->sort();
+        QCOMPARE(*chosen, (QStringList{driver.path(u"files/folder"_s), file}));
+
+        open()->reject();
+        QTRY_COMPARE(answers, 2);
+        QVERIFY(!chosen);
+        // The window goes and takes the panel with it.
+        open();
+        QVERIFY(driver.end());
+        QTRY_COMPARE(answers, 3);
+        QVERIFY(!chosen);
+    }
+};
+
+QTEST_MAIN(TestApp)
+#include "tst_app.moc"
