@@ -139,6 +139,39 @@ private Q_SLOTS:
         QCOMPARE(driver.screenName(), u"dropBox"_s);
     }
 
+    void dropBoxAnswersADrag_data()
+    {
+        QTest::addColumn<bool>("moves");
+        QTest::newRow("moving") << true;
+        QTest::newRow("with reduced motion") << false;
+    }
+
+    void dropBoxAnswersADrag()
+    {
+        QFETCH(bool, moves);
+        WindowDriver driver(moves ? WindowDriver::Motion::Full : WindowDriver::Motion::Reduced);
+        QVERIFY(driver.start());
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        QWidget *well = driver.screen(u"dropBox"_s)->view();
+        const auto look = [&] { return well->grab().toImage(); };
+        const QImage atRest = look();
+        const std::unique_ptr<QMimeData> data(uriList("file:///a\r\n"));
+        const QPoint middle = well->rect().center();
+        QDragEnterEvent enter(middle, Qt::CopyAction | Qt::MoveAction, data.get(), Qt::LeftButton,
+                              Qt::NoModifier);
+        QApplication::sendEvent(well, &enter);
+        QVERIFY(enter.isAccepted());
+        QCOMPARE(enter.dropAction(), Qt::CopyAction);
+        const QImage over = look();
+        QVERIFY(over != atRest);
+        const bool isMoving = QTest::qWaitFor([&] { return look() != over; }, moves ? 5000 : 400);
+        QCOMPARE(isMoving, moves);
+        driver.picture(moves ? u"dropBox-drag"_s : u"dropBox-drag-still"_s);
+        QDragLeaveEvent leave;
+        QApplication::sendEvent(well, &leave);
+        QTRY_COMPARE(look(), atRest);
+    }
+
     void widthOfTheQueueFollowsTheSetting()
     {
         WindowDriver driver;

@@ -85,6 +85,8 @@ bool CVToolButton::event(QEvent *event)
         click();
         return true;
     }
+    if (event->type() == QEvent::FontChange)
+        updateGeometry();
     return QToolButton::event(event);
 }
 

@@ -144,9 +144,9 @@ void CVAppController::terminate()
         m_bus.release()->deleteLater();
     while (!m_windows.empty())
         m_windows.front()->close();
-    m_queue->cancelAll();
     m_waitsForJobs = std::thread([queue = m_queue, self = QPointer(this)] {
-        queue->waitUntilEmpty();
+        // Not on this thread, which the jobs may need to come to their end.
+        queue->shutdown();
         LXMainThread::post([self] {
             if (self)
                 Q_EMIT self->terminated();
