@@ -113,13 +113,13 @@ CVFileNode::Pointer CVFileNode::previewDirectoryNodeWithFilename(const QString &
     return create(name, true, 0);
 }
 
-CVFileNode::Pointer CVFileNode::buildFromFile(const QString &name)
+CVFileNode::Pointer CVFileNode::buildFromFile(const QString &name, const std::stop_token &stop)
 {
     auto top = create(name);
     List folders;
     if (const LXFileWrapper facts(name); facts.isDirectory())
         folders.push_back(top);
-    while (!folders.empty()) {
+    while (!folders.empty() && !stop.stop_requested()) {
         const auto folder = std::move(folders.back());
         folders.pop_back();
         const QByteArray path = bytesOfItem(folder->m_filename);

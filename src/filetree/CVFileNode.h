@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <vector>
 
 /// A node of a file tree, for a file on disk or for an entry of an archive.
@@ -36,8 +37,8 @@ public:
     static Pointer previewDirectoryNodeWithFilename(const QString &name);
     /// The path and, for a real folder, everything beneath it, in the order of the file system. Links
     /// are not followed; a folder that cannot be read stays empty and isIncomplete(). Names may be of any
-    /// bytes, see fileNameFromBytes().
-    static Pointer buildFromFile(const QString &path);
+    /// bytes, see fileNameFromBytes(). After a stop request what is missing is left out without a mark.
+    static Pointer buildFromFile(const QString &path, const std::stop_token &stop = {});
 
     explicit CVFileNode(Key) {}
     ~CVFileNode();

@@ -10,7 +10,7 @@ Q_LOGGING_CATEGORY(lcBuilder, "corvane.filetree.builder", QtInfoMsg)
 
 } // namespace
 
-void CVFileTreeBuilder::addFiles(const QStringList &paths, CVFileNode &tree)
+void CVFileTreeBuilder::addFiles(const QStringList &paths, CVFileNode &tree, const std::stop_token &stop)
 {
     if (paths.isEmpty()) {
         LX_DEBUG(lcBuilder, "No files to add, will abort");
@@ -20,12 +20,14 @@ void CVFileTreeBuilder::addFiles(const QStringList &paths, CVFileNode &tree)
     for (const auto &child : tree.mutableChildrenArray())
         loaded.insert(child->filename());
     for (const QString &path : paths) {
+        if (stop.stop_requested())
+            return;
         if (loaded.contains(path)) {
             LX_DEBUG(lcBuilder, "File %s already loaded, skipping",
                      qUtf8Printable(path.mid(path.lastIndexOf(u'/') + 1)));
             continue;
         }
         loaded.insert(path);
-        tree.appendChild(CVFileNode::buildFromFile(path));
+        tree.appendChild(CVFileNode::buildFromFile(path, stop));
     }
 }

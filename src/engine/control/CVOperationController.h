@@ -155,6 +155,7 @@ public:
     void operationCancelledShowingNotification(CVOperation *operation, bool show) override;
 
 private:
+    friend class CVOpenFilesController;
     struct Private;
     explicit CVOperationController(std::shared_ptr<CVOperationQueue> queue);
     std::unique_ptr<Private> d;
