@@ -1,6 +1,7 @@
 #include "ui/window/CVWindowScreens.h"
 
 #include "archives/CVArchive.h"
+#include "ui/completed/CVOperationCompletedViewController.h"
 #include "ui/options/CVConvertArchiveViewController.h"
 #include "ui/options/CVCreateArchiveViewController.h"
 #include "ui/options/CVSplitViewController.h"
@@ -70,6 +71,12 @@ void CVWindowScreens::setupViewControllers()
     auto *alert = new CVAlertViewController(this);
     m_forNavigation.alert = alert;
     m_forController.alert = alert;
+    auto *done = new CVOperationCompletedViewController(*m_navigation, this);
+    m_forNavigation.done = done;
+    m_forNavigation.showDone = [this, done](const QString &path) {
+        if (m_controller)
+            done->showDoneViewWithFile(path, m_controller->skippedEntries());
+    };
 
     setupOptionScreens();
 
