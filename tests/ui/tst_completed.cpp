@@ -82,9 +82,13 @@ private Q_SLOTS:
     {
         LXMainThread::install();
         CVTheme::setReducedMotion(true);
+        // One for all: the offscreen platform does not always activate a second one.
+        m_stage = std::make_unique<ScreenStage>();
+        QVERIFY(QTest::qWaitForWindowActive(&m_stage->window));
     }
     void init();
     void cleanup();
+    void cleanupTestCase() { m_stage.reset(); }
 
     void showsTheResult();
     void nameThatIsNotText();
@@ -123,8 +127,7 @@ void tst_completed::init()
     CVSettings::setStore(std::make_shared<LXSettingsStore>(path(u"settings"_s)));
     LXFileViewer::setShared(m_viewer = std::make_shared<Viewer>());
     LXSystemSound::setShared(m_sound = std::make_shared<Sound>());
-    m_stage = std::make_unique<ScreenStage>();
-    QVERIFY(QTest::qWaitForWindowActive(&m_stage->window));
+    m_stage->requests.clear();
     m_screen = std::make_unique<CVOperationCompletedViewController>(*m_stage);
     QVERIFY(QDir(m_dir->path()).mkpath(u"to"_s));
     write(path(u"result.zip"_s), QByteArray(1500, 'r'));
@@ -133,7 +136,7 @@ void tst_completed::init()
 void tst_completed::cleanup()
 {
     m_screen.reset();
-    m_stage.reset();
+    m_stage->clear();
     LXFileViewer::setShared(nullptr);
     LXSystemSound::setShared(nullptr);
     CVSettings::setStore(nullptr);
@@ -142,16 +145,14 @@ void tst_completed::cleanup()
 void tst_completed::showsTheResult()
 {
     m_screen->showDoneViewWithFile(path(u"result.zip"_s));
-    QCOMPARE(m_stage->current, m_screen.get());
+    QCOMPARE(m_stage->current.get(), m_screen.get());
     QTRY_COMPARE(allText(m_screen->view()), u"1.5 KB\nresult.zip\n"_s);
     QVERIFY(!m_screen->canBeReturnedTo());
     const auto *well = m_screen->view()->findChild<CVFileWell *>();
     QCOMPARE(well->paths(), QStringList(path(u"result.zip"_s)));
     QVERIFY(!well->acceptDrops());
-    QStringList tools;
-    for (const QAction *action : m_stage->toolbar->actions())
-        tools.append(action->objectName());
-    QCOMPARE(tools.mid(0, 4), (QStringList{u"done"_s, u"export"_s, u"showInFinder"_s, u"back"_s}));
+    for (const QString &identifier : {u"done"_s, u"export"_s, u"showInFinder"_s, u"back"_s})
+        QVERIFY(m_stage->toolbar->item(identifier)->isEnabled());
 }
 
 void tst_completed::nameThatIsNotText()

@@ -6,9 +6,11 @@
 
 #include <QMainWindow>
 #include <QMenu>
+#include <QPointer>
 #include <QStringList>
+#include <QVBoxLayout>
 
-#include <memory>
+#include <utility>
 
 /// A real window for one screen at a time, without slides: what a screen asks of the navigation is done at
 /// once and written down.
@@ -19,6 +21,10 @@ public:
     {
         toolbar = new CVToolbar(&window);
         window.addToolBar(toolbar);
+        auto *container = new QWidget;
+        window.setCentralWidget(container);
+        layout = new QVBoxLayout(container);
+        layout->setContentsMargins(0, 0, 0, 0);
         window.show();
     }
     ~ScreenStage() override { clear(); }
@@ -33,10 +39,9 @@ public:
         screen.refreshActionMenu(menu);
         window.addActions(menu.actions());
         screen.willLoadView();
-        window.setCentralWidget(screen.view());
+        layout->addWidget(screen.view());
         screen.view()->show();
         window.resize(screen.size() + QSize(0, toolbar->sizeHint().height()));
-        window.activateWindow();
         screen.didLoadView();
     }
     void goBack() override { leave(QStringLiteral("back")); }
@@ -56,21 +61,21 @@ public:
     /// The screen goes, as with the window.
     void clear()
     {
-        if (!current)
-            return;
-        CVViewController *left = current;
-        current = nullptr;
-        left->viewWillBeUnloaded();
+        if (CVViewController *left = std::exchange(current, nullptr))
+            left->viewWillBeUnloaded();
         for (QAction *action : menu.actions())
             window.removeAction(action);
         toolbar->clearItems();
-        if (QWidget *view = window.takeCentralWidget())
-            view->setParent(nullptr);
+        while (const QLayoutItem *item = layout->takeAt(0)) {
+            item->widget()->hide();
+            delete item;
+        }
     }
 
     QMainWindow window;
+    QVBoxLayout *layout = nullptr;
     CVToolbar *toolbar = nullptr;
     QMenu menu;
-    CVViewController *current = nullptr;
+    QPointer<CVViewController> current;
     QStringList requests;
 };
