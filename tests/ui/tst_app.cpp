@@ -220,6 +220,102 @@ private Q_SLOTS:
         QCOMPARE(terminated.size(), 1);
     }
 
+    // Opened with Corvane in a file manager: unpacked beside the archive, and the program is gone again.
+    void archivesGivenAtStartAreExtractedInPlace()
+    {
+        WindowDriver driver;
+        driver.makeFile(u"in/note.txt"_s, "words");
+        QVERIFY(driver.runTool(u"zip"_s, {u"-qr"_s, u"note.zip"_s, u"in"_s}));
+        QVERIFY(driver.runTool(u"rm"_s, {u"-r"_s, u"in"_s}));
+        QVERIFY(driver.start({driver.path(u"note.zip"_s)}));
+        QVERIFY(QTest::qWaitFor([&] { return driver.app().isTerminating(); }, 30000));
+        QVERIFY(driver.end());
+        QVERIFY(QFile::exists(driver.path(u"in/note.txt"_s)));
+    }
+
+    void closingTheWindowLetsAnInPlaceExtractionGoOn()
+    {
+        WindowDriver driver;
+        // Large enough that the window can be closed meanwhile.
+        driver.makeFile(u"in/large"_s, QByteArray(300 * 1024 * 1024, 'x'));
+        QVERIFY(driver.runTool(u"zip"_s, {u"-1qr"_s, u"large.zip"_s, u"in"_s}));
+        QVERIFY(driver.runTool(u"rm"_s, {u"-r"_s, u"in"_s}));
+        QVERIFY(driver.start({driver.path(u"large.zip"_s)}));
+        QVERIFY(QTest::qWaitFor([&] { return driver.operations().isWorkingOnOperation(); }));
+        driver.mainWindow()->close();
+        QVERIFY(!driver.app().isTerminating());
+        QVERIFY(!driver.mainWindow()->isVisible());
+        QVERIFY(QTest::qWaitFor([&] { return driver.app().isTerminating(); }, 60000));
+        QVERIFY(driver.end());
+        QCOMPARE(QFileInfo(driver.path(u"in/large"_s)).size(), 300 * 1024 * 1024);
+    }
+
+    // Nobody sees the window, so a question has to bring it back.
+    void questionBringsAClosedWindowBack()
+    {
+        WindowDriver driver;
+        driver.makeFile(u"in/secret"_s, "words");
+        QVERIFY(driver.runTool(u"7z"_s, {u"a"_s, u"-psesame"_s, u"-mhe=on"_s, u"secret.7z"_s, u"in"_s}));
+        QVERIFY(driver.runTool(u"rm"_s, {u"-r"_s, u"in"_s}));
+        QVERIFY(driver.start({driver.path(u"secret.7z"_s)}));
+        QVERIFY(QTest::qWaitFor([&] { return driver.operations().isWorkingOnOperation(); }));
+        driver.mainWindow()->close();
+        QVERIFY(driver.waitForScreen(u"password"_s));
+        QVERIFY(driver.mainWindow()->isVisible());
+        driver.type(u"sesame"_s);
+        QVERIFY(driver.click(u"done"_s));
+        QVERIFY(QTest::qWaitFor([&] { return driver.app().isTerminating(); }, 30000));
+        QVERIFY(driver.end());
+        QVERIFY(QFile::exists(driver.path(u"in/secret"_s)));
+    }
+
+    void archivesOpenedMeanwhileGetAWindowOfTheirOwn()
+    {
+        WindowDriver driver;
+        driver.makeFile(u"in/note.txt"_s, "words");
+        QVERIFY(driver.runTool(u"zip"_s, {u"-qr"_s, u"note.zip"_s, u"in"_s}));
+        QVERIFY(driver.runTool(u"7z"_s, {u"a"_s, u"-psesame"_s, u"-mhe=on"_s, u"secret.7z"_s, u"in"_s}));
+        QVERIFY(driver.runTool(u"rm"_s, {u"-r"_s, u"in"_s}));
+        QVERIFY(driver.start());
+        CVSettings::setValue(CVSettingsKey::skipArchivePreview, true);
+        CVSettings::setValue(CVSettingsKey::skipDoneView, true);
+        QVERIFY(driver.drop({driver.path(u"secret.7z"_s)}));
+        QVERIFY(driver.waitForScreen(u"password"_s));
+        driver.app().openFiles({driver.path(u"note.zip"_s), driver.path(u"no archive.txt"_s)});
+        QVERIFY(driver.waitForWindows(2));
+        driver.window = 1;
+        QTRY_VERIFY(QFile::exists(driver.path(u"in/note.txt"_s)));
+        QTRY_VERIFY(!driver.operations().isWorkingOnOperation());
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        // The first one still waits for its answer, and closing it closes nothing else.
+        driver.window = 0;
+        QCOMPARE(driver.screenName(), u"password"_s);
+        driver.mainWindow()->close();
+        QVERIFY(driver.waitForWindows(1));
+        QVERIFY(!driver.app().isTerminating());
+        QVERIFY(driver.waitForJobs());
+        QVERIFY(driver.end());
+    }
+
+    void packsAFolderAndShowsTheResult()
+    {
+        WindowDriver driver;
+        driver.makeFile(u"papers/note.txt"_s, "words");
+        QVERIFY(driver.start());
+        CVSettings::setValue(CVSettingsKey::skipOptionsView, true);
+        QVERIFY(driver.drop({driver.path(u"papers"_s)}));
+        QVERIFY(driver.waitForScreen(u"create"_s));
+        driver.picture(u"create"_s);
+        QVERIFY(driver.click(u"forward"_s));
+        QVERIFY(driver.waitForScreen(u"done"_s));
+        QVERIFY(QFile::exists(driver.path(u"papers.zip"_s)));
+        driver.picture(u"done"_s);
+        QVERIFY(driver.click(u"done"_s));
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        QVERIFY(driver.navigation().previousViewControllers().isEmpty());
+        QVERIFY(driver.end());
+    }
+
     void laterStartReachesTheFirst()
     {
         QProcess daemon;

@@ -79,6 +79,7 @@ void CVWindowScreens::setupViewControllers()
     };
 
     setupOptionScreens();
+    setupResultScreens();
 
     m_navigation->setScreens(m_forNavigation);
     m_controller->setScreens(m_forController);
@@ -105,6 +106,16 @@ void CVWindowScreens::setupOptionScreens()
     m_forNavigation.split = split;
     m_forNavigation.setSplitFile = [split](const QString &path) { split->setFile(path); };
     m_forController.split = split;
+}
+
+void CVWindowScreens::setupResultScreens()
+{
+    auto *done = new CVOperationCompletedViewController(*m_navigation, this);
+    m_forNavigation.done = done;
+    m_forNavigation.showDone = [this, done](const QString &path) {
+        if (m_controller)
+            done->showDoneViewWithFile(path, m_controller->skippedEntries());
+    };
 }
 
 std::function<void()> CVWindowScreens::whileOpen(std::function<void(CVOperationController &)> call)

@@ -30,6 +30,7 @@ public:
 
 private:
     void setupOptionScreens();
+    void setupResultScreens();
     /// What a button does, until the window closes.
     std::function<void()> whileOpen(std::function<void(CVOperationController &)> call);
 
