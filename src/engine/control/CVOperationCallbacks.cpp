@@ -117,6 +117,16 @@ void CVOperationController::operationHasIndeterminateProgress(CVOperation *opera
         d->progress->setIndeterminate();
 }
 
+void CVOperationController::operationHasReachedArchive(CVOperation *operation,
+                                                       const CVBatchPosition &position)
+{
+    if (!d->isShown(operation))
+        return;
+    const std::lock_guard lock(d->screenMutex);
+    if (d->progress)
+        d->progress->setBatchPosition(position);
+}
+
 void CVOperationController::operationWorkingOnJob(CVOperation *operation, const QString &text)
 {
     if (!d->isShown(operation))
@@ -124,6 +134,7 @@ void CVOperationController::operationWorkingOnJob(CVOperation *operation, const 
     const std::lock_guard lock(d->screenMutex);
     if (!d->progress)
         return;
+    d->progress->setProgressUnit(operation->progressUnit());
     d->progress->setJob(text);
     d->progress->setCancelButton([weak = weak_from_this()] {
         if (const auto controller = weak.lock())
@@ -267,14 +278,16 @@ std::optional<QString> CVOperationController::operationNeedsPasswordForFileAtPat
     const QString text = failed ? tr("Invalid password for “%1”, please try again.").arg(name)
                                 : tr("Please enter the password to open “%1”").arg(name);
     const auto turn = std::make_shared<LXPendingAnswer<bool>>();
-    d->onMain([job, turn, text](CVOperationController &controller) {
+    d->onMain([job, turn, text, failed](CVOperationController &controller) {
         if (job->isOver || job->operation->isCancelled() || controller.d->isClosed)
             return turn->give(false);
-        controller.d->questions.prompt(turn.get(), [&controller, job, turn, text] {
+        controller.d->questions.prompt(turn.get(), [&controller, job, turn, text, failed] {
             CVPasswordScreen *const screen = controller.d->screens.password;
             controller.d->prompting = job;
-            if (screen)
+            if (screen) {
                 screen->setInformativeText(text);
+                screen->setLastTryFailed(failed);
+            }
             turn->give(screen != nullptr);
         });
     });

@@ -124,6 +124,7 @@ public:
     QObject *operationNeedsWindowForSandboxDialog(CVOperation *operation) override;
     void operationHasMadeProgress(CVOperation *operation, double done, double totalBytes) override;
     void operationHasIndeterminateProgress(CVOperation *operation) override;
+    void operationHasReachedArchive(CVOperation *operation, const CVBatchPosition &position) override;
     void operationWorkingOnJob(CVOperation *operation, const QString &text) override;
     void operationProgressIconForFilename(CVOperation *operation, const QString &filename,
                                           bool multipleFiles) override;
