@@ -20,7 +20,6 @@
 #include <QDropEvent>
 #include <QKeyEvent>
 #include <QLabel>
-#include <QLayout>
 #include <QLineEdit>
 #include <QMimeData>
 #include <QSignalBlocker>
@@ -49,7 +48,7 @@ constexpr std::array formats = {
     Format{"rar"_L1, "format/rar"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "RAR")},
     Format{"tar.gz"_L1, "format/tar-gz"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "gzip tar")},
     Format{"tar.bz2"_L1, "format/tar-bz"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "bzip2 tar")},
-    Format{"tar.Z"_L1, "format/tar-z"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "compress tar")},
+    Format{"tar.Z"_L1, "format/tar-z"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "Z tar")},
     Format{"tar"_L1, "format/tar"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "tar")},
 };
 
@@ -248,11 +247,9 @@ QSize CVEditArchiveController::size() const
 {
     const QSize initial = CVTheme::initialSize();
     const int bar = m_view->formatBar->sizeHint().width() + 2 * CVTheme::margin;
-    QLayout *layout = m_view->layout();
     const int width = std::max(
-        {initial.width(), std::min(bar, CVTheme::scaled(widestBar)), layout->totalMinimumSize().width()});
-    const int height =
-        layout->hasHeightForWidth() ? layout->totalHeightForWidth(width) : layout->totalSizeHint().height();
+        {initial.width(), std::min(bar, CVTheme::scaled(widestBar)), m_view->minimumSizeHint().width()});
+    const int height = m_view->heightForContents(width);
     return {width, std::max(initial.height(), height)};
 }
 
@@ -562,6 +559,7 @@ void CVEditArchiveController::refreshFinish()
              m_binding->password().startsWith(m_binding->passwordConfirmation()));
         m_view->setHint(m_binding->passwordMessage(), !underWay);
     }
+    setNewHeight();
 }
 
 void CVEditArchiveController::finish()

@@ -12,9 +12,13 @@
 #include <QEvent>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QScrollArea>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
@@ -65,15 +69,47 @@ constexpr Choice sounds[] = {
     {QT_TRANSLATE_NOOP("CVEditArchiveView", "AAC in .mp4, 320 kbit/s"), 8},
 };
 
-template <std::size_t n> QComboBox *chooser(const Choice (&choices)[n], const QString &name, QWidget *parent)
+template <std::size_t n> void fill(QComboBox *box, const Choice (&choices)[n])
 {
-    auto *box = new QComboBox(parent);
     for (const Choice &choice : choices)
         box->addItem(CVEditArchiveView::tr(choice.text), choice.value);
-    box->setAccessibleName(name);
-    box->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
-    return box;
 }
+
+// Wider ones would only lie further away from their labels.
+constexpr int widestForm = 440;
+
+/// As large as what is in it where there is room.
+class FieldsArea final : public QScrollArea
+{
+public:
+    explicit FieldsArea(QWidget *fields, QWidget *parent)
+        : QScrollArea(parent)
+    {
+        setWidget(fields);
+        setWidgetResizable(true);
+        setFrameShape(QFrame::NoFrame);
+        setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+        setFocusPolicy(Qt::NoFocus);
+        viewport()->setAutoFillBackground(false);
+        fields->setAutoFillBackground(false);
+    }
+    QSize sizeHint() const override { return widget()->sizeHint(); }
+    QSize minimumSizeHint() const override
+    {
+        const QSize all = widget()->minimumSizeHint();
+        return {all.width(), std::min(all.height(), CVTheme::scaled(12 * CVTheme::unit))};
+    }
+
+protected:
+    void keyPressEvent(QKeyEvent *event) override
+    {
+        // These choose the format.
+        if (event->key() == Qt::Key_Left || event->key() == Qt::Key_Right)
+            event->ignore();
+        else
+            QScrollArea::keyPressEvent(event);
+    }
+};
 
 QLabel *plainLabel(QWidget *parent)
 {
@@ -88,69 +124,87 @@ CVEditArchiveView::CVEditArchiveView(QWidget *parent)
     : QWidget(parent)
     , formatBar(new CVFormatButtonBarView(this))
     , description(plainLabel(this))
+    , rarText(plainLabel(this))
+    , m_fields(new QWidget)
+    , m_area(new FieldsArea(m_fields, this))
     , m_form(new QFormLayout)
+    , m_hint(plainLabel(this))
+    , m_summary(plainLabel(this))
 {
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(CVTheme::margin, CVTheme::margin, CVTheme::margin, CVTheme::margin);
     column->setSpacing(CVTheme::spacing);
     column->addWidget(formatBar);
-    description->setAlignment(Qt::AlignCenter);
+    for (QLabel *line : {description, rarText, m_hint, m_summary})
+        line->setAlignment(Qt::AlignCenter);
     description->setFont(CVTheme::smallFont());
     column->addWidget(description);
-    column->addSpacing(CVTheme::unit);
-
-    rarText = plainLabel(this);
     rarText->setObjectName(u"RARInstallText"_s);
-    rarText->setAlignment(Qt::AlignCenter);
     rarText->setWordWrap(true);
-    rarText->setFont(CVTheme::smallFont());
-    column->addWidget(rarText);
-
-    m_form->setContentsMargins(0, 0, 0, 0);
-    m_form->setHorizontalSpacing(CVTheme::spacing);
-    m_form->setVerticalSpacing(CVTheme::spacing);
-    m_form->setLabelAlignment(Qt::AlignRight | Qt::AlignVCenter);
-    m_form->setFormAlignment(Qt::AlignHCenter | Qt::AlignTop);
-    m_form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
-    m_form->addRow(tr("&Name:"), nameRow());
-    levelChooser = chooser(levels, tr("Compression"), this);
-    m_form->addRow(tr("Co&mpression:"), levelChooser);
-    imageChooser = chooser(images, tr("Images"), this);
-    m_form->addRow(tr("&Images:"), imageChooser);
-    audioChooser = chooser(sounds, tr("Sound"), this);
-    m_form->addRow(tr("So&und:"), audioChooser);
-    m_mediaHint = plainLabel(this);
-    m_mediaHint->setText(tr("Made smaller in the archive only; your own files stay as they are."));
-    m_mediaHint->setFont(CVTheme::smallFont());
-    m_mediaHint->setWordWrap(true);
-    m_form->addRow(QString(), m_mediaHint);
-    zipBox = new QCheckBox(tr("Pack as &ZIP, which every program opens"), this);
-    m_form->addRow(QString(), zipBox);
-    m_form->addRow(QString(), volumeRow());
-    encryptBox = new QCheckBox(tr("&Encrypt with a password"), this);
-    m_form->addRow(QString(), encryptBox);
-    passwordField = passwordLine(tr("Password"));
-    m_form->addRow(tr("Pass&word:"), passwordField);
-    confirmationField = passwordLine(tr("Confirm password"));
-    m_form->addRow(tr("Con&firm:"), confirmationField);
-    showPasswordBox = new QCheckBox(tr("&Show password"), this);
-    m_form->addRow(QString(), showPasswordBox);
-    column->addLayout(m_form);
-
-    m_hint = plainLabel(this);
+    column->addWidget(rarText, 1);
+    column->addSpacing(CVTheme::unit / 2);
+    layOutFields();
+    column->addWidget(m_area, 2);
     m_hint->setObjectName(u"hint"_s);
-    m_hint->setAlignment(Qt::AlignCenter);
     m_hint->setWordWrap(true);
     m_hint->hide();
     column->addWidget(m_hint);
-
-    column->addStretch();
-    m_summary = plainLabel(this);
     m_summary->setObjectName(u"summary"_s);
-    m_summary->setAlignment(Qt::AlignCenter);
     m_summary->setFont(CVTheme::smallFont());
     m_summary->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
     column->addWidget(m_summary);
+    colour();
+}
+
+void CVEditArchiveView::layOutFields()
+{
+    m_form->setContentsMargins(0, 0, 0, 0);
+    m_form->setHorizontalSpacing(CVTheme::spacing);
+    m_form->setVerticalSpacing(CVTheme::spacing);
+    m_form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+    auto *form = new QWidget(m_fields);
+    form->setMaximumWidth(CVTheme::scaled(widestForm));
+    form->setLayout(m_form);
+    auto *centred = new QHBoxLayout(m_fields);
+    centred->setContentsMargins(0, 0, 0, 0);
+    centred->addStretch(1);
+    centred->addWidget(form, 1000, Qt::AlignTop);
+    centred->addStretch(1);
+
+    QWidget *name = nameRow();
+    addRow(tr("&Name:"), name, nameField);
+    levelChooser = addChooser(tr("Co&mpression:"), tr("Compression"));
+    fill(levelChooser, levels);
+    imageChooser = addChooser(tr("&Images:"), tr("Images"));
+    fill(imageChooser, images);
+    audioChooser = addChooser(tr("So&und:"), tr("Sound"));
+    fill(audioChooser, sounds);
+    m_mediaHint = plainLabel(form);
+    m_mediaHint->setText(tr("Smaller in the archive only; your files stay as they are."));
+    m_mediaHint->setFont(CVTheme::smallFont());
+    addRow({}, m_mediaHint);
+    zipBox = new QCheckBox(tr("Pack as &ZIP, which every program opens"), form);
+    addRow({}, zipBox);
+    addRow({}, volumeRow());
+    encryptBox = new QCheckBox(tr("&Encrypt with a password"), form);
+    addRow({}, encryptBox);
+    passwordField = passwordLine(tr("Password"));
+    addRow(tr("Pass&word:"), passwordField);
+    confirmationField = passwordLine(tr("Confirm password"));
+    addRow(tr("Con&firm:"), confirmationField);
+    showPasswordBox = new QCheckBox(tr("&Show password"), form);
+    addRow({}, showPasswordBox);
+
+    // Rows come and go; the column of labels stays where it is.
+    int widest = 0;
+    const auto forEachLabel = [this](const auto &use) {
+        for (int i = 0; i < m_form->rowCount(); ++i) {
+            if (QLayoutItem *item = m_form->itemAt(i, QFormLayout::LabelRole))
+                use(item->widget());
+        }
+    };
+    forEachLabel([&](QWidget *label) { widest = std::max(widest, label->sizeHint().width()); });
+    forEachLabel([&](QWidget *label) { label->setMinimumWidth(widest); });
 
     imageChooser->setObjectName(u"images"_s);
     audioChooser->setObjectName(u"audio"_s);
@@ -159,7 +213,26 @@ CVEditArchiveView::CVEditArchiveView(QWidget *parent)
     volumeBox->setObjectName(u"volumes"_s);
     zipBox->setObjectName(u"zip"_s);
     showPasswordBox->setObjectName(u"showPassword"_s);
-    colour();
+}
+
+void CVEditArchiveView::addRow(const QString &text, QWidget *field, QWidget *buddy)
+{
+    auto *label = new QLabel(text, m_form->parentWidget());
+    label->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    label->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Expanding);
+    if (!text.isEmpty())
+        label->setBuddy(buddy ? buddy : field);
+    m_form->addRow(label, field);
+}
+
+QComboBox *CVEditArchiveView::addChooser(const QString &label, const QString &name)
+{
+    auto *box = new QComboBox(m_form->parentWidget());
+    box->setAccessibleName(name);
+    box->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Fixed);
+    box->setMinimumWidth(CVTheme::scaled(25 * CVTheme::unit));
+    addRow(label, box);
+    return box;
 }
 
 QWidget *CVEditArchiveView::nameRow()
@@ -244,6 +317,7 @@ void CVEditArchiveView::setPasswordsShown(bool shown)
 
 void CVEditArchiveView::setRarTextShown(bool shown)
 {
+    m_area->setVisible(!shown);
     rarText->setVisible(shown);
     rarText->setTextInteractionFlags(shown ? Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard
                                            : Qt::NoTextInteraction);
@@ -286,6 +360,17 @@ void CVEditArchiveView::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
     elideSummary();
+}
+
+int CVEditArchiveView::heightForContents(int width) const
+{
+    // What has just been shown or hidden is not told upwards before the next turn of the event loop.
+    m_form->activate();
+    m_form->parentWidget()->updateGeometry();
+    m_fields->layout()->activate();
+    m_area->updateGeometry();
+    return layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(width)
+                                         : layout()->totalSizeHint().height();
 }
 
 void CVEditArchiveView::orderTabs()

@@ -9,6 +9,7 @@ class QComboBox;
 class QFormLayout;
 class QLabel;
 class QLineEdit;
+class QScrollArea;
 
 /// The controls of the create and the convert screen and their places; what they do is the screen's matter.
 /// Main thread.
@@ -33,6 +34,8 @@ public:
     void setPasswordsReadable(bool readable);
     /// One line of plain text at the end, shortened in its middle where it does not fit.
     void setSummary(const QString &text);
+    /// What all that is shown needs at that width. With less, the fields scroll.
+    int heightForContents(int width) const;
     /// Tab goes through the controls from top to bottom.
     void orderTabs();
 
@@ -57,12 +60,17 @@ protected:
     void resizeEvent(QResizeEvent *event) override;
 
 private:
+    QComboBox *addChooser(const QString &label, const QString &name);
+    void addRow(const QString &label, QWidget *field, QWidget *buddy = nullptr);
+    void layOutFields();
     QWidget *nameRow();
     QWidget *volumeRow();
     QLineEdit *passwordLine(const QString &name);
     void colour();
     void elideSummary();
 
+    QWidget *m_fields;
+    QScrollArea *m_area;
     QFormLayout *m_form;
     QWidget *m_nameRow = nullptr;
     QWidget *m_volumeRow = nullptr;

@@ -28,7 +28,6 @@ CVFormatButton::CVFormatButton(int identifier, const QIcon &image, const QString
     , m_identifier(identifier)
 {
     setIcon(image);
-    setAutoExclusive(false);
     setAttribute(Qt::WA_Hover);
     setFocusPolicy(Qt::ClickFocus);
     setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Fixed);
@@ -36,7 +35,10 @@ CVFormatButton::CVFormatButton(int identifier, const QIcon &image, const QString
 
 void CVFormatButton::setSelected(bool selected)
 {
+    // Of such a row one is always checked otherwise; but without it, it does not read as one of several.
+    setAutoExclusive(false);
     setChecked(selected);
+    setAutoExclusive(true);
     setFocusPolicy(selected ? Qt::StrongFocus : Qt::ClickFocus);
 }
 

@@ -5,6 +5,7 @@
 
 #include <QEvent>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QPropertyAnimation>
 #include <QScrollArea>
 #include <QScrollBar>
@@ -19,11 +20,21 @@ constexpr int gap = CVTheme::unit / 2;
 constexpr int scrollMs = 180;
 constexpr int fewestVisible = 4;
 
+/// The arrow keys choose; scrolling follows from that.
+class RowArea final : public QScrollArea
+{
+public:
+    using QScrollArea::QScrollArea;
+
+protected:
+    void keyPressEvent(QKeyEvent *event) override { event->ignore(); }
+};
+
 } // namespace
 
 CVFormatButtonBarView::CVFormatButtonBarView(QWidget *parent)
     : QWidget(parent)
-    , m_area(new QScrollArea(this))
+    , m_area(new RowArea(this))
     , m_row(new QWidget)
     , m_layout(new QHBoxLayout(m_row))
     , m_left(makeArrow(Qt::LeftArrow, -1, tr("Formats further left")))
@@ -65,7 +76,7 @@ QToolButton *CVFormatButtonBarView::makeArrow(Qt::ArrowType type, int direction,
     arrow->hide();
     connect(arrow, &QToolButton::clicked, this, [this, direction] {
         const QScrollBar *bar = m_area->horizontalScrollBar();
-        const int step = m_buttons.isEmpty() ? 0 : 2 * (m_buttons.first()->sizeHint().width() + gap);
+        const int step = 2 * (buttonWidth() + gap);
         scrollTo(bar->value() + direction * step, true);
     });
     return arrow;
@@ -76,12 +87,14 @@ CVFormatButton *CVFormatButtonBarView::addButtonWithIdentifier(int identifier, c
 {
     auto *button = new CVFormatButton(identifier, image, name, m_row);
     m_layout->addWidget(button);
+    button->show(); // now, as it may be given the focus at once
     m_buttons.append(button);
     connect(button, &QAbstractButton::clicked, this, [this, button] {
         if (m_delegate)
             m_delegate->changeArchiveType(button);
     });
     updateGeometry();
+    layOut();
     return button;
 }
 
@@ -173,24 +186,26 @@ void CVFormatButtonBarView::scrollTo(int value, bool animated)
     m_scrolling->start();
 }
 
-QSize CVFormatButtonBarView::sizeHint() const
+int CVFormatButtonBarView::buttonWidth() const
 {
     int width = 0;
-    int height = 0;
-    for (const CVFormatButton *button : m_buttons) {
-        width += button->sizeHint().width() + gap;
-        height = std::max(height, button->sizeHint().height());
-    }
-    return {std::max(0, width - gap), height};
+    for (const CVFormatButton *button : m_buttons)
+        width = std::max(width, button->sizeHint().width());
+    return width;
+}
+
+QSize CVFormatButtonBarView::sizeHint() const
+{
+    const int count = static_cast<int>(m_buttons.size());
+    return {std::max(0, count * (buttonWidth() + gap) - gap),
+            m_buttons.isEmpty() ? 0 : m_buttons.first()->sizeHint().height()};
 }
 
 QSize CVFormatButtonBarView::minimumSizeHint() const
 {
     const QSize all = sizeHint();
-    int width = 2 * m_left->sizeHint().width();
-    for (qsizetype i = 0; i < std::min<qsizetype>(fewestVisible, m_buttons.size()); ++i)
-        width += m_buttons.at(i)->sizeHint().width() + gap;
-    return {std::min(width, all.width()), all.height()};
+    const int some = 2 * m_left->sizeHint().width() + fewestVisible * (buttonWidth() + gap);
+    return {std::min(some, all.width()), all.height()};
 }
 
 void CVFormatButtonBarView::resizeEvent(QResizeEvent *event)
@@ -210,6 +225,9 @@ void CVFormatButtonBarView::changeEvent(QEvent *event)
 
 void CVFormatButtonBarView::layOut()
 {
+    const int each = buttonWidth();
+    for (CVFormatButton *button : std::as_const(m_buttons))
+        button->setFixedWidth(each);
     const bool fits = sizeHint().width() <= width();
     const int arrow = fits ? 0 : m_left->sizeHint().width();
     m_left->setGeometry(0, 0, arrow, height());

@@ -54,6 +54,7 @@ protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
+    int buttonWidth() const;
     int targetFor(const CVFormatButton *button) const;
     void scrollTo(int value, bool animated);
     void layOut();

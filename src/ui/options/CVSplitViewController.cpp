@@ -101,7 +101,7 @@ void CVSplitViewController::buildView()
     row->setSpacing(CVTheme::margin);
 
     auto *left = new QVBoxLayout;
-    left->setSpacing(CVTheme::spacing);
+    left->setSpacing(CVTheme::unit / 4);
     m_icon = new QLabel;
     m_icon->setAlignment(Qt::AlignCenter);
     m_fileName = new CVElidedLabel;
@@ -110,6 +110,10 @@ void CVSplitViewController::buildView()
     left->addStretch();
     left->addWidget(m_icon);
     left->addWidget(m_fileName);
+    m_fileSizeText = plainLabel();
+    m_fileSizeText->setAlignment(Qt::AlignCenter);
+    m_fileSizeText->setFont(CVTheme::smallFont());
+    left->addWidget(m_fileSizeText);
     left->addStretch();
     row->addLayout(left);
 
@@ -127,7 +131,7 @@ void CVSplitViewController::buildView()
     right->addLayout(heading);
 
     auto *buttons = new QHBoxLayout;
-    buttons->setSpacing(CVTheme::spacing);
+    buttons->setSpacing(CVTheme::unit / 2);
     m_noneButton = makeButton(none, u"format/none"_s, tr("None"));
     m_bZipButton = makeButton(bzip, u"format/bzip"_s, tr("bzip2"));
     m_sevenZipButton = makeButton(sevenZip, u"format/7zip"_s, tr("7-Zip"));
@@ -135,10 +139,9 @@ void CVSplitViewController::buildView()
         buttons->addWidget(button);
     m_description = plainLabel();
     m_description->setFont(CVTheme::smallFont());
-    m_description->setWordWrap(true);
-    buttons->addSpacing(CVTheme::spacing);
-    buttons->addWidget(m_description, 1);
+    buttons->addStretch();
     right->addLayout(buttons);
+    right->addWidget(m_description);
 
     auto *size = new QHBoxLayout;
     size->setSpacing(CVTheme::spacing);
@@ -161,9 +164,6 @@ void CVSplitViewController::buildView()
     m_forecast = plainLabel();
     m_forecast->setObjectName(u"forecast"_s);
     m_forecast->setWordWrap(true);
-    m_forecast->setFont(CVTheme::smallFont());
-    m_forecast->setMinimumHeight(2 * QFontMetrics(m_forecast->font()).height());
-    m_forecast->setAlignment(Qt::AlignBottom | Qt::AlignLeft);
     right->addWidget(m_forecast);
     row->addLayout(right, 1);
 
@@ -297,11 +297,13 @@ bool CVSplitViewController::eventFilter(QObject *watched, QEvent *event)
 void CVSplitViewController::refresh()
 {
     m_description->setText(m_data->compressionSettingDescription());
-    const QString text = forecast();
-    m_forecast->setText(text);
+    m_forecast->setText(forecast());
+    m_fileSizeText->setText(
+        m_fileSize ? LXBytesValueTransformer::formatBytes(static_cast<qint64>(*m_fileSize)) : QString());
     const QColor second = CVTheme::subtitleColor(view()->palette());
     colour(m_subtitle, second);
     colour(m_description, second);
+    colour(m_fileSizeText, second);
     const quint64 chunk = m_data->splitter()->chunkSizeInBytes();
     const bool alarming = chunk == 0 || (m_fileSize && *m_fileSize / chunk >= manyParts);
     colour(m_forecast, alarming ? CVTheme::errorColor(view()->palette()) : second);
@@ -316,14 +318,13 @@ QString CVSplitViewController::forecast() const
         return {};
     const quint64 rest = *m_fileSize % chunk;
     const quint64 parts = std::max<quint64>(1, *m_fileSize / chunk + (rest != 0 ? 1 : 0));
-    const QString whole = LXBytesValueTransformer::formatBytes(static_cast<qint64>(*m_fileSize));
     if (parts == 1)
-        return tr("%1 fit into one part").arg(whole);
+        return tr("Fits into one part");
     const QString count = QLocale().toString(parts);
     if (m_data->compressionSetting() != none)
-        return tr("%1 make about %2 parts, fewer if they compress well").arg(whole, count);
+        return tr("Makes about %1 parts or fewer").arg(count);
     if (rest == 0)
-        return tr("%1 make %2 parts of one size").arg(whole, count);
-    return tr("%1 make %2 parts, the last one of %3")
-        .arg(whole, count, LXBytesValueTransformer::formatBytes(static_cast<qint64>(rest)));
+        return tr("Makes %1 parts of one size").arg(count);
+    return tr("Makes %1 parts, the last one of %2")
+        .arg(count, LXBytesValueTransformer::formatBytes(static_cast<qint64>(rest)));
 }

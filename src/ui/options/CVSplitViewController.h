@@ -68,6 +68,7 @@ private:
 
     QLabel *m_icon = nullptr;
     CVElidedLabel *m_fileName = nullptr;
+    QLabel *m_fileSizeText = nullptr;
     QLabel *m_subtitle = nullptr;
     CVFormatButton *m_noneButton = nullptr;
     CVFormatButton *m_bZipButton = nullptr;
