@@ -114,8 +114,8 @@ public:
     {
         m_message = message;
         m_window.informativeText = informativeText;
-        m_window.log.note(u"alert “%1” %2%3"_s.arg(message, defaultButtonLabel,
-                                                   withCancelButton ? u"/Cancel"_s : QString()));
+        m_window.log.note(
+            u"alert %1 %2%3"_s.arg(message, defaultButtonLabel, withCancelButton ? u"/Cancel"_s : QString()));
     }
     void run(std::function<void(int)> ended) override
     {

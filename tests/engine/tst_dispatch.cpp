@@ -37,7 +37,7 @@ void tst_dispatch::makeInputs(RecordedWindow &window)
     window.write(u"notes.txt"_s, "notes");
     window.write(u"folder/x"_s, "x");
     window.write(u"folder.zip/x"_s, "x");
-    window.write(u"s.aa"_s, "part");
+    window.write(u"s.a.split"_s, "part");
     window.pack(u"a.zip"_s, {u"a.txt"_s});
     window.pack(u"b.7z"_s, {u"notes.txt"_s});
 }
@@ -87,7 +87,7 @@ void tst_dispatch::routes_data()
     row("dropped, preview skipped", zip, u"drop"_s, u"p"_s, extracted);
     row("archive and text dropped", mixed, u"drop"_s, u"p"_s, options);
     row("text dropped, options skipped", {u"notes.txt"_s}, u"drop"_s, u"o"_s, options);
-    row("part of a split file", {u"s.aa"_s}, u"drop"_s, u"o"_s, options);
+    row("part of a split file", {u"s.a.split"_s}, u"drop"_s, u"o"_s, options);
     row("folder dropped", folder, u"drop"_s, u""_s, options);
     row("folder dropped, options skipped", folder, u"drop"_s, u"o"_s, create);
     row("folder dropped with Shift", folder, u"drop"_s, u"S"_s, create);
@@ -218,7 +218,7 @@ void tst_dispatch::knowsSetsWithoutTheDisk()
     window.controller->setLaunchComplete();
     QVERIFY(window.controller->isArchiveSet());
     QVERIFY(!window.controller->isSplitFileSet());
-    window.controller->tryToAddFiles({window.at(u"s.aa"_s)});
+    window.controller->tryToAddFiles({window.at(u"s.a.split"_s)});
     QVERIFY(window.reaches(u"options set up"_s));
     QVERIFY(window.controller->isSplitFileSet());
     QVERIFY(!window.controller->isArchiveSet());
@@ -234,7 +234,7 @@ void tst_dispatch::knowsSetsWithoutTheDisk()
     QVERIFY(window.idle());
     window.controller->addAndExtractArchives({window.at(u"out/all.zip"_s)});
     QVERIFY(window.reaches(u"view done with out/all"_s));
-    QCOMPARE(window.names(u"out/all"_s), (QStringList{u"folder.zip"_s, u"s.aa"_s}));
+    QCOMPARE(window.names(u"out/all"_s), (QStringList{u"folder.zip"_s, u"s.a.split"_s}));
 }
 
 void tst_dispatch::panels()
