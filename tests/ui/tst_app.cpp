@@ -61,6 +61,21 @@ class TestApp : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // A bus of our own from the beginning: on the person's own one, Corvane may be running.
+    void initTestCase()
+    {
+        m_bus.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
+        QVERIFY(m_bus.waitForStarted());
+        QTRY_VERIFY(m_bus.canReadLine());
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.readLine().trimmed());
+    }
+
+    void cleanupTestCase()
+    {
+        m_bus.terminate();
+        m_bus.waitForFinished();
+    }
+
     void startsWithTheDropBox()
     {
         WindowDriver driver;
@@ -318,13 +333,6 @@ private Q_SLOTS:
 
     void laterStartReachesTheFirst()
     {
-        QProcess daemon;
-        daemon.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
-        QVERIFY(daemon.waitForStarted());
-        QTRY_VERIFY(daemon.canReadLine());
-        const QByteArray address = daemon.readLine().trimmed();
-        qputenv("DBUS_SESSION_BUS_ADDRESS", address);
-
         WindowDriver driver;
         const QString file = driver.makeFile(u"folder/a\nb.txt"_s, "words");
         auto bus = std::make_unique<LXApplicationBus>(u"org.corvane.Corvane"_s);
@@ -348,8 +356,6 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitFor([&] { return driver.screenName() != u"dropBox"_s; }));
         QCOMPARE(driver.app().windowControllers().size(), std::size_t(1));
         QVERIFY(driver.end());
-        daemon.terminate();
-        daemon.waitForFinished();
     }
 
     void panelTakesFilesAndFolders()
@@ -391,6 +397,9 @@ private Q_SLOTS:
         QTRY_COMPARE(answers, 3);
         QVERIFY(!chosen);
     }
+
+private:
+    QProcess m_bus;
 };
 
 QTEST_MAIN(TestApp)
