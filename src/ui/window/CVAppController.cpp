@@ -7,6 +7,7 @@
 #include "platform/LXDesktopAppearance.h"
 #include "platform/desktop/LXApplicationBus.h"
 #include "sandbox/CVFileAuthenticator.h"
+#include "ui/base/CVDarkLook.h"
 #include "ui/base/CVTheme.h"
 #include "ui/window/CVFilePanels.h"
 #include "ui/window/CVMainWindow.h"
@@ -173,13 +174,11 @@ void CVAppController::applyAppearance()
     CVTheme::setReducedMotion(appearance->reducedMotion());
     // Where Qt knows the desktop, its palette is dark already.
     const bool wantsDark = appearance->scheme() == LXDesktopAppearance::Scheme::Dark;
-    if (wantsDark && !m_hasDarkPalette && !CVTheme::isDark(QApplication::palette())) {
-        m_hasDarkPalette = true;
-        QApplication::setPalette(CVTheme::darkPalette());
-    } else if (!wantsDark && m_hasDarkPalette) {
-        m_hasDarkPalette = false;
-        QApplication::setPalette(QPalette());
-    }
+    if (wantsDark && !CVTheme::isDark(QApplication::palette()))
+        m_hasDarkLook = true;
+    else if (!wantsDark)
+        m_hasDarkLook = false;
+    CVDarkLook::setActive(m_hasDarkLook);
 }
 
 void CVAppController::windowWasOpened(std::unique_ptr<CVWindowController> window)

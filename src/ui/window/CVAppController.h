@@ -76,6 +76,6 @@ private:
     int m_widthObserver = 0;
     bool m_isLaunchComplete = false;
     bool m_isTerminating = false;
-    bool m_hasDarkPalette = false;
+    bool m_hasDarkLook = false;
     std::thread m_waitsForJobs;
 };

@@ -4,7 +4,7 @@
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
 #include "platform/LXFileUri.h"
-#include "ui/base/CVTheme.h"
+#include "ui/base/CVDarkLook.h"
 #include "ui/base/CVToolbar.h"
 #include "ui/window/CVMainWindow.h"
 #include "ui/window/CVNavigationController.h"
@@ -270,8 +270,8 @@ void WindowDriver::picture(const QString &name) const
         mainWindow()->grab().save(pictures + u'/' + file + u".png"_s);
     };
     save(name);
-    QApplication::setPalette(CVTheme::darkPalette());
+    CVDarkLook::setActive(true);
     save(name + u"-dark"_s);
-    QApplication::setPalette(QPalette());
+    CVDarkLook::setActive(false);
     QCoreApplication::processEvents();
 }
