@@ -45,7 +45,7 @@ QString text(const char *key)
 
 LXError engineError(int code, const char *why)
 {
-    LX_WARNING(lcCombiner, "Caught exception %s, will try to handle", why);
+    LX_DEBUG(lcCombiner, "Caught exception %s, will try to handle", why);
     return LXError{.domain = QLatin1StringView(CVFileCombiner::errorDomain),
                    .code = code,
                    .description = {},
@@ -252,7 +252,7 @@ LXResult<void> CVFileCombiner::joinCompressed(const std::vector<SplitPart> &part
         try {
             work();
         } catch (const Bzip2Exception &e) {
-            LX_WARNING(lcCombiner, "%s", e.what());
+            LX_DEBUG(lcCombiner, "%s", e.what());
             const auto [from, to] = writer.damage();
             throw Bzip2Exception(sentenceAboutDamage(parts, from, to).toStdString());
         }

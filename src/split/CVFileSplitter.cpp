@@ -39,7 +39,7 @@ quint64 fileSize(const QString &path)
 
 LXError splitterError(int code, const char *why)
 {
-    LX_WARNING(lcSplitter, "Caught exception %s, will try to handle", why);
+    LX_DEBUG(lcSplitter, "Caught exception %s, will try to handle", why);
     return LXError{.domain = QLatin1StringView(CVFileSplitter::errorDomain),
                    .code = code,
                    .description = {},

@@ -31,11 +31,16 @@ class Recorder final : public CVOperationDelegate
 public:
     QStringList inputs;
     std::function<void(double)> onProgress = [](double) {};
+    std::function<void()> onChecks = [] {};
 
     QString operationPathToInputFile(CVOperation *) override { return inputs.value(0); }
     QStringList operationPathsToInputFiles(CVOperation *) override { return inputs; }
     void operationHasMadeProgress(CVOperation *, double done, double) override { onProgress(done); }
-    void operationHasIndeterminateProgress(CVOperation *) override { ++checks; }
+    void operationHasIndeterminateProgress(CVOperation *) override
+    {
+        ++checks;
+        onChecks();
+    }
     void operationWillCreateMultiPartArchiveOfChunkSize(CVOperation *, double size,
                                                         const QString &format) override
     {
@@ -124,6 +129,7 @@ private:
         m_recorder = std::make_shared<Recorder>();
         m_recorder->inputs = inputs;
         m_recorder->onProgress = m_onProgress;
+        m_recorder->onChecks = m_onChecks;
         m_operation = operation;
         operation->setDelegate(m_recorder);
         CVOperationQueue queue;
@@ -138,12 +144,14 @@ private:
     std::shared_ptr<Recorder> m_recorder;
     std::shared_ptr<CVOperation> m_operation;
     std::function<void(double)> m_onProgress;
+    std::function<void()> m_onChecks;
 };
 
 void tst_splitoperations::init()
 {
     m_root = std::make_unique<QTemporaryDir>();
     m_onProgress = [](double) {};
+    m_onChecks = [] {};
     CVSettings::setStore(std::make_shared<LXSettingsStore>(path(u"settings/corvane.conf"_s)));
     m_out = path(u"out"_s);
     QDir().mkpath(m_out);
@@ -306,16 +314,24 @@ void tst_splitoperations::cancelLeavesNothing_data()
 {
     QTest::addColumn<bool>("combines");
     QTest::addColumn<unsigned>("compression");
-    QTest::newRow("split") << false << 0U;
-    QTest::newRow("split compressed") << false << 1U;
-    QTest::newRow("combine") << true << 0U;
-    QTest::newRow("combine compressed") << true << 1U;
+    QTest::addColumn<double>("at"); ///< bytes; below zero: at the checksums
+    for (const unsigned compression : {0U, 1U}) {
+        const char *kind = compression ? ", compressed" : "";
+        for (const bool combines : {false, true}) {
+            const char *what = combines ? "combine" : "split";
+            QTest::addRow("%s%s, first block", what, kind) << combines << compression << 1.0;
+            QTest::addRow("%s%s, in the middle", what, kind) << combines << compression << 1048577.0;
+            QTest::addRow("%s%s, checksums", what, kind) << combines << compression << -1.0;
+            QTest::addRow("%s%s, last block", what, kind) << combines << compression << 6291456.0;
+        }
+    }
 }
 
 void tst_splitoperations::cancelLeavesNothing()
 {
     QFETCH(bool, combines);
     QFETCH(unsigned, compression);
+    QFETCH(double, at);
     makeFile(u"in/m"_s, randomBytes(6 << 20, 5));
     QStringList inputs{path(u"in/m"_s)};
     auto job = CVOperationFactory::splitFileOperationWithDataBinding(binding(1 << 20, compression, true));
@@ -326,8 +342,12 @@ void tst_splitoperations::cancelLeavesNothing()
         job = CVOperationFactory::combineOperation();
     }
     const QStringList before = output();
-    m_onProgress = [this](double done) {
-        if (done > 1 << 20)
+    m_onProgress = [this, at](double done) {
+        if (at >= 0 && done >= at)
+            m_operation->cancel();
+    };
+    m_onChecks = [this, at] {
+        if (at < 0)
             m_operation->cancel();
     };
     run(job, inputs);
