@@ -200,8 +200,8 @@ void CVOperationCompletedViewController::setUpViewWithFile(const QString &path)
     m_well->setPicture(LXFileIcons::iconForName(title(), false), pictureSize);
     m_name->setText(title());
     m_size->clear();
-    readFacts(path);
     m_navigator.loadViewController(*this, false);
+    readFacts(path); // now, because a screen that is loaded anew is left first
     if (CVSettings::boolean(CVSettingsKey::sound))
         LXSystemSound::shared()->play(u"Hero"_s);
 }
