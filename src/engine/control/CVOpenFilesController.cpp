@@ -232,8 +232,9 @@ void CVOpenFilesController::look(const QStringList &paths, std::function<void(Fo
 void CVOpenFilesController::replaceTree(const Found &found)
 {
     CVFileTreeController &tree = m_delegate.d->tree;
-    disposeElsewhere(CVFileNode::List(tree.inputFiles()->mutableChildrenArray()));
+    CVFileNode::List before = tree.inputFiles()->mutableChildrenArray();
     tree.reset();
+    disposeElsewhere(std::move(before));
     m_delegate.d->setPreviewedArchives({});
     m_folders.clear();
     addToTree(found);
@@ -254,7 +255,7 @@ void CVOpenFilesController::addToTree(const Found &found)
 
 void CVOpenFilesController::tryToAddFiles(const QStringList &paths)
 {
-    if (paths.isEmpty() || m_isClosed)
+    if (paths.isEmpty() || m_isClosed || m_delegate.d->isWorking) // a job reads the tree
         return;
     ++m_additions;
     look(paths, [this](const Found &found) {

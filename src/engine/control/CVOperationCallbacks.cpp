@@ -190,14 +190,15 @@ CVOperationController::Private::ask(const CVOperation *operation, const CVAlert 
     return answer.value_or(CVAlertResult::Cancel);
 }
 
-void CVOperationController::Private::showJobAgain(const Job &job)
+void CVOperationController::Private::showJobAgain()
 {
-    navigate([&](CVNavigationDelegate &n) {
-        if (job->isForeground)
-            n.controllerNeedsToLoadProgressView(q);
-        else
-            n.controllerNeedsToGoBack(q);
-    });
+    const Job shown = currentJob();
+    if (!shown || !shown->isForeground)
+        navigate([this](CVNavigationDelegate &n) { n.controllerNeedsToGoBack(q); });
+    else if (CVOperationFactory::operationIsPreviewOperation(shown->operation.get()))
+        startProgress();
+    else
+        navigate([this](CVNavigationDelegate &n) { n.controllerNeedsToLoadProgressView(q); });
 }
 
 CVAlertResult CVOperationController::operationNeedsToAskWhetherToReplaceFileAtPath(CVOperation *operation,
@@ -213,7 +214,7 @@ CVAlertResult CVOperationController::operationNeedsToAskWhetherToReplaceFileAtPa
     return d->ask(
         operation, alert, [](CVOperationController &controller, const Private::Job &job, int result) {
             if (result == defaultButton)
-                return controller.d->showJobAgain(job);
+                return controller.d->showJobAgain();
             // The job's end, which follows, would go back once more.
             job->wentBack = true;
             controller.d->navigate([&](CVNavigationDelegate &n) { n.controllerNeedsToGoBack(controller); });
@@ -226,11 +227,10 @@ CVAlertResult CVOperationController::operationNeedsToAskWhetherToContinueAfterAr
     CVAlert alert = Private::alertFor(error);
     alert.withCancelButton = true;
     alert.defaultButtonLabel = tr("Skip");
-    return d->ask(operation, alert,
-                  [](CVOperationController &controller, const Private::Job &job, int result) {
-                      if (result == defaultButton)
-                          controller.d->showJobAgain(job);
-                  });
+    return d->ask(operation, alert, [](CVOperationController &controller, const Private::Job &, int result) {
+        if (result == defaultButton)
+            controller.d->showJobAgain();
+    });
 }
 
 bool CVOperationController::operationNeedsToAskWhetherToExceedLimit(CVOperation *operation,
@@ -246,7 +246,7 @@ bool CVOperationController::operationNeedsToAskWhetherToExceedLimit(CVOperation 
         d->ask(operation, alert, [](CVOperationController &controller, const Private::Job &job, int button) {
             // Without consent the archive fails, and that is told next.
             if (button == defaultButton || !job->isForeground)
-                controller.d->showJobAgain(job);
+                controller.d->showJobAgain();
         });
     return result == CVAlertResult::Default;
 }
@@ -258,11 +258,11 @@ void CVOperationController::operationNeedsToShowError(CVOperation *operation, co
     d->ask(operation, Private::alertFor(error),
            [](CVOperationController &controller, const Private::Job &job, int) {
                if (!job->isForeground)
-                   return controller.d->showJobAgain(job);
+                   return controller.d->showJobAgain();
                QTimer::singleShot(progressDelay, [weak = controller.weak_from_this(), job] {
                    const auto alive = weak.lock();
                    if (alive && !job->isOver && !alive->d->questions.isAsking())
-                       alive->d->showJobAgain(job);
+                       alive->d->showJobAgain();
                });
            });
 }
@@ -322,10 +322,8 @@ void CVOperationController::passwordPromptFinishedWasCancelled(bool cancelled)
         job->wentBack = true; // the job's end, which follows, would go back once more
         job->operation->cancel();
         d->navigate([this](CVNavigationDelegate &n) { n.controllerNeedsToGoBackToMainView(*this); });
-    } else if (CVOperationFactory::operationIsPreviewOperation(job->operation.get())) {
-        d->startProgress();
     } else {
-        d->showJobAgain(job);
+        d->showJobAgain();
     }
 }
 
@@ -373,7 +371,7 @@ void CVOperationController::Private::tellSkipped(CVControllerJob &job)
            .message = tr("Some items of “%1” were left out.").arg(LXDisplay::displayName(path)),
            .informativeText = lines.join(u'\n'),
            .defaultButtonLabel = tr("OK")},
-          [this](int) { navigate([this](CVNavigationDelegate &n) { n.controllerNeedsToGoBack(q); }); });
+          [this](int) { showJobAgain(); });
 }
 
 // ---- data bindings ----
@@ -473,8 +471,11 @@ void CVOperationController::operationFailedWithError(CVOperation *operation, con
             return its.tearDown(job);
         Private::postNotification(tr("Task failed"), *job);
         job->isInPlace = false; // the window stays, and closing it ends the application
-        its.showError(error, [&its, &controller, job] {
-            its.navigate([&](CVNavigationDelegate &n) { n.controllerNeedsToGoBack(controller); });
+        its.showError(error, [&its, job] {
+            if (job->isForeground)
+                its.navigate([&](CVNavigationDelegate &n) { n.controllerNeedsToGoBack(its.q); });
+            else
+                its.showJobAgain();
             its.tearDown(job);
         });
     });

@@ -234,7 +234,7 @@ void CVOperationController::addAndExtractArchives(const QStringList &paths)
 
 void CVOperationController::removeFileNode(const CVFileNode::Pointer &node)
 {
-    if (!node)
+    if (!node || d->isWorking) // a job reads the tree
         return;
     LX_DEBUG(lcControl, "Removing %s", qUtf8Printable(LXDisplay::displayEscaped(node->filename())));
     d->tree.removeFileNode(node);
@@ -438,8 +438,9 @@ void CVOperationController::Private::stopProgress()
 void CVOperationController::Private::setPreviewedArchives(
     const std::vector<std::shared_ptr<CVArchive>> &archives)
 {
-    disposeElsewhere(std::vector(tree.previewedArchives()));
+    std::vector<std::shared_ptr<CVArchive>> before = tree.previewedArchives();
     tree.setPreviewedArchives(archives);
+    disposeElsewhere(std::move(before));
 }
 
 void CVOperationController::Private::tearDown(const Job &job)

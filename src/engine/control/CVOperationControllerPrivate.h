@@ -114,8 +114,8 @@ struct CVOperationController::Private
     void complete(const Job &job, const QStringList &paths, bool multipleFiles, bool showInFileViewer);
     void completeWithoutFiles(const Job &job);
     void cancelled(const Job &job, bool toMainView, bool notifies);
-    /// To where the job is on show, after a question of it.
-    void showJobAgain(const Job &job);
+    /// After a question or message: to the job on show, or to the screen before it.
+    void showJobAgain();
     void tellSkipped(CVControllerJob &job);
 
     void alert(const CVAlert &alert, CVControllerQuestions::Ended ended);
