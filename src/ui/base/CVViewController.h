@@ -40,7 +40,7 @@ public:
     /// Of the content below the tool bar, in device-independent pixels. The default is the window's initial
     /// size, and more where the view needs more.
     virtual QSize size() const;
-    /// Plain text for the title bar after the program's name; empty for none.
+    /// Plain text for the title bar, before the program's name; empty for the name alone.
     virtual QString title() const { return {}; }
 
     /// Identifiers in order; flexibleSpace between them where the rest moves to the right.

@@ -40,6 +40,7 @@ CVDropBoxView::CVDropBoxView(QWidget *parent)
     }
     m_button->setObjectName(u"chooseFiles"_s);
     m_button->setAccessibleName(tr("Choose files"));
+    m_button->setAutoDefault(true); // Return presses it where it has the focus
     connect(m_button, &QPushButton::clicked, this, &CVDropBoxView::chooseFiles);
 
     auto *layout = new QVBoxLayout(this);

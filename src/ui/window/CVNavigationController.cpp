@@ -207,9 +207,10 @@ void CVNavigationController::takeBars()
 
 void CVNavigationController::updateTitle()
 {
-    QString title = QGuiApplication::applicationDisplayName();
-    if (const QString text = m_shown ? m_shown->title() : QString(); !text.isEmpty())
-        title = tr("%1 – %2").arg(title, LXDisplay::displayEscaped(text));
+    // The name of the program is put behind other titles by Qt.
+    QString title = m_shown ? LXDisplay::displayEscaped(m_shown->title()) : QString();
+    if (title.isEmpty())
+        title = QGuiApplication::applicationDisplayName();
     // Qt puts the mark of unsaved changes in the place of this one.
     title.replace(u"[*]"_s, u"[*][*]"_s);
     m_window->setWindowTitle(title);
