@@ -170,7 +170,7 @@ CVCreateArchiveOperation::Step CVCreateArchiveOperation::prepare(CVPackingTree &
 
 bool CVCreateArchiveOperation::userWantsPassword() const
 {
-    return m_data->canEncrypt() && CVSettings::boolean(CVSettingsKey::shouldEncrypt);
+    return m_data->canEncrypt() && m_data->shouldEncrypt();
 }
 
 CVCreateArchiveOperation::Step CVCreateArchiveOperation::checkPasswords() const

@@ -48,6 +48,7 @@ private Q_SLOTS:
     void changeOfFormat();
     void settingsGoBothWays();
     void settingChangedOnAnotherThread();
+    void jobsAreDetached();
     void derivedValuesAreTold();
     void passwords_data();
     void passwords();
@@ -149,6 +150,24 @@ void TestDataBindings::settingsGoBothWays()
     QCOMPARE(told, 0);
     QCOMPARE(delegate->types, QStringList{u"7z"_s});
     QCOMPARE(CVSettings::string(CVSettingsKey::createArchiveFormat), u"7z"_s);
+}
+
+void TestDataBindings::jobsAreDetached()
+{
+    CVSettings::setValue(CVSettingsKey::shouldEncrypt, true);
+    CVCreateOperationDataBinding job;
+    CVCreateOperationDataBinding plain;
+    std::thread([] { CVSettings::setValue(CVSettingsKey::compressionLevelSetting, 1); }).join();
+    job.detachFromSettings();
+    plain.forgoEncryption();
+    QVERIFY(!plain.shouldEncrypt());
+    QCoreApplication::processEvents(); // the change was on its way
+    CVSettings::setValue(CVSettingsKey::shouldEncrypt, false);
+    CVSettings::setValue(CVSettingsKey::createArchiveFormat, u"tar"_s);
+    QCOMPARE(job.archiveType(), u"zip"_s);
+    QCOMPARE(job.compressionLevel(), 5);
+    QVERIFY(job.canEncrypt());
+    QVERIFY(job.shouldEncrypt());
 }
 
 void TestDataBindings::settingChangedOnAnotherThread()

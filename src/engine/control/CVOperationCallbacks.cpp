@@ -423,6 +423,7 @@ void CVOperationController::operationWillCreateMultiPartArchiveOfChunkSize(CVOpe
         data->setChunkSize(chunkSize);
         data->setArchiveName(lastComponent(path));
         data->setArchiveTypeValue(format);
+        data->forgoEncryption();
         its.run(CVOperationFactory::createOperationWithDataBinding(data));
     });
 }

@@ -133,15 +133,19 @@ void CVOperationController::extractArchive()
 void CVOperationController::createArchive()
 {
     const auto data = d->screens.create ? d->screens.create->operationDataBinding() : nullptr;
-    if (data && !data->passwordIsInvalid())
-        d->run(CVOperationFactory::createOperationWithDataBinding(data));
+    if (!data || data->passwordIsInvalid())
+        return;
+    data->detachFromSettings();
+    d->run(CVOperationFactory::createOperationWithDataBinding(data));
 }
 
 void CVOperationController::convertArchive()
 {
     const auto data = d->screens.convert ? d->screens.convert->operationDataBinding() : nullptr;
-    if (data && !data->passwordIsInvalid())
-        d->run(CVOperationFactory::convertOperationWithDataBinding(data));
+    if (!data || data->passwordIsInvalid())
+        return;
+    data->detachFromSettings();
+    d->run(CVOperationFactory::convertOperationWithDataBinding(data));
 }
 
 void CVOperationController::splitFile()

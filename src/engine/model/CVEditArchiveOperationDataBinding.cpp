@@ -62,8 +62,27 @@ CVEditArchiveOperationDataBinding::CVEditArchiveOperationDataBinding()
 
 CVEditArchiveOperationDataBinding::~CVEditArchiveOperationDataBinding()
 {
+    stopFollowingSettings();
+}
+
+void CVEditArchiveOperationDataBinding::stopFollowingSettings()
+{
     for (const int id : m_settingObservers)
         CVSettings::removeObserver(id);
+    m_settingObservers.clear();
+    m_alive.reset(); // for changes that are on their way
+}
+
+void CVEditArchiveOperationDataBinding::detachFromSettings()
+{
+    stopFollowingSettings();
+    m_shouldEncrypt = shouldEncrypt();
+}
+
+void CVEditArchiveOperationDataBinding::forgoEncryption()
+{
+    stopFollowingSettings();
+    m_shouldEncrypt = false;
 }
 
 std::span<const CVOperationDataBinding::Dependency> CVEditArchiveOperationDataBinding::dependencies() const
@@ -212,7 +231,7 @@ QString CVEditArchiveOperationDataBinding::archiveIcon() const
 
 bool CVEditArchiveOperationDataBinding::shouldEncrypt() const
 {
-    return CVSettings::boolean(CVSettingsKey::shouldEncrypt);
+    return m_shouldEncrypt.value_or(CVSettings::boolean(CVSettingsKey::shouldEncrypt));
 }
 
 bool CVEditArchiveOperationDataBinding::shouldUseZipCompressionForCorvaneFormat() const

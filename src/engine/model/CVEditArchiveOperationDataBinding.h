@@ -5,6 +5,7 @@
 #include <QString>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 /// The settings of an archive to be written.
@@ -63,6 +64,13 @@ public:
         change(m_shouldUseZipCompression, use, QStringLiteral("shouldUseZipCompression"));
     }
 
+    /// For a job that is about to start: nothing of it follows the settings any more, not even
+    /// shouldEncrypt(), so that a choice made for another archive cannot change this one, or take its
+    /// encryption away.
+    void detachFromSettings();
+    /// The same, and never encrypted: for who cannot be asked for a password.
+    void forgoEncryption();
+
     // Derived values.
     /// archiveName() with the extension of the format, unless it has it already.
     QString outputArchiveName() const;
@@ -91,6 +99,7 @@ protected:
 
 private:
     void settingChanged(const QString &setting);
+    void stopFollowingSettings();
     void archiveTypeDidChange();
     void store(const QString &setting, const QVariant &value);
 
@@ -104,7 +113,8 @@ private:
     int m_audioFileFormat = 0;
     double m_chunkSize = 0;
     bool m_shouldUseZipCompression = false;
-    bool m_storing = false; ///< the change of the setting under way is our own
+    std::optional<bool> m_shouldEncrypt; ///< instead of the setting
+    bool m_storing = false;              ///< the change of the setting under way is our own
 
     std::shared_ptr<int> m_alive = std::make_shared<int>(); ///< for calls posted from other threads
     std::vector<int> m_settingObservers;
