@@ -229,7 +229,9 @@ std::size_t CVFileNode::numberOfChildren() const
 
 bool CVFileNode::isLeaf() const
 {
-    return isRoot() || numberOfChildren() == 0;
+    // Asked for every row on the screen, so it must not look at all the children.
+    return isRoot() || hidesChildren() ||
+           std::ranges::none_of(m_children, [this](const Pointer &child) { return isVisible(*child); });
 }
 
 std::size_t CVFileNode::count() const

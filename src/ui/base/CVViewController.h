@@ -64,6 +64,8 @@ Q_SIGNALS:
     /// The screen is current and wants another size or another title.
     void sizeChanged();
     void titleChanged();
+    /// Other items belong in the tool bar now.
+    void toolbarChanged();
 
 protected:
     void setView(QWidget *view);

@@ -186,6 +186,8 @@ void CVNavigationController::giveBars(CVViewController &screen)
     connect(&screen, &CVViewController::sizeChanged, this,
             [this, &screen] { resizeBackToViewController(screen); });
     connect(&screen, &CVViewController::titleChanged, this, &CVNavigationController::updateTitle);
+    connect(&screen, &CVViewController::toolbarChanged, this,
+            [this, &screen] { screen.refreshToolbar(*m_window->toolbar()); });
     updateTitle();
 }
 
