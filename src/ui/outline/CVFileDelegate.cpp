@@ -1,0 +1,194 @@
+#include "ui/outline/CVFileDelegate.h"
+
+#include "ui/base/CVTheme.h"
+#include "ui/outline/CVFileListView.h"
+#include "ui/outline/CVFileNodeModel.h"
+
+#include <QApplication>
+#include <QPainter>
+#include <QTextLayout>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QIcon::Mode iconMode(const QStyleOptionViewItem &option)
+{
+    if (!(option.state & QStyle::State_Enabled))
+        return QIcon::Disabled;
+    return option.state & QStyle::State_Selected ? QIcon::Selected : QIcon::Normal;
+}
+
+QPalette::ColorGroup colorGroup(const QStyleOptionViewItem &option)
+{
+    if (!(option.state & QStyle::State_Enabled))
+        return QPalette::Disabled;
+    return option.state & QStyle::State_Active ? QPalette::Normal : QPalette::Inactive;
+}
+
+QColor textColor(const QStyleOptionViewItem &option)
+{
+    return option.palette.color(colorGroup(option), option.state & QStyle::State_Selected
+                                                        ? QPalette::HighlightedText
+                                                        : QPalette::Text);
+}
+
+void drawTriangle(QPainter *painter, const QRect &rect, bool isOpen, bool isMirrored, const QColor &color)
+{
+    const double reach = rect.height() / 6.0;
+    const QPointF centre = QRectF(rect).center();
+    QPolygonF line{QPointF(-reach / 2, -reach), QPointF(reach / 2, 0), QPointF(-reach / 2, reach)};
+    QTransform turn;
+    turn.translate(centre.x(), centre.y());
+    if (isOpen)
+        turn.rotate(90);
+    else if (isMirrored)
+        turn.scale(-1, 1);
+    painter->save();
+    painter->setRenderHint(QPainter::Antialiasing);
+    painter->setPen(QPen(color, 1.6, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter->drawPolyline(turn.map(line));
+    painter->restore();
+}
+
+// In two lines at most, the second cut in the middle, so that endings stay in sight.
+void drawName(QPainter *painter, const QRect &rect, const QString &name, const QFont &font,
+              Qt::LayoutDirection direction)
+{
+    const QFontMetrics metrics(font);
+    QTextOption option(Qt::AlignHCenter);
+    option.setWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
+    option.setTextDirection(direction);
+    QTextLayout layout(name, font);
+    layout.setTextOption(option);
+    layout.beginLayout();
+    QTextLine first = layout.createLine();
+    if (first.isValid())
+        first.setLineWidth(rect.width());
+    layout.endLayout();
+    const auto end = first.isValid() ? first.textLength() : 0;
+    const int flags = Qt::AlignHCenter | Qt::AlignTop | Qt::TextSingleLine;
+    painter->drawText(QRect(rect.topLeft(), QSize(rect.width(), metrics.height())), flags,
+                      metrics.elidedText(name.first(end).trimmed(), Qt::ElideMiddle, rect.width()));
+    if (end < name.size())
+        painter->drawText(
+            QRect(rect.left(), rect.top() + metrics.lineSpacing(), rect.width(), metrics.height()), flags,
+            metrics.elidedText(name.sliced(end), Qt::ElideMiddle, rect.width()));
+}
+
+} // namespace
+
+CVFileListDelegate::CVFileListDelegate(CVFileListView *view)
+    : QStyledItemDelegate(view)
+    , m_view(*view)
+{}
+
+void CVFileListDelegate::paint(QPainter *painter, const QStyleOptionViewItem &given,
+                               const QModelIndex &index) const
+{
+    QStyleOptionViewItem option = given;
+    initStyleOption(&option, index);
+    const bool hasFocus = m_view.hasFocus() && m_view.currentIndex().row() == index.row();
+    option.state &= ~QStyle::State_HasFocus;
+    const QStyle *style = m_view.style();
+    style->drawPrimitive(QStyle::PE_PanelItemViewItem, &option, painter, &m_view);
+
+    const int gap = CVTheme::unit / 2;
+    QRect rest = option.rect.adjusted(gap, 0, -gap, 0);
+    painter->save();
+    const QColor color = textColor(option);
+    const bool isName = index.column() == static_cast<int>(CVFileNodeModel::Column::Name);
+    if (isName) {
+        if (const QRect triangle = m_view.triangleRect(index); !triangle.isEmpty())
+            drawTriangle(painter, triangle, index.data(CVFileNodeModel::IsExpandedRole).toBool(),
+                         option.direction == Qt::RightToLeft, color);
+        const int icon = CVFileListView::iconSize();
+        const int indent =
+            CVFileListView::indentation() * (index.data(CVFileNodeModel::DepthRole).toInt() + 1);
+        const auto take = [&](int width) {
+            const QRect taken = QStyle::visualRect(option.direction, rest,
+                                                   QRect(rest.left(), rest.top(), width, rest.height()));
+            rest = option.direction == Qt::RightToLeft ? rest.adjusted(0, 0, -width, 0)
+                                                       : rest.adjusted(width, 0, 0, 0);
+            return taken;
+        };
+        take(indent - gap);
+        const QRect place = take(icon);
+        option.icon.paint(painter, QRect(place.left(), place.center().y() - icon / 2, icon, icon),
+                          Qt::AlignCenter, iconMode(option));
+        take(CVTheme::unit);
+        if (index.data(CVFileNodeModel::IsEncryptedRole).toBool()) {
+            const int size = icon * 3 / 4;
+            const QRect mark = take(size);
+            CVTheme::icon(u"tool/lock"_s)
+                .paint(painter, QRect(mark.left(), mark.center().y() - size / 2, size, size), Qt::AlignCenter,
+                       iconMode(option));
+            take(gap);
+        }
+    }
+    const bool isSecond = !isName && !(option.state & QStyle::State_Selected);
+    painter->setPen(isSecond ? CVTheme::subtitleColor(option.palette) : color);
+    painter->setFont(option.font);
+    const auto alignment =
+        QStyle::visualAlignment(option.direction, option.displayAlignment) | Qt::AlignVCenter;
+    painter->drawText(rest, static_cast<int>(alignment) | Qt::TextSingleLine,
+                      option.fontMetrics.elidedText(option.text, Qt::ElideMiddle, rest.width()));
+    if (hasFocus && !(option.state & QStyle::State_Selected)) {
+        painter->setPen(CVTheme::accentColor(option.palette));
+        painter->drawLine(option.rect.topLeft(), option.rect.topRight());
+        painter->drawLine(option.rect.bottomLeft(), option.rect.bottomRight());
+    }
+    painter->restore();
+}
+
+int CVFileGridDelegate::iconSize()
+{
+    return CVTheme::scaled(6 * CVTheme::unit);
+}
+
+QSize CVFileGridDelegate::sizeHint(const QStyleOptionViewItem &option, const QModelIndex &) const
+{
+    return {CVTheme::scaled(13 * CVTheme::unit),
+            iconSize() + 2 * option.fontMetrics.lineSpacing() + 3 * CVTheme::unit};
+}
+
+void CVFileGridDelegate::paint(QPainter *painter, const QStyleOptionViewItem &given,
+                               const QModelIndex &index) const
+{
+    QStyleOptionViewItem option = given;
+    initStyleOption(&option, index);
+    const bool isSelected = option.state & QStyle::State_Selected;
+    const QRect cell = option.rect.adjusted(2, 2, -2, -2);
+    painter->save();
+    painter->setRenderHint(QPainter::Antialiasing);
+    const double radius = CVTheme::unit * 0.75;
+    if (isSelected || option.state & QStyle::State_MouseOver) {
+        QColor fill = option.palette.color(colorGroup(option), QPalette::Highlight);
+        if (!isSelected)
+            fill.setAlphaF(0.12F);
+        painter->setPen(Qt::NoPen);
+        painter->setBrush(fill);
+        painter->drawRoundedRect(cell, radius, radius);
+    }
+    if (option.state & QStyle::State_HasFocus && !isSelected) {
+        painter->setBrush(Qt::NoBrush);
+        painter->setPen(QPen(CVTheme::accentColor(option.palette), 1.5));
+        painter->drawRoundedRect(QRectF(cell).adjusted(0.75, 0.75, -0.75, -0.75), radius, radius);
+    }
+    const int icon = iconSize();
+    const QRect place(cell.center().x() - icon / 2, cell.top() + CVTheme::unit, icon, icon);
+    option.icon.paint(painter, place, Qt::AlignCenter, iconMode(option));
+    if (index.data(CVFileNodeModel::IsEncryptedRole).toBool()) {
+        const QRect mark(place.right() - icon / 3, place.bottom() - icon / 3, icon * 3 / 8, icon * 3 / 8);
+        painter->setPen(Qt::NoPen);
+        painter->setBrush(option.palette.color(isSelected ? QPalette::Highlight : QPalette::Base));
+        painter->drawEllipse(mark.adjusted(-3, -3, 3, 3));
+        CVTheme::icon(u"tool/lock"_s).paint(painter, mark, Qt::AlignCenter, iconMode(option));
+    }
+    painter->setPen(textColor(option));
+    painter->setFont(option.font);
+    const QRect words(cell.left() + 4, place.bottom() + CVTheme::unit / 2, cell.width() - 8,
+                      cell.bottom() - place.bottom() - CVTheme::unit / 2);
+    drawName(painter, words, option.text, option.font, option.direction);
+    painter->restore();
+}
