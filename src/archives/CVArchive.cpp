@@ -36,6 +36,12 @@ qint64 sizeOfFile(const QByteArray &path)
     return ::lstat(path.constData(), &info) == 0 ? static_cast<qint64>(info.st_size) : -1;
 }
 
+bool isThere(const QString &path)
+{
+    struct stat info;
+    return ::stat(bytesOfFileName(path).constData(), &info) == 0;
+}
+
 double sizeOfItemAtPath(const QString &path)
 {
     namespace fs = std::filesystem;
@@ -149,7 +155,7 @@ void CVArchive::bundle(const QString &source, const QString &destinationPath)
 
 void CVArchive::open(const QString &path, const QString &destinationFolder)
 {
-    if (!QFileInfo::exists(path)) {
+    if (!isThere(path)) {
         qCWarning(lcArchive, "%s [Line %d] can't open %s because it doesn't exist", Q_FUNC_INFO, __LINE__,
                   qUtf8Printable(path));
         return;
@@ -178,7 +184,7 @@ void CVArchive::open(const QString &path, const QString &destinationFolder)
 
 void CVArchive::openForPreview(const QString &path)
 {
-    if (!QFileInfo::exists(path)) {
+    if (!isThere(path)) {
         qCWarning(lcArchive, "%s [Line %d] can't open %s because it doesn't exist", Q_FUNC_INFO, __LINE__,
                   qUtf8Printable(path));
         return;

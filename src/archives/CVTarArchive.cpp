@@ -6,6 +6,7 @@
 #include "archives/reading/CVTreeCheck.h"
 #include "archives/shell_line.h"
 #include "util/LXChildProcess.h"
+#include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 
@@ -18,7 +19,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 Q_LOGGING_CATEGORY(lcTar, "corvane.archives.tar")
 
@@ -340,16 +344,18 @@ void CVTarArchive::extractCommand()
     m_systemError = 0;
     m_toolStatus = 0;
 
-    const QFileInfo info(extractFile);
-    if (!info.isFile()) {
-        LX_WARNING(lcTar, "error determining file size of %s", qUtf8Printable(extractFile));
-        setStatus(InvalidFile);
-        return;
-    }
-    QFile file(extractFile);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
-        LX_WARNING(lcTar, "error opening %s", qUtf8Printable(extractFile));
-        m_failureReason = file.errorString();
+    // Not by its name, which need not be text.
+    QFile file;
+    const int descriptor =
+        ::open(bytesOfFileName(extractFile).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat info = {};
+    if (descriptor < 0 || ::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode) ||
+        !file.open(descriptor, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
+        m_failureReason = QString::fromLocal8Bit(std::strerror(errno));
+        LX_WARNING(lcTar, "error opening %s: %s", qUtf8Printable(LXDisplay::displayEscaped(extractFile)),
+                   qUtf8Printable(m_failureReason));
+        if (descriptor >= 0)
+            ::close(descriptor);
         setStatus(InvalidFile);
         return;
     }
@@ -365,7 +371,7 @@ void CVTarArchive::extractCommand()
         QDir(extractDestination)
             .isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     if (mayBeEmptied) {
-        switch (extractWithTool(extractShellCommand(flag, singleFilesToBeExtracted), file, info.size())) {
+        switch (extractWithTool(extractShellCommand(flag, singleFilesToBeExtracted), file, info.st_size)) {
         case ToolResult::Done:
             setStatus(Success);
             extractDidFinish();
@@ -375,7 +381,7 @@ void CVTarArchive::extractCommand()
         case ToolResult::Odd:
             break;
         }
-        CVDestination(QFile::encodeName(extractDestination)).empty();
+        CVDestination(bytesOfFileName(extractDestination)).empty();
     }
     file.close();
     extractWithReader();

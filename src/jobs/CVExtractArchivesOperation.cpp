@@ -64,7 +64,7 @@ std::optional<QStringList> namesInFolder(const QString &path, qsizetype limit)
     {
         void operator()(DIR *dir) const noexcept { ::closedir(dir); }
     };
-    const std::unique_ptr<DIR, Closer> dir(::opendir(QFile::encodeName(path).constData()));
+    const std::unique_ptr<DIR, Closer> dir(::opendir(bytesOfFileName(path).constData()));
     if (!dir)
         return std::nullopt;
     QStringList names;
@@ -77,7 +77,7 @@ std::optional<QStringList> namesInFolder(const QString &path, qsizetype limit)
             break;
         }
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-            names.append(QFile::decodeName(entry->d_name));
+            names.append(fileNameFromBytes(entry->d_name));
     }
     return names;
 }
@@ -93,7 +93,7 @@ QString withoutLastExtension(const QString &name)
 // a folder and none of them a link, so that the way cannot lead out of the work directory.
 bool isReachable(const QString &folder, const std::vector<QByteArray> &components)
 {
-    LXFileDescriptor at(::open(QFile::encodeName(folder).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    LXFileDescriptor at(::open(bytesOfFileName(folder).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     for (std::size_t i = 0; at.isOpen() && i + 1 < components.size(); ++i)
         at = LXFileDescriptor(
             ::openat(at.get(), components[i].constData(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -483,7 +483,7 @@ std::int32_t CVExtractArchivesOperation::runBackEnd(const std::shared_ptr<CVArch
     }
     std::unique_lock lock(m_mutex);
     // A file that went away meanwhile is only logged by the back end, without a report.
-    if (!m_outcome && !QFile::exists(path))
+    if (!m_outcome && ::access(bytesOfFileName(path).constData(), F_OK) != 0)
         m_outcome = CVArchive::InvalidFile;
     // Back ends with a thread of their own report later.
     m_changed.wait(lock, stopToken(), [this] { return m_outcome.has_value(); });
@@ -633,7 +633,7 @@ void CVExtractArchivesOperation::decideFate()
             if (const auto result = LXTrash::shared()->moveToTrash(path); !result)
                 LX_WARNING(lcExtract, "ERROR: failed to trash %s after extract: %s", qUtf8Printable(path),
                            qUtf8Printable(result.error().reason));
-        } else if (::unlink(QFile::encodeName(path).constData()) != 0) {
+        } else if (::unlink(bytesOfFileName(path).constData()) != 0) {
             LX_WARNING(lcExtract, "  error deleting %s after extract: %s", qUtf8Printable(path),
                        std::strerror(errno));
         }

@@ -5,6 +5,7 @@
 #include "engine/model/CVSettings.h"
 #include "util/LXMainThread.h"
 #include "util/LXPendingAnswer.h"
+#include "util/LXRemoveTree.h"
 
 #include <QDir>
 #include <QFile>
@@ -353,6 +354,8 @@ RecordedWindow::~RecordedWindow()
     LXWorkspace::setShared(nullptr);
     LXSystemSound::setShared(nullptr);
     CVSettings::setStore(nullptr);
+    // Some names in it are no text, which Qt leaves behind.
+    (void)removeTree(m_root.path());
 }
 
 void RecordedWindow::close()

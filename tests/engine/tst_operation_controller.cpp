@@ -3,6 +3,7 @@
 #include "engine/model/CVOperation.h"
 #include "engine/model/CVSettings.h"
 #include "filetree/CVFileNode.h"
+#include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 
 #include <QDir>
@@ -14,6 +15,7 @@
 #include <thread>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -69,6 +71,8 @@ private Q_SLOTS:
     void hidesNoCompression_data();
     void hidesNoCompression();
     void secondClickStartsNothing();
+    void namesThatAreNoText_data();
+    void namesThatAreNoText();
 
 private:
     /// a.zip, b.zip and broken.zip; locked.7z with the password "right"; big.zip, which takes its time.
@@ -736,6 +740,49 @@ void tst_operation_controller::secondClickStartsNothing()
     QVERIFY(window.idle());
     QCOMPARE(count(window.log.all(), u"view done"_s), 1);
     QCOMPARE(window.names(u"out"_s), QStringList{u"a.txt"_s});
+}
+
+void tst_operation_controller::namesThatAreNoText_data()
+{
+    QTest::addColumn<QString>("made");
+    QTest::addColumn<QByteArray>("name");
+    QTest::newRow("zip") << u"x.zip"_s << QByteArray("caf\xe9.zip");
+    QTest::newRow("7z") << u"x.7z"_s << QByteArray("caf\xe9.7z");
+    QTest::newRow("tar") << u"x.tar"_s << QByteArray("caf\xe9.tar");
+    QTest::newRow("volumes") << u"x.7z.001"_s << QByteArray("caf\xe9.7z.001");
+    QTest::newRow("in a folder") << u"x.zip"_s << QByteArray("\xff/x.zip");
+}
+
+// Archives and folders from other systems: what is found at such a name is opened, listed and delivered.
+void tst_operation_controller::namesThatAreNoText()
+{
+    QFETCH(QString, made);
+    QFETCH(QByteArray, name);
+    RecordedWindow window;
+    makeInputs(window);
+    if (made.endsWith(u".001"))
+        window.pack(made.chopped(4), {u"-v1m"_s, u"a.txt"_s, u"b.txt"_s});
+    else
+        window.pack(made, {u"a.txt"_s, u"b.txt"_s});
+    const QByteArray path = QFile::encodeName(window.at(u"in/"_s)) + name;
+    QDir(window.at(QString())).mkpath(u"in"_s);
+    ::mkdir(QByteArray(QFile::encodeName(window.at(u"in/"_s)) + "\xff").constData(), 0700);
+    QCOMPARE(::rename(QFile::encodeName(window.at(made)).constData(), path.constData()), 0);
+    window.controller->controllerHasNewFiles({fileNameFromBytes(path)});
+    QTRY_COMPARE(count(window.log.all(), u"view preview"_s), 1);
+    QVERIFY(window.idle());
+    CVSettings::setValue(CVSettingsKey::extractDestination, 0);
+    window.controller->extractArchive();
+    QTRY_COMPARE(count(window.log.all(), u"view done"_s), 1);
+    QVERIFY(window.idle());
+    const QByteArray result =
+        path.endsWith(".001") ? path.chopped(4) : path; // its last extension goes, in a folder of that name
+    const QByteArray folder = result.left(result.lastIndexOf('.'));
+    const QByteArray other = path.left(path.lastIndexOf('.'));
+    const auto holds = [](const QByteArray &at) {
+        return ::access(QByteArray(at + "/a.txt").constData(), F_OK) == 0;
+    };
+    QVERIFY(holds(folder) || holds(other));
 }
 
 QTEST_GUILESS_MAIN(tst_operation_controller)

@@ -1,5 +1,7 @@
 #include "archives/reading/CVArchiveSource.h"
 
+#include "util/LXFileName.h"
+
 #include <QFile>
 
 #include <algorithm>
@@ -14,7 +16,7 @@ std::shared_ptr<const CVArchiveSource> CVArchiveSource::open(const QStringList &
     auto source = std::make_shared<CVArchiveSource>();
     for (const QString &path : paths) {
         Part part{path, LXFileDescriptor(
-                            ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))};
+                            ::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))};
         struct stat info;
         if (!part.fd.isOpen() || ::fstat(part.fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
             if (error)

@@ -1,6 +1,7 @@
 #include "archives/reading/CVLibarchiveReader.h"
 
 #include "archives/reading/CVReadingText.h"
+#include "util/LXFileName.h"
 
 #include <QFile>
 #include <QLoggingCategory>
@@ -208,7 +209,7 @@ bool CVLibarchiveReader::openVolumes(const QStringList &paths)
     std::vector<QByteArray> names;
     std::vector<const char *> pointers;
     for (const QString &path : paths)
-        names.push_back(QFile::encodeName(path));
+        names.push_back(bytesOfFileName(path));
     for (const QByteArray &name : names)
         pointers.push_back(name.constData());
     pointers.push_back(nullptr);

@@ -1,5 +1,7 @@
 #include "archives/reading/CVSevenZipStreams.h"
 
+#include "util/LXFileName.h"
+
 #include <QFile>
 #include <QFileInfo>
 #include <QtEndian>
@@ -110,7 +112,7 @@ std::shared_ptr<const CVSevenZipSource> CVSevenZipSource::open(const QStringList
 {
     auto source = std::make_shared<CVSevenZipSource>();
     for (const QString &path : paths) {
-        LXFileDescriptor file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        LXFileDescriptor file(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
         struct stat status = {};
         if (!file.isOpen() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
             return nullptr;

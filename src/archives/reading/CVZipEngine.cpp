@@ -4,6 +4,7 @@
 #include "archives/reading/CVZipDirectory.h"
 #include "archives/reading/CVZipExtractor.h"
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 
 #include <QFile>
 #include <QLoggingCategory>
@@ -71,7 +72,7 @@ int bid(const CVArchiveProbe &probe)
 
 CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &)
 {
-    LXFileDescriptor file(::open(QFile::encodeName(probe.path).constData(), O_RDONLY | O_CLOEXEC));
+    LXFileDescriptor file(::open(bytesOfFileName(probe.path).constData(), O_RDONLY | O_CLOEXEC));
     struct stat status = {};
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return {nullptr, XADErrorCode::Damaged, QStringLiteral("The file could not be opened.")};

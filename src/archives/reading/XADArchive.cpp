@@ -2,6 +2,7 @@
 
 #include "archives/reading/CVNameDecoder.h"
 #include "archives/reading/CVSafeWriter.h"
+#include "util/LXFileName.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -38,7 +39,7 @@ QString text(const char *source)
 bool readProbe(const QString &path, CVArchiveProbe &probe)
 {
     probe.path = path;
-    const LXFileDescriptor fd(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const LXFileDescriptor fd(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat info;
     if (!fd.isOpen() || ::fstat(fd.get(), &info) != 0)
         return false;
@@ -433,7 +434,7 @@ XADErrorCode XADArchive::extractIndices(const std::vector<int> &indices, bool al
     d->skipped.clear();
     d->errorText.clear();
     d->systemError = 0;
-    CVDestination destination(QFile::encodeName(destinationPath));
+    CVDestination destination(bytesOfFileName(destinationPath));
     if (!destination.isOpen()) {
         d->systemError = errno;
         d->errorText = QString::fromLocal8Bit(std::strerror(errno));

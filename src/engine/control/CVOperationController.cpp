@@ -133,7 +133,7 @@ void CVOperationController::extractArchive()
 void CVOperationController::createArchive()
 {
     const auto data = d->screens.create ? d->screens.create->operationDataBinding() : nullptr;
-    if (!data || data->passwordIsInvalid())
+    if (!data || data->passwordIsInvalid() || !d->mayRun())
         return;
     data->detachFromSettings();
     d->run(CVOperationFactory::createOperationWithDataBinding(data));
@@ -142,7 +142,7 @@ void CVOperationController::createArchive()
 void CVOperationController::convertArchive()
 {
     const auto data = d->screens.convert ? d->screens.convert->operationDataBinding() : nullptr;
-    if (!data || data->passwordIsInvalid())
+    if (!data || data->passwordIsInvalid() || !d->mayRun())
         return;
     data->detachFromSettings();
     d->run(CVOperationFactory::convertOperationWithDataBinding(data));
