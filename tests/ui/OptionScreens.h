@@ -8,7 +8,9 @@
 #include "ui/options/CVCreateArchiveViewController.h"
 #include "ui/options/CVEditArchiveView.h"
 #include "ui/options/CVFormatButton.h"
+#include "ui/options/CVFormats.h"
 #include "ui/options/CVSplitViewController.h"
+#include "ui/options/CVVolumeRow.h"
 #include "util/LXMainThread.h"
 
 #include <QAction>

@@ -118,7 +118,7 @@ void TestFormatBar::arrowKeys()
     }
     create.key(Qt::Key_Left);
     QCOMPARE(create.screen->operationDataBinding()->archiveType(), u"tar.Z"_s);
-    QCOMPARE(create.screen->previousFormat(), CVEditArchiveController::tagForFormat(u"tar"_s));
+    QCOMPARE(create.screen->previousFormat(), CVFormats::tagForFormat(u"tar"_s));
     // A check box would move the focus with these keys.
     bar->buttons().at(1)->click();
     create.screen->editView()->zipBox->setFocus();
@@ -205,7 +205,7 @@ void TestFormatBar::installingRar()
     create.services.installRar = [&] { ++installed; };
     create.show();
     auto *view = create.screen->editView();
-    view->formatBar->firstButtonWithIdentifier(CVEditArchiveController::rarTag)->click();
+    view->formatBar->firstButtonWithIdentifier(CVFormats::rarTag)->click();
     QVERIFY(view->rarText->isVisible());
     for (const QWidget *control : QList<QWidget *>{view->nameField, view->encryptBox, view->levelChooser})
         QVERIFY(!control->isVisible());

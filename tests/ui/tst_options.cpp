@@ -62,12 +62,12 @@ void TestOptions::followsTheBinding()
     QCOMPARE(view->imageChooser->currentText(), u"JPEG 2000"_s);
     QCOMPARE(view->audioChooser->currentText(), u"AAC in .mp4, 320 kbit/s"_s);
     binding->setChunkSize(2.5e9);
-    QVERIFY(view->volumeBox->isChecked());
-    QCOMPARE(view->volumeSize->value(), 2.5);
-    QCOMPARE(view->volumeSize->unit(), u"GB"_s);
+    QVERIFY(view->volumes->box()->isChecked());
+    QCOMPARE(view->volumes->sizeField()->value(), 2.5);
+    QCOMPARE(view->volumes->sizeField()->unit(), u"GB"_s);
     QCOMPARE(create.summary(), u"other.7z.001, .002, …  ·  from “a.jpg”"_s);
     binding->setChunkSize(0);
-    QVERIFY(!view->volumeBox->isChecked());
+    QVERIFY(!view->volumes->box()->isChecked());
     CVSettings::setValue(CVSettingsKey::shouldEncrypt, true);
     QVERIFY(view->encryptBox->isChecked());
     QVERIFY(view->passwordField->isVisible());
@@ -198,7 +198,7 @@ void TestOptions::noneIsHidden()
     create.show();
     auto *view = create.screen->editView();
     if (!atFirst)
-        view->formatBar->firstButtonWithIdentifier(CVEditArchiveController::tagForFormat(format))->click();
+        view->formatBar->firstButtonWithIdentifier(CVFormats::tagForFormat(format))->click();
     QCOMPARE(view->levelChooser->findData(0) < 0, level == 1);
     QCOMPARE(view->levelChooser->currentData().toInt(), level);
     QCOMPARE(create.screen->operationDataBinding()->compressionLevel(), level);
@@ -236,7 +236,7 @@ void TestOptions::passwords()
     view->encryptBox->click();
     type(view->passwordField, password);
     type(view->confirmationField, confirmation);
-    view->formatBar->firstButtonWithIdentifier(CVEditArchiveController::tagForFormat(format))->click();
+    view->formatBar->firstButtonWithIdentifier(CVFormats::tagForFormat(format))->click();
 
     QCOMPARE(create.hint(), hint);
     QCOMPARE(create.finish()->isEnabled(), hint.isEmpty());
@@ -355,12 +355,12 @@ void TestOptions::volumes()
     auto *view = create.screen->editView();
     const auto binding = create.screen->operationDataBinding();
     QCOMPARE(binding->chunkSize(), 0.0);
-    view->volumeBox->click();
+    view->volumes->box()->click();
     QCOMPARE(binding->chunkSize(), 100e6);
-    view->volumeSize->numberField()->setFocus();
-    view->volumeSize->numberField()->selectAll();
-    QTest::keyClicks(view->volumeSize->numberField(), u"1.5"_s);
-    QTest::keyClick(view->volumeSize->unitChooser(), Qt::Key_Down);
+    view->volumes->sizeField()->numberField()->setFocus();
+    view->volumes->sizeField()->numberField()->selectAll();
+    QTest::keyClicks(view->volumes->sizeField()->numberField(), u"1.5"_s);
+    QTest::keyClick(view->volumes->sizeField()->unitChooser(), Qt::Key_Down);
     QCOMPARE(binding->chunkSize(), 1.5e9);
     // Only formats that have parts hear of them.
     view->formatBar->buttons().last()->click();
@@ -368,16 +368,16 @@ void TestOptions::volumes()
     view->formatBar->buttons().first()->click();
     QCOMPARE(binding->chunkSize(), 1.5e9);
     // Nothing but overhead.
-    view->volumeSize->numberField()->selectAll();
-    QTest::keyClicks(view->volumeSize->numberField(), u"1"_s);
-    QTest::keyClick(view->volumeSize->unitChooser(), Qt::Key_Home);
+    view->volumes->sizeField()->numberField()->selectAll();
+    QTest::keyClicks(view->volumes->sizeField()->numberField(), u"1"_s);
+    QTest::keyClick(view->volumes->sizeField()->unitChooser(), Qt::Key_Home);
     QCOMPARE(binding->chunkSize(), 65536.0);
-    view->volumeBox->click();
+    view->volumes->box()->click();
     QCOMPARE(binding->chunkSize(), 0.0);
     // Who types a size wants it.
-    view->volumeSize->numberField()->selectAll();
-    QTest::keyClicks(view->volumeSize->numberField(), u"500"_s);
-    QVERIFY(view->volumeBox->isChecked());
+    view->volumes->sizeField()->numberField()->selectAll();
+    QTest::keyClicks(view->volumes->sizeField()->numberField(), u"500"_s);
+    QVERIFY(view->volumes->box()->isChecked());
     QCOMPARE(binding->chunkSize(), 500e3);
 }
 
@@ -390,7 +390,7 @@ void TestOptions::jobsKeepTheirSettings()
     auto *view = create.screen->editView();
     view->nameField->setText({});
     QTest::keyClicks(view->nameField, u"mine"_s);
-    view->volumeBox->click();
+    view->volumes->box()->click();
     create.key(Qt::Key_Return);
     QVERIFY(job);
     QCOMPARE(job->outputArchiveName(), u"mine.zip"_s);
@@ -403,7 +403,7 @@ void TestOptions::jobsKeepTheirSettings()
     job->setChunkSize(0); // as jobs do at their end
     job->setArchiveName(u"theirs"_s);
     QCOMPARE(view->nameField->text(), u"mine"_s);
-    QVERIFY(view->volumeBox->isChecked());
+    QVERIFY(view->volumes->box()->isChecked());
     view->formatBar->buttons().at(2)->click();
     QCOMPARE(next->archiveType(), u"7z"_s);
     QCOMPARE(view->nameSuffix->text(), u".7z"_s);

@@ -1,14 +1,14 @@
 #include "ui/options/CVEditArchiveController.h"
 
 #include "archives/CVArchive.h"
-#include "archives/archive_string.h"
 #include "engine/model/CVRarToolStatus.h"
 #include "engine/model/CVSettings.h"
 #include "ui/base/CVScreenNavigator.h"
 #include "ui/base/CVTheme.h"
-#include "ui/options/CVChunkSizeField.h"
 #include "ui/options/CVEditArchiveView.h"
 #include "ui/options/CVFormatButton.h"
+#include "ui/options/CVFormats.h"
+#include "ui/options/CVVolumeRow.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
@@ -16,7 +16,6 @@
 #include <QAction>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDoubleSpinBox>
 #include <QDropEvent>
 #include <QKeyEvent>
 #include <QLabel>
@@ -25,53 +24,13 @@
 #include <QSignalBlocker>
 
 #include <algorithm>
-#include <array>
-#include <cmath>
-#include <cstdlib>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-struct Format
-{
-    QLatin1StringView extension;
-    QLatin1StringView image;
-    const char *name;
-};
-
-// Indexed by the tag of the button.
-constexpr std::array formats = {
-    Format{"zip"_L1, "format/zip"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "ZIP")},
-    Format{"corvane"_L1, "format/corvane"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "Corvane")},
-    Format{"7z"_L1, "format/7zip"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "7-Zip")},
-    Format{"rar"_L1, "format/rar"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "RAR")},
-    Format{"tar.gz"_L1, "format/tar-gz"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "gzip tar")},
-    Format{"tar.bz2"_L1, "format/tar-bz"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "bzip2 tar")},
-    Format{"tar.Z"_L1, "format/tar-z"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "Z tar")},
-    Format{"tar"_L1, "format/tar"_L1, QT_TRANSLATE_NOOP("CVEditArchiveController", "tar")},
-};
-
-// What the bar shows, in order; one stands there twice.
-constexpr std::array barFormats = {"zip"_L1,    "corvane"_L1, "7z"_L1,    "rar"_L1, "tar.gz"_L1,
-                                   "tar.gz"_L1, "tar.bz2"_L1, "tar.Z"_L1, "tar"_L1};
-
 constexpr int widestBar = 640;
 constexpr int longestName = 255; // bytes, what file systems take
-constexpr double unitStep = 1000;
-constexpr double defaultVolume = 100;
-// Below it a volume would be little more than its own overhead.
-constexpr double smallestVolume = 64 * 1024;
-
-bool isAlwaysCompressed(const QString &format)
-{
-    return format == "tar.gz"_L1 || format == "tar.bz2"_L1;
-}
-
-double bytesOf(double value, const QString &unit)
-{
-    return std::floor(value * std::pow(unitStep, CVChunkSizeField::units().indexOf(unit) + 1));
-}
 
 QStringList localFiles(const QMimeData *data)
 {
@@ -84,19 +43,6 @@ QStringList localFiles(const QMimeData *data)
 }
 
 } // namespace
-
-QString CVEditArchiveController::formatForTag(int tag)
-{
-    return tag < 0 || static_cast<std::size_t>(tag) >= formats.size()
-               ? QString()
-               : QString(formats[static_cast<std::size_t>(tag)].extension);
-}
-
-int CVEditArchiveController::tagForFormat(const QString &format)
-{
-    const auto found = std::ranges::find(formats, format, &Format::extension);
-    return found == formats.end() ? -1 : static_cast<int>(found - formats.begin());
-}
 
 CVEditArchiveController::CVEditArchiveController(CVOptionServices services, CVScreenNavigator &navigator,
                                                  QObject *parent)
@@ -131,10 +77,10 @@ void CVEditArchiveController::setUp()
     m_view->rarText->setText(tr("Creating RAR archives requires up-to-date third-party software. Choose "
                                 "Install to download and install the missing software."));
     m_view->formatBar->setDelegate(this);
-    m_view->volumeSize->setSize(defaultVolume, u"MB"_s);
     m_view->setAcceptDrops(static_cast<bool>(m_services.installRarFromFile));
     m_view->installEventFilter(this);
-    for (QCheckBox *box : {m_view->zipBox, m_view->volumeBox, m_view->encryptBox, m_view->showPasswordBox})
+    for (QCheckBox *box :
+         {m_view->zipBox, m_view->volumes->box(), m_view->encryptBox, m_view->showPasswordBox})
         box->installEventFilter(this); // they would move the focus with the arrow keys
     setupFormatButtons();
     connectControls();
@@ -165,12 +111,7 @@ void CVEditArchiveController::connectControls()
             [this] { m_binding->setAudioFileFormat(m_view->audioChooser->currentData().toInt()); });
     connect(m_view->zipBox, &QCheckBox::toggled, this,
             [this](bool zip) { m_binding->setShouldUseZipCompression(zip); });
-    connect(m_view->volumeBox, &QCheckBox::toggled, this, &CVEditArchiveController::volumesEdited);
-    connect(m_view->volumeSize, &CVChunkSizeField::sizeEdited, this, [this] {
-        const QSignalBlocker blocker(m_view->volumeBox);
-        m_view->volumeBox->setChecked(true);
-        volumesEdited();
-    });
+    connect(m_view->volumes, &CVVolumeRow::edited, this, &CVEditArchiveController::volumesEdited);
     connect(m_view->encryptBox, &QCheckBox::toggled, this,
             [](bool encrypt) { CVSettings::setValue(CVSettingsKey::shouldEncrypt, encrypt); });
     connect(m_view->passwordField, &QLineEdit::textEdited, this,
@@ -234,8 +175,7 @@ void CVEditArchiveController::takeInputs()
     m_binding->setPassword({});
     m_binding->setPasswordConfirmation({});
     m_binding->setShouldUseZipCompression(false);
-    const QSignalBlocker blocker(m_view->volumeBox);
-    m_view->volumeBox->setChecked(false);
+    m_view->volumes->setBytes(0);
 }
 
 QStringList CVEditArchiveController::desiredToolbarItems() const
@@ -259,13 +199,13 @@ void CVEditArchiveController::willLoadView()
     if (m_binding.use_count() > 1)
         renewBinding();
     takeInputs();
-    if (offersRar() != (m_view->formatBar->firstButtonWithIdentifier(rarTag) != nullptr))
+    if (offersRar() != (m_view->formatBar->firstButtonWithIdentifier(CVFormats::rarTag) != nullptr))
         setupFormatButtons();
-    if (!m_view->formatBar->firstButtonWithIdentifier(tagForFormat(m_binding->archiveType())))
+    if (!m_view->formatBar->firstButtonWithIdentifier(CVFormats::tagForFormat(m_binding->archiveType())))
         m_binding->setToZip(); // the last choice is not offered any more
     m_isLoaded = true;
     m_selectedButton = nullptr;
-    hideNone(isAlwaysCompressed(m_binding->archiveType()));
+    hideNone(CVFormats::isAlwaysCompressed(m_binding->archiveType()));
     selectButtonOfBinding();
     volumesEdited();
     m_currentHeight = size().height();
@@ -297,14 +237,13 @@ void CVEditArchiveController::setupFormatButtons()
     const bool hadFocus = m_selectedButton && m_selectedButton->hasFocus();
     m_selectedButton = nullptr;
     m_view->formatBar->removeAllButtons();
-    for (const QLatin1StringView extension : barFormats) {
-        if (extension == "rar"_L1 && !offersRar())
+    for (const int tag : CVFormats::barTags()) {
+        if (tag == CVFormats::rarTag && !offersRar())
             continue;
-        const int tag = tagForFormat(extension);
-        const Format &format = formats[static_cast<std::size_t>(tag)];
-        CVFormatButton *button =
-            m_view->formatBar->addButtonWithIdentifier(tag, CVTheme::icon(format.image), tr(format.name));
-        button->setToolTip(CVArchive::archiveForCreating(u"x."_s + extension)->archiveDescription());
+        CVFormatButton *button = m_view->formatBar->addButtonWithIdentifier(tag, CVFormats::iconForTag(tag),
+                                                                            CVFormats::nameForTag(tag));
+        const QString file = u"x."_s + CVFormats::formatForTag(tag);
+        button->setToolTip(CVArchive::archiveForCreating(file)->archiveDescription());
     }
     m_view->orderTabs();
     if (!m_isLoaded)
@@ -316,7 +255,7 @@ void CVEditArchiveController::setupFormatButtons()
 
 void CVEditArchiveController::selectButtonOfBinding()
 {
-    const int tag = tagForFormat(m_binding->archiveType());
+    const int tag = CVFormats::tagForFormat(m_binding->archiveType());
     if (!m_selectedButton || m_selectedButton->identifier() != tag) {
         if (CVFormatButton *button = m_view->formatBar->firstButtonWithIdentifier(tag))
             select(button);
@@ -342,7 +281,7 @@ void CVEditArchiveController::changeArchiveType(CVFormatButton *button)
 {
     if (button != m_selectedButton)
         select(button);
-    chooseFormat(formatForTag(button->identifier()));
+    chooseFormat(CVFormats::formatForTag(button->identifier()));
     refreshAll();
 }
 
@@ -452,28 +391,13 @@ void CVEditArchiveController::refreshName()
 
 void CVEditArchiveController::hideNone(bool hidden)
 {
-    m_noneHidden = hidden;
-    const QSignalBlocker blocker(m_view->levelChooser);
-    const bool isThere = m_view->levelChooser->findData(0) >= 0;
-    if (hidden && isThere)
-        m_view->levelChooser->removeItem(m_view->levelChooser->findData(0));
-    else if (!hidden && !isThere)
-        m_view->levelChooser->insertItem(0, CVEditArchiveView::tr("None"), 0);
+    m_view->setNoneOffered(!hidden);
     refreshLevel();
 }
 
 void CVEditArchiveController::refreshLevel()
 {
-    QComboBox *chooser = m_view->levelChooser;
-    const auto distance = [&](int index) {
-        return std::abs(chooser->itemData(index).toInt() - m_binding->compressionLevel());
-    };
-    int nearest = 0;
-    for (int i = 1; i < chooser->count(); ++i) {
-        if (distance(i) < distance(nearest))
-            nearest = i;
-    }
-    chooser->setCurrentIndex(nearest);
+    m_view->showLevel(m_binding->compressionLevel());
 }
 
 void CVEditArchiveController::refreshMedia()
@@ -492,27 +416,15 @@ bool CVEditArchiveController::canWriteVolumes() const
 
 void CVEditArchiveController::volumesEdited()
 {
-    const bool wanted = canWriteVolumes() && m_view->volumeBox->isChecked();
-    m_binding->setChunkSize(
-        wanted ? std::max(bytesOf(m_view->volumeSize->value(), m_view->volumeSize->unit()), smallestVolume)
-               : 0);
+    m_binding->setChunkSize(canWriteVolumes() ? m_view->volumes->bytes() : 0);
     refreshName();
 }
 
 void CVEditArchiveController::refreshVolumes()
 {
-    const double bytes = m_binding->chunkSize();
-    if (bytes > 0 && bytes != bytesOf(m_view->volumeSize->value(), m_view->volumeSize->unit()) &&
-        bytes != smallestVolume) {
-        qsizetype unit = CVChunkSizeField::units().size() - 1;
-        while (unit > 0 && bytes < std::pow(unitStep, unit + 1))
-            --unit;
-        m_view->volumeSize->setSize(bytes / std::pow(unitStep, unit + 1), CVChunkSizeField::units().at(unit));
-    }
-    if (canWriteVolumes()) {
-        const QSignalBlocker blocker(m_view->volumeBox);
-        m_view->volumeBox->setChecked(bytes > 0);
-    }
+    // What was chosen for another format comes back with the next one that has parts.
+    if (canWriteVolumes())
+        m_view->volumes->setBytes(m_binding->chunkSize());
     refreshName();
 }
 

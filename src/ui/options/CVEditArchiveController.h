@@ -41,11 +41,6 @@ public:
     /// The tag of the button that was selected before; -1 for none.
     int previousFormat() const { return m_previousFormat; }
 
-    static constexpr int rarTag = 3;
-    static QString formatForTag(int tag);
-    /// -1 for a format without a button.
-    static int tagForFormat(const QString &format);
-
 protected:
     /// The verb of the action that goes on.
     virtual QString finishButtonTitle() const = 0;
@@ -64,8 +59,6 @@ protected:
     void hideNone(bool hidden);
 
 private:
-    struct Kept;
-
     void connectControls();
     void observeBinding();
     void stopObserving();
@@ -102,7 +95,6 @@ private:
     int m_previousFormat = -1;
     int m_currentHeight = 0;
     bool m_isLoaded = false;
-    bool m_noneHidden = false;
     std::weak_ptr<CVFileNode> m_firstInput; ///< tells whether the inputs are still the same
     std::size_t m_inputCount = 0;
     std::vector<int> m_bindingObservers;

@@ -4,6 +4,7 @@
 #include "ui/options/CVChunkSizeField.h"
 #include "ui/options/CVFormatButton.h"
 #include "ui/options/CVFormatButtonBarView.h"
+#include "ui/options/CVVolumeRow.h"
 
 #include <QAccessible>
 #include <QCheckBox>
@@ -19,6 +20,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <cstdlib>
 
 using namespace Qt::StringLiterals;
 
@@ -30,7 +32,6 @@ struct Choice
     int value;
 };
 
-// Words for people; the numbers between two of them are shown as the nearest.
 constexpr Choice levels[] = {
     {QT_TRANSLATE_NOOP("CVEditArchiveView", "None"), 0},
     {QT_TRANSLATE_NOOP("CVEditArchiveView", "Fastest"), 1},
@@ -185,7 +186,8 @@ void CVEditArchiveView::layOutFields()
     addRow({}, m_mediaHint);
     zipBox = new QCheckBox(tr("Pack as &ZIP, which every program opens"), form);
     addRow({}, zipBox);
-    addRow({}, volumeRow());
+    volumes = new CVVolumeRow(form);
+    addRow({}, volumes);
     encryptBox = new QCheckBox(tr("&Encrypt with a password"), form);
     addRow({}, encryptBox);
     passwordField = passwordLine(tr("Password"));
@@ -210,7 +212,7 @@ void CVEditArchiveView::layOutFields()
     audioChooser->setObjectName(u"audio"_s);
     levelChooser->setObjectName(u"compressionLevel"_s);
     encryptBox->setObjectName(u"encrypt"_s);
-    volumeBox->setObjectName(u"volumes"_s);
+    volumes->setObjectName(u"volumes"_s);
     zipBox->setObjectName(u"zip"_s);
     showPasswordBox->setObjectName(u"showPassword"_s);
 }
@@ -251,20 +253,6 @@ QWidget *CVEditArchiveView::nameRow()
     return m_nameRow;
 }
 
-QWidget *CVEditArchiveView::volumeRow()
-{
-    m_volumeRow = new QWidget(this);
-    auto *row = new QHBoxLayout(m_volumeRow);
-    row->setContentsMargins(0, 0, 0, 0);
-    row->setSpacing(CVTheme::spacing);
-    volumeBox = new QCheckBox(tr("Split into &parts of"), m_volumeRow);
-    volumeSize = new CVChunkSizeField(tr("Size of a part"), m_volumeRow);
-    row->addWidget(volumeBox);
-    row->addWidget(volumeSize);
-    row->addStretch();
-    return m_volumeRow;
-}
-
 QLineEdit *CVEditArchiveView::passwordLine(const QString &name)
 {
     auto *line = new QLineEdit(this);
@@ -288,7 +276,7 @@ void CVEditArchiveView::setCompressionShown(bool shown)
 
 void CVEditArchiveView::setVolumesShown(bool shown)
 {
-    m_form->setRowVisible(m_volumeRow, shown);
+    m_form->setRowVisible(volumes, shown);
 }
 
 void CVEditArchiveView::setMultimediaShown(bool images, bool audio)
@@ -334,6 +322,26 @@ void CVEditArchiveView::setHint(const QString &text, bool isError)
         QAccessibleEvent event(m_hint, QAccessible::Alert);
         QAccessible::updateAccessibility(&event);
     }
+}
+
+void CVEditArchiveView::showLevel(int level)
+{
+    const auto distance = [&](int index) { return std::abs(levelChooser->itemData(index).toInt() - level); };
+    int nearest = 0;
+    for (int i = 1; i < levelChooser->count(); ++i) {
+        if (distance(i) < distance(nearest))
+            nearest = i;
+    }
+    levelChooser->setCurrentIndex(nearest);
+}
+
+void CVEditArchiveView::setNoneOffered(bool offered)
+{
+    const int index = levelChooser->findData(0);
+    if (offered && index < 0)
+        levelChooser->insertItem(0, tr(levels[0].text), levels[0].value);
+    else if (!offered && index >= 0)
+        levelChooser->removeItem(index);
 }
 
 void CVEditArchiveView::setPasswordsReadable(bool readable)
@@ -383,9 +391,9 @@ void CVEditArchiveView::orderTabs()
                               imageChooser,
                               audioChooser,
                               zipBox,
-                              volumeBox,
-                              volumeSize->numberField(),
-                              volumeSize->unitChooser(),
+                              volumes->box(),
+                              volumes->sizeField()->numberField(),
+                              volumes->sizeField()->unitChooser(),
                               encryptBox,
                               passwordField,
                               confirmationField,

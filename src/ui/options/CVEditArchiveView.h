@@ -2,8 +2,8 @@
 
 #include <QWidget>
 
-class CVChunkSizeField;
 class CVFormatButtonBarView;
+class CVVolumeRow;
 class QCheckBox;
 class QComboBox;
 class QFormLayout;
@@ -31,6 +31,9 @@ public:
     /// Plain text under the fields; empty takes none of the room. An error is in the colour of errors and is
     /// told to screen readers.
     void setHint(const QString &text, bool isError);
+    /// Levels between those that have a word are shown as the nearest.
+    void showLevel(int level);
+    void setNoneOffered(bool offered);
     void setPasswordsReadable(bool readable);
     /// One line of plain text at the end, shortened in its middle where it does not fit.
     void setSummary(const QString &text);
@@ -44,8 +47,7 @@ public:
     QLineEdit *nameField;
     QLabel *nameSuffix;
     QComboBox *levelChooser;
-    QCheckBox *volumeBox;
-    CVChunkSizeField *volumeSize;
+    CVVolumeRow *volumes;
     QComboBox *imageChooser;
     QComboBox *audioChooser;
     QCheckBox *zipBox;
@@ -64,7 +66,6 @@ private:
     void addRow(const QString &label, QWidget *field, QWidget *buddy = nullptr);
     void layOutFields();
     QWidget *nameRow();
-    QWidget *volumeRow();
     QLineEdit *passwordLine(const QString &name);
     void colour();
     void elideSummary();
@@ -73,7 +74,6 @@ private:
     QScrollArea *m_area;
     QFormLayout *m_form;
     QWidget *m_nameRow = nullptr;
-    QWidget *m_volumeRow = nullptr;
     QLabel *m_mediaHint;
     QLabel *m_hint;
     QLabel *m_summary;
