@@ -75,6 +75,7 @@ bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
         return false;
     }
     if (m_xadarchive->isEncrypted()) {
+        m_filePreviews->setIsEncryptedArchive(true);
         askForPassword();
         if (m_cancelled) {
             setCancelledStatus();

@@ -14,6 +14,7 @@
 #include <QAbstractItemView>
 #include <QAction>
 #include <QDrag>
+#include <QEvent>
 #include <QFileDialog>
 #include <QLocale>
 #include <QSet>
@@ -58,18 +59,21 @@ CVArchivePreviewController::CVArchivePreviewController(CVArchivePreviewServices 
               QKeySequence(Qt::CTRL | Qt::Key_E), [this] { extractSelection(); });
     addAction(u"cancel"_s, tr("Cancel"), u"tool/cancel"_s, QKeySequence(Qt::Key_Escape),
               [this] { m_navigator.backToMain(); });
+    view()->installEventFilter(this);
     refreshActions();
 }
 
 CVArchivePreviewController::~CVArchivePreviewController()
 {
     delete m_quickLook;
-    clear();
+    if (view())
+        view()->removeEventFilter(this);
+    letGo();
 }
 
 void CVArchivePreviewController::setupDisplayWithArchives(const Archives &archives)
 {
-    clear();
+    letGo();
     setupFileTreeWithArchives(archives);
     m_title = archives.size() == 1
                   ? LXDisplay::displayName(archives.front()->sourcePath)
@@ -107,8 +111,25 @@ void CVArchivePreviewController::setupFileTreeWithArchives(const Archives &archi
 void CVArchivePreviewController::clear()
 {
     delete m_quickLook;
-    showTree(nullptr, CVFileNodeModel::Tree::Frozen);
-    setNotice({});
+    m_isLetGoWhenHidden = view()->isVisible();
+    if (!m_isLetGoWhenHidden)
+        letGo();
+}
+
+bool CVArchivePreviewController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == view() && event->type() == QEvent::Hide && std::exchange(m_isLetGoWhenHidden, false))
+        letGo();
+    return CVOutlineViewController::eventFilter(watched, event);
+}
+
+void CVArchivePreviewController::letGo()
+{
+    m_isLetGoWhenHidden = false;
+    if (view()) {
+        showTree(nullptr, CVFileNodeModel::Tree::Frozen);
+        setNotice({});
+    }
     const bool hasSeveral = m_singlePreviewedArchive.isNull();
     if (hasSeveral) {
         // They go back to their archives as the roots that they were.

@@ -26,7 +26,7 @@ public:
 
     /// The archives that were listed. Their trees are shown as they are and must not change meanwhile.
     void setupDisplayWithArchives(const Archives &archives);
-    /// Lets go of the archives, off the main thread.
+    /// Lets go of the archives, off the main thread; while the screen slides away, when it is out of sight.
     void clear();
 
     const CVFileNode::Pointer &previewedFileTree() const { return m_previewedFileTree; }
@@ -55,8 +55,10 @@ protected:
     void dragNodes(const CVFileNode::List &nodes) override;
     void selectionDidChange() override;
     QList<QAction *> nodeActions() override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
+    void letGo();
     void setupFileTreeWithArchives(const Archives &archives);
     void refreshActions();
     QString archivePathOf(const CVFileNode::Pointer &node) const;
@@ -69,6 +71,7 @@ private:
     QString m_singlePreviewedArchive;
     QString m_title;
     QPointer<CVQuickLookPanel> m_quickLook;
+    bool m_isLetGoWhenHidden = false;
     /// Their files are being copied by other programs.
     std::vector<std::shared_ptr<CVPrivateExtraction>> m_dragged;
 };

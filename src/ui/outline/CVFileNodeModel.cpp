@@ -156,6 +156,8 @@ void CVFileNodeModel::setRoot(CVFileNode::Pointer root, Tree tree)
     m_shownTreeOrder.reset();
     if (root != m_root)
         m_expanded.clear();
+    // Folders that were taken out of a live tree are gone.
+    std::erase_if(m_expanded, [](const auto &folder) { return folder.second.expired(); });
     releaseInBackground(std::exchange(m_root, std::move(root)));
     releaseInBackground(std::exchange(m_topLevel, nullptr));
     m_tree = tree;
@@ -215,14 +217,14 @@ void CVFileNodeModel::rebuild()
         return;
     }
     const std::size_t topCount = m_topLevel ? m_topLevel->size() : m_root->mutableChildrenArray().size();
-    if (!isSearching() && m_expanded.empty() && topCount <= mostAtOnce) {
-        takeRows(CVFileRows::below(*m_root, m_topLevel.get(), 0, m_expanded, m_order, {})
+    if (!isSearching() && topCount + nodesInOpenFolders() <= mostAtOnce) {
+        takeRows(CVFileRows::below(*m_root, m_topLevel.get(), 0, openFolders(), m_order, {})
                      .value_or(CVFileRows::Rows()),
                  m_order);
         return;
     }
     setBusy(true);
-    m_worker->start([this, root = m_root, topLevel = m_topLevel, expanded = m_expanded, order = m_order,
+    m_worker->start([this, root = m_root, topLevel = m_topLevel, expanded = openFolders(), order = m_order,
                      text = m_searchText](const std::stop_token &stop) -> Worker::Done {
         auto rows = text.isEmpty() ? CVFileRows::below(*root, topLevel.get(), 0, expanded, order, stop)
                                    : CVFileRows::search(*root, topLevel.get(), text, order, stop);
@@ -290,21 +292,21 @@ void CVFileNodeModel::setExpanded(int row, bool expanded)
 void CVFileNodeModel::expand(int row)
 {
     const CVFileNode *node = nodeAt(row);
-    const bool hasOthersBelow = !m_expanded.empty();
-    m_expanded.insert(node);
+    const std::size_t work = node->mutableChildrenArray().size() + nodesInOpenFolders();
+    m_expanded.emplace(node, node->weak_from_this());
     if (m_isBusy) {
         // What is being made does not know of it.
         rebuild();
         return;
     }
     const std::uint32_t depth = m_rows[static_cast<std::size_t>(row)].depth + 1;
-    if (node->mutableChildrenArray().size() <= mostAtOnce && !hasOthersBelow) {
-        if (const auto rows = CVFileRows::below(*node, nullptr, depth, m_expanded, m_order, {}))
+    if (work <= mostAtOnce) {
+        if (const auto rows = CVFileRows::below(*node, nullptr, depth, openFolders(), m_order, {}))
             insertBelow(node, *rows);
         return;
     }
     setBusy(true);
-    m_worker->start([this, root = m_root, topLevel = m_topLevel, node, depth, expanded = m_expanded,
+    m_worker->start([this, root = m_root, topLevel = m_topLevel, node, depth, expanded = openFolders(),
                      order = m_order](const std::stop_token &stop) -> Worker::Done {
         auto rows = CVFileRows::below(*node, nullptr, depth, expanded, order, stop);
         if (!rows)
@@ -314,6 +316,28 @@ void CVFileNodeModel::expand(int row)
             setBusy(false);
         };
     });
+}
+
+CVFileRows::Expanded CVFileNodeModel::openFolders() const
+{
+    CVFileRows::Expanded folders;
+    for (const auto &[folder, held] : m_expanded) {
+        if (!held.expired())
+            folders.insert(folder);
+    }
+    return folders;
+}
+
+std::size_t CVFileNodeModel::nodesInOpenFolders() const
+{
+    if (m_expanded.size() > mostAtOnce)
+        return m_expanded.size();
+    std::size_t nodes = 0;
+    for (const auto &[folder, held] : m_expanded) {
+        if (const auto alive = held.lock())
+            nodes += alive->mutableChildrenArray().size();
+    }
+    return nodes;
 }
 
 void CVFileNodeModel::insertBelow(const CVFileNode *node, const CVFileRows::Rows &rows)

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <unordered_map>
 
 /// A tree of file nodes as rows: open folders are laid out one below the other, so a row is found at once at
 /// any size of the tree, and both the list and the grid can show it.
@@ -95,6 +96,9 @@ private:
     void expand(int row);
     void collapse(int row);
     void takeRows(CVFileRows::Rows rows, CVFileRows::Order order);
+    CVFileRows::Expanded openFolders() const;
+    /// An upper bound of what open folders add to the work.
+    std::size_t nodesInOpenFolders() const;
     void insertBelow(const CVFileNode *node, const CVFileRows::Rows &rows);
     void setBusy(bool busy);
     void countAll();
@@ -109,7 +113,7 @@ private:
     CVFileRows::Rows m_treeRows;
     std::optional<CVFileRows::Order> m_treeRowsOrder;  ///< nothing while there are none
     std::optional<CVFileRows::Order> m_shownTreeOrder; ///< nothing while results are shown
-    CVFileRows::Expanded m_expanded;
+    std::unordered_map<const CVFileNode *, std::weak_ptr<const CVFileNode>> m_expanded;
     CVFileRows::Order m_order;
     QString m_searchText;
     std::optional<qint64> m_totalCount;

@@ -23,7 +23,7 @@ std::shared_ptr<CVPrivateExtraction> CVPrivateExtraction::start(const CVArchiveP
     CVWorkDirectoryManager::registerWorkDir(folder);
     const std::shared_ptr<CVPrivateExtraction> extraction(new CVPrivateExtraction);
     extraction->m_folder = folder;
-    extraction->m_stop = services.stopOperation;
+    extraction->m_stop = services.stopExtraction;
     services.extractFiles(entryPaths, archivePath, folder,
                           [held = std::weak_ptr(extraction)](const QStringList &delivered) {
                               const auto self = held.lock();
@@ -51,6 +51,6 @@ void CVPrivateExtraction::cancel()
         return;
     m_isFinished = true;
     if (m_stop)
-        m_stop();
+        m_stop(m_folder);
     Q_EMIT finished();
 }

@@ -18,7 +18,8 @@ struct CVArchivePreviewServices
     std::function<void(const QStringList &entryPaths, const QString &archivePath, const QString &destination,
                        std::function<void(const QStringList &delivered)> ended)>
         extractFiles;
-    /// Ends the extraction under way.
+    /// Ends the extraction to that folder.
+    std::function<void(const QString &destination)> stopExtraction;
     std::function<void()> stopOperation;
 };
 
@@ -50,6 +51,6 @@ private:
 
     QString m_folder;
     QStringList m_delivered;
-    std::function<void()> m_stop;
+    std::function<void(const QString &destination)> m_stop;
     bool m_isFinished = false;
 };

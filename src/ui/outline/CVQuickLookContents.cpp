@@ -22,6 +22,8 @@ namespace {
 constexpr qint64 mostText = 256 * 1024;
 // Lines of any length would each be laid out whole.
 constexpr qsizetype longestLine = 400;
+// Coloured output of a terminal is text still.
+constexpr qsizetype fewControls = 8;
 constexpr qint64 mostExtracted = 256LL * 1024 * 1024;
 constexpr qint64 mostPixels = 100'000'000;
 constexpr int mostMegabytes = 512;
@@ -95,7 +97,7 @@ CVQuickLookContents textIn(const QByteArray &bytes, bool isCut)
     const auto control = std::ranges::count_if(bytes, [](char c) {
         return static_cast<unsigned char>(c) < 0x20 && c != '\n' && c != '\r' && c != '\t' && c != '\f';
     });
-    if (!isWide && control > bytes.size() / 100) {
+    if (!isWide && (bytes.contains(char(0)) || control > bytes.size() / 100 + fewControls)) {
         contents.problem = tr("There is no preview for this kind of file.");
         return contents;
     }
