@@ -30,6 +30,8 @@ public:
     /// Without what comes only as an aside ("sound", "told …", "revealed …").
     QStringList screens() const;
     QStringList all() const;
+    /// Events that begin like this.
+    qsizetype count(const QString &start) const;
     void clear();
 
 private:
@@ -54,6 +56,10 @@ public:
     void pack(const QString &archive, const QStringList &files) const;
     void write(const QString &name, const QByteArray &contents) const;
     QStringList names(const QString &folder) const;
+    /// a.zip, b.zip and broken.zip, and a.txt and b.txt that are in them; the launch is complete.
+    void makeArchives();
+    /// Drops them, and waits for the preview.
+    bool showsPreviewOf(const QStringList &archives);
 
     WindowLog log;
     std::shared_ptr<CVOperationQueue> queue;

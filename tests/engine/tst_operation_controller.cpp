@@ -19,21 +19,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-qsizetype count(const QStringList &events, const QString &start)
-{
-    return std::ranges::count_if(events, [&](const QString &event) { return event.startsWith(start); });
-}
-
-/// Of everything that is called going back.
-qsizetype countBacks(const QStringList &events)
-{
-    return count(events, u"back"_s);
-}
-
-} // namespace
-
 class tst_operation_controller : public QObject
 {
     Q_OBJECT
@@ -49,56 +34,22 @@ private Q_SLOTS:
     void failureIsShownOnce();
     void failureAmongSeveral_data();
     void failureAmongSeveral();
-    void previewFailures_data();
-    void previewFailures();
     void mismatchedPasswordStartsNothing();
     void replaceQuestion_data();
     void replaceQuestion();
-    void password_data();
-    void password();
     void cancelled_data();
     void cancelled();
     void closed_data();
     void closed();
-    void opensOneEntry();
-    void extractsEntries();
-    void extractsEntriesTwiceAtOnce();
-    void entriesThatFail();
-    void destinationIsForced_data();
-    void destinationIsForced();
     void splitHandsOverToVolumes();
     void splitShowsTheLastFile();
     void hidesNoCompression_data();
     void hidesNoCompression();
     void secondClickStartsNothing();
-    void namesThatAreNoText_data();
-    void namesThatAreNoText();
 
 private:
-    /// a.zip, b.zip and broken.zip; locked.7z with the password "right"; big.zip, which takes its time.
-    static void makeInputs(RecordedWindow &window);
-    static bool preview(RecordedWindow &window, const QStringList &archives);
     static bool prepareCreate(RecordedWindow &window, const QString &file);
 };
-
-void tst_operation_controller::makeInputs(RecordedWindow &window)
-{
-    window.write(u"a.txt"_s, "a");
-    window.write(u"b.txt"_s, "b");
-    window.write(u"broken.zip"_s, "PK\x03\x04 broken");
-    window.pack(u"a.zip"_s, {u"a.txt"_s});
-    window.pack(u"b.zip"_s, {u"b.txt"_s, u"a.txt"_s});
-    window.controller->setLaunchComplete();
-}
-
-bool tst_operation_controller::preview(RecordedWindow &window, const QStringList &archives)
-{
-    QStringList paths;
-    for (const QString &archive : archives)
-        paths.append(window.at(archive));
-    window.controller->controllerHasNewFiles(paths);
-    return window.reaches(u"view preview "_s + archives.join(u' ')) && window.idle();
-}
 
 bool tst_operation_controller::prepareCreate(RecordedWindow &window, const QString &file)
 {
@@ -130,7 +81,7 @@ void tst_operation_controller::completion()
     QFETCH(QString, settings);
     QFETCH(QStringList, events);
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     CVSettings::setValue(CVSettingsKey::skipDoneView, settings.contains(u'd'));
     CVSettings::setValue(CVSettingsKey::sound, settings.contains(u's'));
     CVSettings::setValue(CVSettingsKey::showInFinderAfterExtract, settings.contains(u'f'));
@@ -156,7 +107,7 @@ void tst_operation_controller::desktopIsNotRevealed()
     QFETCH(QString, destination);
     QFETCH(bool, revealed);
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     const QByteArray home = qgetenv("HOME");
     const QByteArray config = qgetenv("XDG_CONFIG_HOME");
     qputenv("HOME", window.at(u"home"_s).toLocal8Bit());
@@ -166,7 +117,7 @@ void tst_operation_controller::desktopIsNotRevealed()
     CVSettings::setValue(CVSettingsKey::extractDefaultDestination, window.at(destination));
     CVSettings::setValue(CVSettingsKey::showInFinderAfterExtract, true);
     window.controller->addAndExtractArchives({window.at(u"a.zip"_s)});
-    const bool done = QTest::qWaitFor([&] { return count(window.log.all(), u"view done"_s) == 1; }, 5000);
+    const bool done = QTest::qWaitFor([&] { return window.log.count(u"view done"_s) == 1; }, 5000);
     qputenv("HOME", home);
     qputenv("XDG_CONFIG_HOME", config);
     QVERIFY2(done, qPrintable(window.log.all().join(u'\n')));
@@ -217,7 +168,7 @@ void tst_operation_controller::leftOutEntriesAreTold()
 void tst_operation_controller::failureIsShownOnce()
 {
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     window.controller->addAndExtractArchives({window.at(u"broken.zip"_s)});
     QVERIFY(window.reaches(u"back"_s));
     QVERIFY(window.idle());
@@ -254,7 +205,7 @@ void tst_operation_controller::failureAmongSeveral()
     QFETCH(QStringList, archives);
     QFETCH(QStringList, screens);
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     window.write(u"c.txt"_s, "c");
     window.pack(u"c.zip"_s, {u"c.txt"_s});
     for (QString &archive : archives)
@@ -266,56 +217,10 @@ void tst_operation_controller::failureAmongSeveral()
     QCOMPARE(window.log.screens(), screens);
 }
 
-void tst_operation_controller::previewFailures_data()
-{
-    QTest::addColumn<QStringList>("archives");
-    QTest::addColumn<QStringList>("then");
-    QTest::addColumn<QString>("text");
-    const QStringList none;
-    QTest::newRow("two, one corrupt")
-        << QStringList{u"a.zip"_s, u"broken.zip"_s}
-        << QStringList{u"alert Some of the archives could not be opened. OK"_s, u"view alert"_s,
-                       u"view preview a.zip"_s}
-        << u"1 of the archives could not be opened, possibly because they are incomplete or corrupt."_s;
-    QTest::newRow("five, two open")
-        << QStringList{u"a.zip"_s, u"b.zip"_s, u"broken.zip"_s, u"broken2.zip"_s, u"broken3.zip"_s}
-        << QStringList{u"alert Some of the archives could not be opened. OK"_s, u"view alert"_s,
-                       u"view preview a.zip b.zip"_s}
-        << u"3 of the archives could not be opened, possibly because they are incomplete or corrupt."_s;
-    QTest::newRow("one, corrupt")
-        << QStringList{u"broken.zip"_s}
-        << QStringList{u"alert The archive could not be opened. OK"_s, u"view alert"_s, u"options"_s}
-        << u"The archive “broken.zip” could not be opened, possibly because it's incomplete or corrupt."_s;
-    QTest::newRow("all corrupt")
-        << QStringList{u"broken.zip"_s, u"broken2.zip"_s}
-        << QStringList{u"alert The archives could not be opened. OK"_s, u"view alert"_s, u"options"_s}
-        << u"None of the archives could be opened, possibly because they are incomplete or corrupt."_s;
-}
-
-void tst_operation_controller::previewFailures()
-{
-    QFETCH(QStringList, archives);
-    QFETCH(QStringList, then);
-    QFETCH(QString, text);
-    RecordedWindow window;
-    makeInputs(window);
-    QFile::copy(window.at(u"broken.zip"_s), window.at(u"broken2.zip"_s));
-    QFile::copy(window.at(u"broken.zip"_s), window.at(u"broken3.zip"_s));
-    for (QString &archive : archives)
-        archive = window.at(archive);
-    window.controller->controllerHasNewFiles(archives);
-    QVERIFY(window.reaches(then.last()));
-    QVERIFY(window.idle());
-    QCOMPARE(window.log.screens(), (QStringList{u"view analysing"_s, u"options set up"_s} + then));
-    QCOMPARE(window.informativeText, text);
-    QCOMPARE(count(window.log.all(), u"told “Task failed”"_s), 1);
-    QCOMPARE(window.controller->previewArchives().size(), window.previewed.size());
-}
-
 void tst_operation_controller::mismatchedPasswordStartsNothing()
 {
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     CVSettings::setValue(CVSettingsKey::shouldEncrypt, true);
     QVERIFY(prepareCreate(window, u"a.txt"_s));
     window.createData->setPassword(u"one"_s);
@@ -351,7 +256,7 @@ void tst_operation_controller::replaceQuestion()
     QFETCH(QString, answer);
     QFETCH(QStringList, screens);
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     QVERIFY(prepareCreate(window, u"a.txt"_s));
     window.write(u"out/all.zip"_s, "old");
     if (answer == u"default" || answer == u"cancel")
@@ -375,56 +280,7 @@ void tst_operation_controller::replaceQuestion()
     QVERIFY(result.open(QIODevice::ReadOnly));
     QCOMPARE(result.readAll() == "old", answer != u"default");
     QCOMPARE(window.names(u"out"_s), QStringList{u"all.zip"_s});
-    QCOMPARE(count(window.log.all(), u"told “Task cancelled”"_s),
-             answer == u"cancel" || answer == u"stop" ? 1 : 0);
-}
-
-void tst_operation_controller::password_data()
-{
-    QTest::addColumn<QString>("job");
-    QTest::addColumn<QStringList>("answers");
-    QTest::addColumn<QStringList>("screens");
-    const QString ask = u"password? Please enter the password to open “locked.7z”"_s;
-    const QString again = u"password? Invalid password for “locked.7z”, please try again."_s;
-    const QStringList listing{u"view analysing"_s, u"options set up"_s};
-    QTest::newRow("extract") << u"extract"_s << QStringList{u"right"_s}
-                             << QStringList{u"view progress"_s, ask, u"view progress"_s,
-                                            u"view done with out/a.txt"_s};
-    QTest::newRow("extract, wrong first")
-        << u"extract"_s << QStringList{u"wrong"_s, u"right"_s}
-        << QStringList{u"view progress"_s,           ask, u"view progress"_s, again, u"view progress"_s,
-                       u"view done with out/a.txt"_s};
-    QTest::newRow("extract, cancelled")
-        << u"extract"_s << QStringList{} << QStringList{u"view progress"_s, ask, u"back to main"_s};
-    QTest::newRow("extract, wrong, then cancelled")
-        << u"extract"_s << QStringList{u"wrong"_s}
-        << QStringList{u"view progress"_s, ask, u"view progress"_s, again, u"back to main"_s};
-    QTest::newRow("list") << u"list"_s << QStringList{u"right"_s}
-                          << listing + QStringList{ask, u"view analysing"_s, u"view preview locked.7z"_s};
-    QTest::newRow("list, cancelled") << u"list"_s << QStringList{}
-                                     << listing + QStringList{ask, u"back to main"_s};
-}
-
-void tst_operation_controller::password()
-{
-    QFETCH(QString, job);
-    QFETCH(QStringList, answers);
-    QFETCH(QStringList, screens);
-    RecordedWindow window;
-    makeInputs(window);
-    window.pack(u"locked.7z"_s, {u"a.txt"_s, u"-mhe=on"_s, u"-pright"_s});
-    window.answerPassword = [&answers] {
-        return answers.isEmpty() ? std::nullopt : std::optional(answers.takeFirst());
-    };
-    if (job == u"extract")
-        window.controller->addAndExtractArchives({window.at(u"locked.7z"_s)});
-    else
-        window.controller->controllerHasNewFiles({window.at(u"locked.7z"_s)});
-    QVERIFY2(window.reaches(screens.last()), qPrintable(window.log.all().join(u'\n')));
-    QVERIFY(window.idle());
-    QTest::qWait(20); // a second way back would come now
-    QCOMPARE(window.log.screens(), screens);
-    QVERIFY(!window.controller->isWorkingOnOperation());
+    QCOMPARE(window.log.count(u"told “Task cancelled”"_s), answer == u"cancel" || answer == u"stop" ? 1 : 0);
 }
 
 void tst_operation_controller::cancelled_data()
@@ -441,7 +297,7 @@ void tst_operation_controller::cancelled()
 {
     QFETCH(QString, when);
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     window.answerAlert = [](const QString &) { return std::optional<int>(); };
     window.letsPasswordStand = true;
     QString input = u"a.zip"_s;
@@ -481,9 +337,9 @@ void tst_operation_controller::cancelled()
     QVERIFY(window.reaches(u"back if not at main"_s));
     QVERIFY(window.idle());
     QTest::qWait(20); // a second way back would come now
-    QCOMPARE(countBacks(window.log.screens()), 1);
-    QCOMPARE(count(window.log.all(), u"told “Task cancelled”"_s), 1);
-    QCOMPARE(count(window.log.all(), u"told"_s), 1);
+    QCOMPARE(window.log.count(u"back"_s), 1);
+    QCOMPARE(window.log.count(u"told “Task cancelled”"_s), 1);
+    QCOMPARE(window.log.count(u"told"_s), 1);
     QVERIFY(!window.controller->isWorkingOnOperation());
     QCOMPARE(window.names(u"out"_s), QStringList());
 }
@@ -502,7 +358,7 @@ void tst_operation_controller::closed()
 {
     QFETCH(QString, when);
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     window.answerAlert = [](const QString &) { return std::optional<int>(); };
     window.letsPasswordStand = true;
     if (when == u"working" || when == u"entries") {
@@ -526,7 +382,7 @@ void tst_operation_controller::closed()
         QVERIFY(window.reaches(u"password? Please enter the password to open “locked.7z”"_s));
     } else {
         CVSettings::setValue(CVSettingsKey::extractDestination, 1);
-        QVERIFY(preview(window, {u"big.zip"_s}));
+        QVERIFY(window.showsPreviewOf({u"big.zip"_s}));
         window.controller->extractFiles({u"big"_s}, window.at(u"big.zip"_s), window.at(u"out"_s),
                                         [&](const QStringList &) { ++entriesEnded; });
     }
@@ -549,133 +405,10 @@ void tst_operation_controller::closed()
     QCOMPARE(window.log.all(), before);
 }
 
-void tst_operation_controller::opensOneEntry()
-{
-    RecordedWindow window;
-    makeInputs(window);
-    QVERIFY(preview(window, {u"a.zip"_s, u"b.zip"_s}));
-    window.log.clear();
-    window.controller->extractThenOpenFile(u"b.txt"_s, window.at(u"b.zip"_s));
-    QVERIFY(window.reaches(u"opened b.txt: b"_s));
-    QVERIFY(window.idle());
-    QCOMPARE(window.log.screens(), (QStringList{u"view progress"_s, u"back"_s, u"opened b.txt: b"_s}));
-    QCOMPARE(window.names(u"out"_s), QStringList());
-}
-
-void tst_operation_controller::extractsEntries()
-{
-    RecordedWindow window;
-    makeInputs(window);
-    QVERIFY(preview(window, {u"a.zip"_s, u"b.zip"_s}));
-    window.log.clear();
-    QDir(window.at(QString())).mkpath(u"target"_s);
-    QStringList delivered;
-    window.controller->extractFiles({u"b.txt"_s, u"a.txt"_s}, window.at(u"b.zip"_s), window.at(u"target"_s),
-                                    [&](const QStringList &paths) { delivered = paths; });
-    QVERIFY(!window.controller->isWorkingOnOperation());
-    QVERIFY(window.controller->currentOperation());
-    QVERIFY(window.idle());
-    QCOMPARE(window.names(u"target"_s), (QStringList{u"a.txt"_s, u"b.txt"_s}));
-    QCOMPARE(delivered, (QStringList{window.at(u"target/b.txt"_s), window.at(u"target/a.txt"_s)}));
-    QCOMPARE(window.log.screens(), QStringList()); // the preview stays
-    QVERIFY(window.log.all().contains(u"sound"_s));
-}
-
-void tst_operation_controller::extractsEntriesTwiceAtOnce()
-{
-    RecordedWindow window;
-    makeInputs(window);
-    CVSettings::setValue(CVSettingsKey::extractDestination, 1);
-    QVERIFY(preview(window, {u"a.zip"_s, u"b.zip"_s}));
-    int ended = 0;
-    for (const QString &target : {u"one"_s, u"two"_s, u"three"_s}) {
-        QDir(window.at(QString())).mkpath(target);
-        window.controller->extractFiles({u"b.txt"_s}, window.at(u"b.zip"_s), window.at(target),
-                                        [&](const QStringList &paths) { ended += paths.size(); });
-        QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 0);
-    }
-    // And the window turns to other files meanwhile.
-    window.controller->controllerHasNewFiles({window.at(u"a.zip"_s)});
-    QVERIFY(window.reaches(u"view preview a.zip"_s));
-    QTRY_COMPARE(ended, 3);
-    QVERIFY(window.idle());
-    QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 1);
-    for (const QString &target : {u"one"_s, u"two"_s, u"three"_s})
-        QCOMPARE(window.names(target), QStringList{u"b.txt"_s});
-}
-
-// After every question and alert the preview is on show again.
-void tst_operation_controller::entriesThatFail()
-{
-    RecordedWindow window;
-    makeInputs(window);
-    window.pack(u"half.zip"_s, {u"a.txt"_s, u"-pright"_s});
-    QStringList answers{u"right"_s};
-    window.answerPassword = [&] {
-        return answers.isEmpty() ? std::nullopt : std::optional(answers.takeFirst());
-    };
-    QVERIFY(preview(window, {u"half.zip"_s}));
-    window.log.clear();
-    int ended = 0;
-    const auto drag = [&](const QString &entry) {
-        window.controller->extractFiles(
-            {entry}, window.at(u"half.zip"_s), window.at(u"out"_s),
-            [&](const QStringList &paths) { ended += paths.isEmpty() ? 1 : 100; });
-    };
-    drag(u"missing.txt"_s);
-    QVERIFY(window.reaches(u"back"_s));
-    QVERIFY(window.idle());
-    QCOMPARE(ended, 1);
-    QCOMPARE(countBacks(window.log.screens()), 1);
-    window.log.clear();
-    window.controller->previewArchives().front()->password.reset();
-    drag(u"a.txt"_s); // asks, and gets no answer
-    QVERIFY(window.reaches(u"told “Task cancelled”: Extract from “half.zip”:\n- a.txt"_s));
-    QVERIFY(window.idle());
-    QCOMPARE(ended, 2);
-    QCOMPARE(countBacks(window.log.screens()), 1);
-    QVERIFY(!window.controller->isWorkingOnOperation());
-}
-
-void tst_operation_controller::destinationIsForced_data()
-{
-    QTest::addColumn<int>("before");
-    QTest::addColumn<int>("chosenMeanwhile");
-    QTest::addColumn<int>("after");
-    QTest::newRow("ask") << 1 << -1 << 1;
-    QTest::newRow("folder of the archive") << 0 << -1 << 0;
-    QTest::newRow("default folder") << 2 << -1 << 2;
-    QTest::newRow("changed in the preferences meanwhile") << 1 << 2 << 2;
-}
-
-void tst_operation_controller::destinationIsForced()
-{
-    QFETCH(int, before);
-    QFETCH(int, chosenMeanwhile);
-    QFETCH(int, after);
-    RecordedWindow window;
-    makeInputs(window);
-    CVSettings::setValue(CVSettingsKey::extractDestination, before);
-    QVERIFY(preview(window, {u"b.zip"_s}));
-    bool ended = false;
-    window.controller->extractFiles({u"b.txt"_s}, window.at(u"b.zip"_s), window.at(u"out"_s),
-                                    [&](const QStringList &) { ended = true; });
-    QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 0);
-    // Whoever ends the program now finds the setting as it was.
-    const LXSettingsStore stored(window.at(u"settings/corvane.conf"_s));
-    QCOMPARE(stored.integer(CVSettingsKey::extractDestination), before);
-    if (chosenMeanwhile >= 0)
-        CVSettings::setValue(CVSettingsKey::extractDestination, chosenMeanwhile);
-    QTRY_VERIFY(ended);
-    QVERIFY(window.idle());
-    QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), after);
-    QCOMPARE(stored.integer(CVSettingsKey::extractDestination), after);
-}
-
 void tst_operation_controller::splitHandsOverToVolumes()
 {
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     QByteArray noise;
     for (int i = 0; i < 40000; ++i)
         noise.append(static_cast<char>((i * i + i / 7) * 31 % 251));
@@ -687,9 +420,9 @@ void tst_operation_controller::splitHandsOverToVolumes()
     window.splitData->splitter()->setChunkUnits(u"KB"_s);
     window.log.clear();
     window.controller->splitFile();
-    QTRY_VERIFY(count(window.log.all(), u"view done"_s) == 1);
+    QTRY_VERIFY(window.log.count(u"view done"_s) == 1);
     QVERIFY(window.idle());
-    QCOMPARE(count(window.log.all(), u"view progress"_s), 2);
+    QCOMPARE(window.log.count(u"view progress"_s), 2);
     QVERIFY(window.names(u"out/noise"_s).contains(u"noise.bin.7z.001"_s));
     QCOMPARE(window.createData->chunkSize(), 0.0); // or the next archive would come in volumes
 }
@@ -697,7 +430,7 @@ void tst_operation_controller::splitHandsOverToVolumes()
 void tst_operation_controller::splitShowsTheLastFile()
 {
     RecordedWindow window;
-    makeInputs(window);
+    window.makeArchives();
     window.controller->showSplitFile();
     QCOMPARE(window.log.screens(), QStringList());
     window.controller->controllerHasNewFiles({window.at(u"b.txt"_s), window.at(u"a.txt"_s)});
@@ -733,56 +466,13 @@ void tst_operation_controller::hidesNoCompression()
 void tst_operation_controller::secondClickStartsNothing()
 {
     RecordedWindow window;
-    makeInputs(window);
-    QVERIFY(preview(window, {u"a.zip"_s}));
+    window.makeArchives();
+    QVERIFY(window.showsPreviewOf({u"a.zip"_s}));
     window.controller->extractArchive();
     window.controller->extractArchive();
     QVERIFY(window.idle());
-    QCOMPARE(count(window.log.all(), u"view done"_s), 1);
+    QCOMPARE(window.log.count(u"view done"_s), 1);
     QCOMPARE(window.names(u"out"_s), QStringList{u"a.txt"_s});
-}
-
-void tst_operation_controller::namesThatAreNoText_data()
-{
-    QTest::addColumn<QString>("made");
-    QTest::addColumn<QByteArray>("name");
-    QTest::newRow("zip") << u"x.zip"_s << QByteArray("caf\xe9.zip");
-    QTest::newRow("7z") << u"x.7z"_s << QByteArray("caf\xe9.7z");
-    QTest::newRow("tar") << u"x.tar"_s << QByteArray("caf\xe9.tar");
-    QTest::newRow("volumes") << u"x.7z.001"_s << QByteArray("caf\xe9.7z.001");
-    QTest::newRow("in a folder") << u"x.zip"_s << QByteArray("\xff/x.zip");
-}
-
-// Archives and folders from other systems: what is found at such a name is opened, listed and delivered.
-void tst_operation_controller::namesThatAreNoText()
-{
-    QFETCH(QString, made);
-    QFETCH(QByteArray, name);
-    RecordedWindow window;
-    makeInputs(window);
-    if (made.endsWith(u".001"))
-        window.pack(made.chopped(4), {u"-v1m"_s, u"a.txt"_s, u"b.txt"_s});
-    else
-        window.pack(made, {u"a.txt"_s, u"b.txt"_s});
-    const QByteArray path = QFile::encodeName(window.at(u"in/"_s)) + name;
-    QDir(window.at(QString())).mkpath(u"in"_s);
-    ::mkdir(QByteArray(QFile::encodeName(window.at(u"in/"_s)) + "\xff").constData(), 0700);
-    QCOMPARE(::rename(QFile::encodeName(window.at(made)).constData(), path.constData()), 0);
-    window.controller->controllerHasNewFiles({fileNameFromBytes(path)});
-    QTRY_COMPARE(count(window.log.all(), u"view preview"_s), 1);
-    QVERIFY(window.idle());
-    CVSettings::setValue(CVSettingsKey::extractDestination, 0);
-    window.controller->extractArchive();
-    QTRY_COMPARE(count(window.log.all(), u"view done"_s), 1);
-    QVERIFY(window.idle());
-    const QByteArray result =
-        path.endsWith(".001") ? path.chopped(4) : path; // its last extension goes, in a folder of that name
-    const QByteArray folder = result.left(result.lastIndexOf('.'));
-    const QByteArray other = path.left(path.lastIndexOf('.'));
-    const auto holds = [](const QByteArray &at) {
-        return ::access(QByteArray(at + "/a.txt").constData(), F_OK) == 0;
-    };
-    QVERIFY(holds(folder) || holds(other));
 }
 
 QTEST_GUILESS_MAIN(tst_operation_controller)
