@@ -30,6 +30,8 @@ namespace {
 Q_LOGGING_CATEGORY(lcCombiner, "corvane.split.combiner", QtInfoMsg)
 
 constexpr std::size_t blockBytes = 1 << 20;
+// A megabyte can decompress to a terabyte: the less at a time, the more often somebody hears of it.
+constexpr std::size_t compressedBlockBytes = 64 << 10;
 // A list of names and sums: a thousand parts take some hundred kilobytes.
 constexpr qint64 longestChecksumFile = 64 << 20;
 
@@ -247,10 +249,12 @@ LXResult<void> CVFileCombiner::joinRaw(const std::vector<SplitPart> &parts, int 
 
 LXResult<void> CVFileCombiner::joinCompressed(const std::vector<SplitPart> &parts, int output)
 {
-    CVBzipFileWriter writer(output);
+    CVBzipFileWriter writer(output, [this] { return isCancelled(); });
     const auto decompress = [&](const auto &work) {
         try {
             work();
+        } catch (const LXStoppedException &) {
+            return; // the flag is set
         } catch (const Bzip2Exception &e) {
             LX_DEBUG(lcCombiner, "%s", e.what());
             const auto [from, to] = writer.damage();
@@ -259,7 +263,7 @@ LXResult<void> CVFileCombiner::joinCompressed(const std::vector<SplitPart> &part
     };
     writer.open();
     std::string pending;
-    std::string block(blockBytes, '\0');
+    std::string block(compressedBlockBytes, '\0');
     const auto offer = [&] {
         const quint64 taken = writer.writeData(pending.data(), pending.size());
         pending.erase(0, taken);
@@ -288,7 +292,7 @@ LXResult<void> CVFileCombiner::joinCompressed(const std::vector<SplitPart> &part
     if (m_isCancelled)
         return {};
     decompress([&] { writer.close(); });
-    if (!writer.hasEnded())
+    if (!m_isCancelled && !writer.hasEnded())
         return splitPartError(
             QT_TRANSLATE_NOOP("CVFileCombiner", "The set is cut off: after the part “%1” there are more."),
             parts.back().path);

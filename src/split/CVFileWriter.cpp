@@ -24,16 +24,20 @@ std::uint64_t CVRawFileWriter::writeData(const char *data, std::size_t size)
     return size;
 }
 
-CVBzipFileWriter::CVBzipFileWriter(int outputFile)
+CVBzipFileWriter::CVBzipFileWriter(int outputFile, std::function<bool()> shouldStop)
     : CVFileWriter(outputFile)
+    , m_shouldStop(std::move(shouldStop))
 {}
 
 CVBzipFileWriter::~CVBzipFileWriter() = default;
 
 void CVBzipFileWriter::open()
 {
-    m_decoder = std::make_unique<LXBzip2Decoder>(
-        [this](const char *data, std::size_t size) { writeAll(m_outputFile, data, size); });
+    m_decoder = std::make_unique<LXBzip2Decoder>([this](const char *data, std::size_t size) {
+        if (m_shouldStop && m_shouldStop())
+            throw LXStoppedException();
+        writeAll(m_outputFile, data, size);
+    });
 }
 
 std::uint64_t CVBzipFileWriter::writeData(const char *data, std::size_t size)

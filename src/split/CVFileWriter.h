@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -39,10 +40,12 @@ public:
 /// Takes the pieces of one bzip2 stream and writes what they decompress to, on all cores; so the file may be
 /// behind what was taken, until close(). Raises Bzip2Exception for what is no stream, for damage,
 /// without open(), and for bytes behind the end of the stream in a call of their own.
+/// A call may take long, for a little can decompress to very much: before each write of at most 256 KiB it
+/// asks whether to stop, and raises LXStoppedException.
 class CVBzipFileWriter final : public CVFileWriter
 {
 public:
-    explicit CVBzipFileWriter(int outputFile);
+    explicit CVBzipFileWriter(int outputFile, std::function<bool()> shouldStop = {});
     ~CVBzipFileWriter() override;
 
     void open() override;
@@ -56,6 +59,7 @@ public:
     std::pair<std::uint64_t, std::uint64_t> damage() const;
 
 private:
+    std::function<bool()> m_shouldStop;
     std::unique_ptr<class LXBzip2Decoder> m_decoder;
 };
 

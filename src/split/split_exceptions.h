@@ -45,6 +45,10 @@ private:
     int m_systemError;
 };
 
+/// Whoever was asked whether to stop said so.
+class LXStoppedException : public std::exception
+{};
+
 /// Our own mistake, or an input that the naming of parts cannot hold; not turned into an error value.
 class LXAssertionException : public std::logic_error
 {

@@ -153,6 +153,12 @@ int LXBzip2Decoder::Private::decode(const Block &block, Allocator &allocator, co
     stream.opaque = &allocator;
     if (const int status = BZ2_bzDecompressInit(&stream, 0, 0); status != BZ_OK)
         return status;
+    struct End
+    {
+        bz_stream &stream;
+        ~End() { BZ2_bzDecompressEnd(&stream); }
+    };
+    const End end{stream}; // the sink may throw
     std::string input = wrapped.bytes();
     stream.next_in = input.data();
     stream.avail_in = static_cast<unsigned>(input.size());
@@ -171,7 +177,6 @@ int LXBzip2Decoder::Private::decode(const Block &block, Allocator &allocator, co
     // Anything behind its end means that the mark it ends with was none.
     if (status == BZ_STREAM_END && stream.avail_in != 0)
         status = BZ_DATA_ERROR;
-    BZ2_bzDecompressEnd(&stream);
     return status;
 }
 

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <functional>
 #include <random>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -178,6 +179,7 @@ private Q_SLOTS:
     void brokenPropertyLists();
     void adapters();
     void cancelled();
+    void cancelledWithinABlock();
     void fullDisk();
 };
 
@@ -799,6 +801,42 @@ void TestSplit::cancelled()
         QCOMPARE(combining.calls, u"x"_s);
         QVERIFY(!QFile::exists(combiner.combineFileName()));
     }
+}
+
+// Zeros: a hundredth of a block of the parts is all there is to read.
+void TestSplit::cancelledWithinABlock()
+{
+    const QTemporaryDir folder;
+    constexpr qint64 size = 64 << 20;
+    write(folder.filePath(u"in"_s), {});
+    QVERIFY(QFile::resize(folder.filePath(u"in"_s), size));
+    QDir(folder.path()).mkdir(u"out"_s);
+    const Set set = split(folder.filePath(u"in"_s), folder.path(), true, false, size);
+    QVERIFY(set.result);
+    Recorder heard;
+    CVFileCombiner combiner;
+    combiner.setFiles(set.parts);
+    combiner.setDestinationPath(folder.filePath(u"out"_s));
+    combiner.setDelegate(&heard);
+    qint64 written = 0;
+    {
+        const std::jthread other([&](const std::stop_token &over) {
+            const QByteArray path = QFile::encodeName(combiner.combineFileName());
+            struct stat facts;
+            LXFileDescriptor file;
+            while (!over.stop_requested()) {
+                if (!file.isOpen())
+                    file = LXFileDescriptor(::open(path.constData(), O_RDONLY));
+                else if (::fstat(file.get(), &facts) == 0 && facts.st_size > 0)
+                    combiner.requestCancel();
+                std::this_thread::yield();
+            }
+            written = ::fstat(file.get(), &facts) == 0 ? facts.st_size : size;
+        });
+        QVERIFY(combiner.combine());
+    }
+    QCOMPARE(heard.calls, u"x"_s);
+    QVERIFY2(written < size, qPrintable(QString::number(written)));
 }
 
 void TestSplit::fullDisk()
