@@ -312,13 +312,56 @@ private Q_SLOTS:
         QVERIFY(driver.end());
     }
 
+    void looksIntoAnArchiveAndExtractsIt()
+    {
+        WindowDriver driver;
+        driver.makeFile(u"papers/note.txt"_s, "words");
+        driver.makeFile(u"papers/pictures/far.png"_s, "no picture");
+        QVERIFY(driver.runTool(u"zip"_s, {u"-qr"_s, u"papers.zip"_s, u"papers"_s}));
+        QVERIFY(driver.runTool(u"rm"_s, {u"-r"_s, u"papers"_s}));
+        QVERIFY(driver.start());
+        QVERIFY(driver.drop({driver.path(u"papers.zip"_s)}));
+        QVERIFY(driver.waitForScreen(u"preview"_s));
+        QVERIFY(driver.mainWindow()->maximumSize().width() > 5000);
+        driver.picture(u"preview"_s);
+        QVERIFY(driver.click(u"extract"_s));
+        QVERIFY(driver.waitForScreen(u"multipleDone"_s));
+        QVERIFY(QFile::exists(driver.path(u"papers/pictures/far.png"_s)));
+        QVERIFY(driver.click(u"back"_s));
+        QVERIFY(driver.waitForScreen(u"preview"_s));
+        QVERIFY(driver.click(u"cancel"_s));
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        QVERIFY(driver.operations().previewArchives().empty());
+        QVERIFY(driver.end());
+    }
+
+    void severalArchivesGiveSeveralResults()
+    {
+        WindowDriver driver;
+        for (const QString &name : {u"one"_s, u"two"_s}) {
+            driver.makeFile(name + u"/note.txt"_s, "words");
+            QVERIFY(driver.runTool(u"zip"_s, {u"-qr"_s, name + u".zip"_s, name}));
+            QVERIFY(driver.runTool(u"rm"_s, {u"-r"_s, name}));
+        }
+        QVERIFY(driver.start());
+        CVSettings::setValue(CVSettingsKey::skipArchivePreview, true);
+        QVERIFY(driver.drop({driver.path(u"one.zip"_s), driver.path(u"two.zip"_s)}));
+        QVERIFY(driver.waitForScreen(u"multipleDone"_s));
+        driver.picture(u"multipleDone"_s);
+        QVERIFY(driver.click(u"done"_s));
+        QVERIFY(driver.waitForScreen(u"dropBox"_s));
+        QVERIFY(driver.end());
+    }
+
     void packsAFolderAndShowsTheResult()
     {
         WindowDriver driver;
         driver.makeFile(u"papers/note.txt"_s, "words");
         QVERIFY(driver.start());
-        CVSettings::setValue(CVSettingsKey::skipOptionsView, true);
         QVERIFY(driver.drop({driver.path(u"papers"_s)}));
+        QVERIFY(driver.waitForScreen(u"options"_s));
+        driver.picture(u"options"_s);
+        QVERIFY(driver.click(u"archive"_s));
         QVERIFY(driver.waitForScreen(u"create"_s));
         driver.picture(u"create"_s);
         QVERIFY(driver.click(u"forward"_s));

@@ -36,14 +36,12 @@ void CVToolbar::clearItems()
     }
     m_items.clear();
     m_places.clear();
-    m_hasPrimary = false;
 }
 
 void CVToolbar::addItem(QAction *action)
 {
-    static const QStringList goOn = {u"forward"_s, u"done"_s, u"extract"_s};
-    const bool isPrimary = !m_hasPrimary && goOn.contains(action->objectName());
-    m_hasPrimary = m_hasPrimary || isPrimary;
+    static const QStringList goOn = {u"forward"_s, u"done"_s, u"extract"_s, u"archive"_s, u"combine"_s};
+    const bool isPrimary = m_items.isEmpty() && goOn.contains(action->objectName());
     QAction *place = addWidget(new CVToolButton(action, isPrimary));
     place->setVisible(action->isVisible());
     connect(action, &QAction::changed, place, [action, place] { place->setVisible(action->isVisible()); });

@@ -4,8 +4,8 @@
 #include <QList>
 #include <QToolBar>
 
-/// The tool bar of a window: picture above word, in the order in which the current screen wants them. The
-/// first item of a screen that goes on ("forward", "done", "extract") is drawn as the one to press.
+/// The tool bar of a window: picture above word, in the order in which the current screen wants them. A first
+/// item that goes on ("forward", "done", "extract", "archive", "combine") is drawn as the one to press.
 /// Main thread.
 class CVToolbar : public QToolBar
 {
@@ -31,5 +31,4 @@ protected:
 private:
     QList<QAction *> m_items;
     QHash<QAction *, QAction *> m_places; ///< item: what stands for it in the bar
-    bool m_hasPrimary = false;
 };

@@ -30,7 +30,9 @@ public:
 
 private:
     void setupOptionScreens();
+    void setupPreview();
     void setupResultScreens();
+    void resetPreviewedArchives();
     /// What a button does, until the window closes.
     std::function<void()> whileOpen(std::function<void(CVOperationController &)> call);
 

@@ -21,6 +21,7 @@
 #include <QProcess>
 #include <QTest>
 
+#include <functional>
 #include <map>
 
 using namespace Qt::StringLiterals;
@@ -29,6 +30,7 @@ namespace {
 
 constexpr int launchMilliseconds = 20000;
 constexpr int endMilliseconds = 60000;
+constexpr int appearMilliseconds = 2000;
 
 std::map<QString, CVViewController *> screensByName(const CVNavigationController::Screens &screens)
 {
@@ -40,11 +42,16 @@ std::map<QString, CVViewController *> screensByName(const CVNavigationController
             {u"done"_s, screens.done},         {u"multipleDone"_s, screens.multipleDone}};
 }
 
-bool clickMiddle(QWidget *widget)
+/// Nobody clicks on what has not been laid out yet, so this waits a moment for `find` to give something.
+bool clickMiddle(const std::function<QWidget *()> &find)
 {
-    if (!widget || !widget->isVisible() || !widget->isEnabled())
+    const auto ready = [&]() -> QWidget * {
+        QWidget *widget = find();
+        return widget && widget->isVisible() && widget->isEnabled() ? widget : nullptr;
+    };
+    if (!QTest::qWaitFor([&] { return ready() != nullptr; }, appearMilliseconds))
         return false;
-    QTest::mouseClick(widget, Qt::LeftButton);
+    QTest::mouseClick(ready(), Qt::LeftButton);
     return true;
 }
 
@@ -233,20 +240,25 @@ bool WindowDriver::drop(const QStringList &paths) const
 
 bool WindowDriver::click(const QString &identifier) const
 {
-    return clickMiddle(mainWindow()->toolbar()->findChild<QAbstractButton *>(identifier));
+    return clickMiddle([&]() -> QWidget * {
+        const auto buttons = mainWindow()->toolbar()->findChildren<QAbstractButton *>(identifier);
+        return buttons.isEmpty() ? nullptr : buttons.last();
+    });
 }
 
 bool WindowDriver::clickWidget(const QString &objectName) const
 {
-    QWidget *view = navigation().slideAnimation()->currentView();
-    if (clickMiddle(view->findChild<QWidget *>(objectName)))
-        return true;
-    const auto panels = mainWindow()->findChildren<QDialog *>();
-    for (const QDialog *panel : panels) {
-        if (clickMiddle(panel->findChild<QWidget *>(objectName)))
-            return true;
-    }
-    return false;
+    return clickMiddle([&]() -> QWidget * {
+        const QWidget *view = navigation().slideAnimation()->currentView();
+        if (auto *widget = view->findChild<QWidget *>(objectName))
+            return widget;
+        const auto panels = mainWindow()->findChildren<QDialog *>();
+        for (const QDialog *panel : panels) {
+            if (auto *widget = panel->findChild<QWidget *>(objectName); widget && panel->isVisible())
+                return widget;
+        }
+        return nullptr;
+    });
 }
 
 void WindowDriver::press(int key, Qt::KeyboardModifiers modifiers) const
