@@ -133,7 +133,16 @@ void CVCombineFilesOperation::combineInWorkDirectory(const CVJobFolders &folders
 {
     m_combiner.setDestinationPath(folders.workDirectory());
     m_combiner.setDelegate(this);
-    const LXResult<void> result = m_combiner.combine();
+    LXResult<void> result;
+    try {
+        result = m_combiner.combine();
+    } catch (const std::exception &e) { // no memory, no thread
+        result = LXError{.domain = QLatin1StringView(CVFileCombiner::errorDomain),
+                         .code = 2,
+                         .description = {},
+                         .reason = QString::fromLocal8Bit(e.what()),
+                         .suggestion = {}};
+    }
     m_combiner.setDelegate(nullptr);
     if (isCancelled())
         return endAsCancelled();

@@ -176,6 +176,12 @@ void CVSplitFileOperation::splitInto(const CVJobFolders &folders)
                       .suggestion = {}});
         error.suggestion = tr("Split it without compression.");
         return isCancelled() ? endAsCancelled() : endAsFailed(error);
+    } catch (const std::exception &e) { // no memory, no thread
+        result = LXError{.domain = QLatin1StringView(CVFileSplitter::errorDomain),
+                         .code = 2,
+                         .description = {},
+                         .reason = QString::fromLocal8Bit(e.what()),
+                         .suggestion = {}};
     }
     if (isCancelled() || (result && splitter.isCancelled()))
         return endAsCancelled();

@@ -163,11 +163,13 @@ LXResult<void> CVFileCombiner::verifyChecksums(const QString &checksumFile, cons
 {
     const LXFileDescriptor opened = openRegularFile(checksumFile);
     QFile file;
-    if (!opened.isOpen() || !file.open(opened.get(), QIODevice::ReadOnly) ||
-        file.size() > longestChecksumFile)
+    QByteArray list;
+    if (opened.isOpen() && file.open(opened.get(), QIODevice::ReadOnly))
+        list = file.read(longestChecksumFile + 1);
+    if (list.isEmpty() || list.size() > longestChecksumFile)
         return splitPartError(QT_TRANSLATE_NOOP("CVFileCombiner", "The file “%1” could not be read."),
                               checksumFile);
-    const LXResult<QMap<QString, QString>> sums = LXPropertyList::toStrings(file.readAll());
+    const LXResult<QMap<QString, QString>> sums = LXPropertyList::toStrings(list);
     if (!sums)
         return splitPartError(QT_TRANSLATE_NOOP("CVFileCombiner", "The checksums in “%1” could not be read."),
                               checksumFile);

@@ -13,6 +13,9 @@ namespace {
 
 using Strings = QMap<QString, QString>;
 
+// In the binary form many entries can refer to one text. Names of files and checksums are shorter.
+constexpr std::uint64_t longestText = 4096;
+
 LXError malformed(const QString &why)
 {
     return LXError{.domain = u"LXPropertyList"_s,
@@ -26,7 +29,12 @@ LXResult<Strings> fromXml(const QByteArray &data)
 {
     QXmlStreamReader xml(data);
     Strings strings;
-    if (!xml.readNextStartElement() || xml.name() != "plist"_L1)
+    while (!xml.atEnd() && !xml.isStartElement()) {
+        // A few letters could stand for a whole text each time; no writer of property lists does that.
+        if (xml.readNext() == QXmlStreamReader::DTD && !xml.entityDeclarations().isEmpty())
+            return malformed(u"It declares entities."_s);
+    }
+    if (xml.name() != "plist"_L1)
         return malformed(u"It is no property list."_s);
     if (!xml.readNextStartElement() || xml.name() != "dict"_L1)
         return malformed(u"It holds no dictionary."_s);
@@ -128,6 +136,8 @@ private:
     std::optional<QString> text(std::uint64_t index) const
     {
         const auto found = object(index);
+        if (found && found->size > longestText)
+            return std::nullopt;
         if (found && found->kind == 5 && fits(*found, 1))
             return QString::fromLatin1(m_data.constData() + found->content,
                                        static_cast<qsizetype>(found->size));

@@ -17,7 +17,8 @@ bool canHold(const QString &string);
 /// Of strings that it can hold.
 QByteArray fromStrings(const QMap<QString, QString> &strings);
 
-/// Fails for anything else than a dictionary whose values are all texts, and for a key that comes twice.
+/// Fails for anything else than a dictionary whose values are all texts, for a key that comes twice, and for
+/// what would take much more memory than it has bytes.
 LXResult<QMap<QString, QString>> toStrings(const QByteArray &data);
 
 } // namespace LXPropertyList

@@ -689,6 +689,10 @@ void TestSplit::propertyLists()
         QVERIFY(other);
         QCOMPARE(other.value(), strings);
     }
+    // With the name of its form, as others write it.
+    QVERIFY(
+        LXPropertyList::toStrings("<?xml version=\"1.0\"?><!DOCTYPE plist PUBLIC \"-//A//DTD PLIST 1.0//EN\" "
+                                  "\"http://localhost/p.dtd\"><plist><dict/></plist>"));
     // Whatever is cut out of the binary form is refused, without a crash.
     const QByteArray binary = read(folder.filePath(u"binary"_s));
     for (qsizetype size = 8; size < binary.size(); ++size)
@@ -719,6 +723,9 @@ void TestSplit::brokenPropertyLists_data()
         "<!ENTITY e "
         "\"&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;\">]><plist><dict><key>&e;</key><string>&e;</string></dict></"
         "plist>");
+    QTest::newRow("texts by reference")
+        << QByteArray("<!DOCTYPE plist [<!ENTITY e \"x\">]>"
+                      "<plist><dict><key>a</key><string>&e;</string></dict></plist>");
     QTest::newRow("more than a dictionary") << QByteArray("<plist><dict></dict><a></a></plist>");
     QTest::newRow("binary without anything") << QByteArray("bplist00") + QByteArray(40, '\xff');
 }
