@@ -234,6 +234,7 @@ void TestOptions::passwords()
     create.show();
     auto *view = create.screen->editView();
     view->encryptBox->click();
+    QVERIFY(view->passwordField->hasFocus());
     type(view->passwordField, password);
     type(view->confirmationField, confirmation);
     view->formatBar->firstButtonWithIdentifier(CVFormats::tagForFormat(format))->click();

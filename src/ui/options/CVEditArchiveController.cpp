@@ -112,8 +112,11 @@ void CVEditArchiveController::connectControls()
     connect(m_view->zipBox, &QCheckBox::toggled, this,
             [this](bool zip) { m_binding->setShouldUseZipCompression(zip); });
     connect(m_view->volumes, &CVVolumeRow::edited, this, &CVEditArchiveController::volumesEdited);
-    connect(m_view->encryptBox, &QCheckBox::toggled, this,
-            [](bool encrypt) { CVSettings::setValue(CVSettingsKey::shouldEncrypt, encrypt); });
+    connect(m_view->encryptBox, &QCheckBox::clicked, this, [this](bool encrypt) {
+        CVSettings::setValue(CVSettingsKey::shouldEncrypt, encrypt);
+        if (encrypt)
+            m_view->passwordField->setFocus(Qt::OtherFocusReason);
+    });
     connect(m_view->passwordField, &QLineEdit::textEdited, this,
             [this](const QString &text) { m_binding->setPassword(text); });
     connect(m_view->confirmationField, &QLineEdit::textEdited, this,
