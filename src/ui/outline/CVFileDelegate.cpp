@@ -19,6 +19,12 @@ QIcon::Mode iconMode(const QStyleOptionViewItem &option)
     return option.state & QStyle::State_Selected ? QIcon::Selected : QIcon::Normal;
 }
 
+/// Pictures in colour keep it: tinted in the colour of the selection, they would vanish in it.
+QIcon::Mode fileIconMode(const QStyleOptionViewItem &option)
+{
+    return option.state & QStyle::State_Enabled ? QIcon::Normal : QIcon::Disabled;
+}
+
 QPalette::ColorGroup colorGroup(const QStyleOptionViewItem &option)
 {
     if (!(option.state & QStyle::State_Enabled))
@@ -115,7 +121,7 @@ void CVFileListDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
         take(indent - gap);
         const QRect place = take(icon);
         option.icon.paint(painter, QRect(place.left(), place.center().y() - icon / 2, icon, icon),
-                          Qt::AlignCenter, iconMode(option));
+                          Qt::AlignCenter, fileIconMode(option));
         take(CVTheme::unit);
         if (index.data(CVFileNodeModel::IsEncryptedRole).toBool()) {
             const int size = icon * 3 / 4;
@@ -177,7 +183,7 @@ void CVFileGridDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
     }
     const int icon = iconSize();
     const QRect place(cell.center().x() - icon / 2, cell.top() + CVTheme::unit, icon, icon);
-    option.icon.paint(painter, place, Qt::AlignCenter, iconMode(option));
+    option.icon.paint(painter, place, Qt::AlignCenter, fileIconMode(option));
     if (index.data(CVFileNodeModel::IsEncryptedRole).toBool()) {
         const QRect mark(place.right() - icon / 3, place.bottom() - icon / 3, icon * 3 / 8, icon * 3 / 8);
         painter->setPen(Qt::NoPen);
