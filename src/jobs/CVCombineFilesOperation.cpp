@@ -11,9 +11,12 @@
 #include <QCoreApplication>
 #include <QSet>
 
+#include <algorithm>
+#include <cerrno>
 #include <memory>
 
 #include <dirent.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -23,6 +26,9 @@ QString tr(const char *text)
 {
     return QCoreApplication::translate("CVCombineFilesOperation", text);
 }
+
+// Of the letters of a part: more parts do not fit into a folder.
+constexpr int longestCode = 6;
 
 struct FolderClose
 {
@@ -40,6 +46,33 @@ LXError jobError(const LXError &cause)
                    .reason = full ? QString() : cause.reason,
                    .suggestion = full ? tr("Please delete some files on your disk and try again.")
                                       : tr("Please try again.")};
+}
+
+/// What can be found of the set without a look at the folder: the parts before the first that is not there.
+QStringList siblingsByName(const QString &path)
+{
+    const QString code = partCodeOfPath(path);
+    const QString kind = path.mid(path.lastIndexOf(u'.'));
+    const QString stem = path.chopped(kind.size() + code.size());
+    const auto exists = [](const QString &name) {
+        return ::access(bytesOfFileName(name).constData(), F_OK) == 0;
+    };
+    QStringList found;
+    if (code.isEmpty())
+        return found;
+    const int length = static_cast<int>(code.size());
+    quint64 past = 1;
+    for (int i = 0; i < std::min(length, longestCode); ++i)
+        past *= 26;
+    for (quint64 number = 0; number < past; ++number) {
+        const QString part = stem + partCode(number, length) + kind;
+        if (!exists(part))
+            break;
+        found.append(part);
+    }
+    if (const QString sums = stem + u"chksplit"_s; exists(sums))
+        found.append(sums);
+    return found;
 }
 
 } // namespace
@@ -82,13 +115,22 @@ QStringList CVCombineFilesOperation::sweepFilePartsAtPath(const QString &path, c
         ::opendir(prefix.isEmpty() ? "." : bytesOfFileName(prefix).constData()));
     const QSet<QString> known(existing.begin(), existing.end());
     QStringList found;
-    while (const dirent *entry = folder ? ::readdir(folder.get()) : nullptr) {
+    for (;;) {
+        errno = 0;
+        const dirent *const entry = folder ? ::readdir(folder.get()) : nullptr;
+        if (!entry && (!folder || errno != 0))
+            // The first part of a set looks like a whole one: taken alone it would give a file that is cut.
+            found += siblingsByName(path);
+        if (!entry)
+            break;
         const QString name = fileNameFromBytes(entry->d_name);
-        if (!isSplitFile(name) || splitSetName(name) != combinedFile || known.contains(prefix + name))
+        if (!isSplitFile(name) || splitSetName(name) != combinedFile)
             continue;
         // The sums of a set are those beside its parts, whichever of them was given.
         found.append(prefix + name);
     }
+    found.removeDuplicates();
+    found.removeIf([&known](const QString &file) { return known.contains(file); });
     return found;
 }
 

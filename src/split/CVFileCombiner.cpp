@@ -200,6 +200,8 @@ LXResult<void> CVFileCombiner::verifyChecksums(const QString &checksumFile, cons
     const QMap<QString, QString> found =
         LXChecksum::checksumsOfFiles(listed, [this] { return isCancelled(); });
     for (const QString &path : std::as_const(listed)) {
+        if (!found.contains(path))
+            return unreadablePartError(path);
         if (found.value(path) != sums.value().value(lastComponent(path)))
             return modifiedPartError(path);
     }

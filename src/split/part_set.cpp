@@ -24,18 +24,13 @@ QString lastComponent(const QString &path)
     return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
-LXError unreadable(const QString &path)
-{
-    return splitPartError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” could not be read."), path);
-}
-
 } // namespace
 
 LXResult<SplitPart> SplitPart::at(const QString &path)
 {
     struct stat facts;
     if (::stat(bytesOfFileName(path).constData(), &facts) != 0 || !S_ISREG(facts.st_mode))
-        return unreadable(path);
+        return unreadablePartError(path);
     SplitPart part;
     part.path = path;
     part.size = static_cast<quint64>(facts.st_size);
@@ -50,7 +45,7 @@ LXResult<LXFileDescriptor> SplitPart::open() const
 {
     LXFileDescriptor file = openRegularFile(path);
     if (!file.isOpen())
-        return unreadable(path);
+        return unreadablePartError(path);
     if (const auto same = checkUnchanged(file); !same)
         return same.error();
     return file;
@@ -152,4 +147,9 @@ LXError modifiedPartError(const QString &path)
     return splitSetError("Verification failed",
                          text("The file “%1” was modified since it was split and can't be combined.")
                              .arg(lastComponent(path)));
+}
+
+LXError unreadablePartError(const QString &path)
+{
+    return splitPartError(QT_TRANSLATE_NOOP("CVFileCombiner", "The part “%1” could not be read."), path);
 }

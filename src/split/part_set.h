@@ -45,3 +45,4 @@ LXError splitSetError(const char *description, const QString &reason, const QStr
 /// The reason, of the context CVFileCombiner, with the name of that file in it.
 LXError splitPartError(const char *reason, const QString &path);
 LXError modifiedPartError(const QString &path);
+LXError unreadablePartError(const QString &path);

@@ -5,6 +5,7 @@
 #include "engine/model/CVSettings.h"
 #include "engine/model/CVSplitOperationDataBinding.h"
 #include "engine/model/CVWorkDirectoryManager.h"
+#include "jobs/CVCombineFilesOperation.h"
 #include "jobs/CVSplitFileOperation.h"
 #include "util/LXMainThread.h"
 
@@ -19,6 +20,7 @@
 #include <random>
 
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -92,6 +94,7 @@ private Q_SLOTS:
     void results();
     void sweepsTheSetTogether_data();
     void sweepsTheSetTogether();
+    void folderThatCannotBeListed();
     void refuses_data();
     void refuses();
     void handsOver();
@@ -231,6 +234,23 @@ void tst_splitoperations::sweepsTheSetTogether()
     QCOMPARE(m_recorder->ends, {u"completed"_s});
     QCOMPARE(m_recorder->checks, 1);
     QCOMPARE(read(m_recorder->results.first()), data);
+}
+
+void tst_splitoperations::folderThatCannotBeListed()
+{
+    makeFile(u"in/m"_s, randomBytes(350, 3));
+    run(CVOperationFactory::splitFileOperationWithDataBinding(binding(100, 0, true)), {path(u"in/m"_s)});
+    const QString folder = m_recorder->results.first() + u'/';
+    QCOMPARE(::chmod(QFile::encodeName(m_root->path()).constData(), 0711), 0);
+    QCOMPARE(::chmod(QFile::encodeName(folder).constData(), 0311), 0);
+    const uid_t own = ::geteuid();
+    QVERIFY(own != 0 || ::seteuid(65534) == 0); // root may list everything
+    QStringList found =
+        CVCombineFilesOperation::sweepFilePartsAtPath(folder + u"m.a.split", u"m"_s, {folder + u"m.a.split"});
+    QVERIFY(::seteuid(own) == 0 && ::chmod(QFile::encodeName(folder).constData(), 0755) == 0);
+    found.sort();
+    QCOMPARE(found, (QStringList{folder + u"m.b.split", folder + u"m.c.split", folder + u"m.chksplit",
+                                 folder + u"m.d.split"}));
 }
 
 void tst_splitoperations::refuses_data()
