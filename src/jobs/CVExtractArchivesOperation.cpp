@@ -273,7 +273,7 @@ CVBatchPosition CVExtractArchivesOperation::batchPosition() const
 CVExtractArchivesOperation::Source
 CVExtractArchivesOperation::sourceFromArchive(const std::shared_ptr<CVArchive> &archive) const
 {
-    return {.path = archive->sourcePath, .opened = archive->password ? archive : nullptr};
+    return {.path = archive->sourcePath, .password = archive->password};
 }
 
 void CVExtractArchivesOperation::main()
@@ -292,7 +292,7 @@ void CVExtractArchivesOperation::main()
                 sources.push_back(sourceFromArchive(m_sourceArchive));
         } else if (previewed.empty()) {
             for (const QString &path : paths)
-                sources.push_back({.path = path, .opened = nullptr});
+                sources.push_back({.path = path, .password = {}});
         } else {
             for (const auto &archive : previewed)
                 sources.push_back(sourceFromArchive(archive));
@@ -311,7 +311,7 @@ void CVExtractArchivesOperation::main()
         Next next = Next::Again;
         m_keepDestination = false;
         while ((next = extract(now)) == Next::Again) {
-            now.opened.reset(); // its password did not fit
+            now.password.reset(); // its password did not fit
             m_keepDestination = destinationSetToAskMe();
         }
         if (next == Next::Stop)
@@ -449,7 +449,8 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::extract(const Sourc
         return Next::Stop;
     }
 
-    const auto archive = source.opened ? source.opened : m_archiveMaker(source.path);
+    const auto archive = m_archiveMaker(source.path);
+    archive->password = source.password;
     const std::int32_t status = runBackEnd(archive);
     const Next next =
         status == CVArchive::Success && !isCancelled() ? succeeded(*archive) : failed(*archive, status);

@@ -34,8 +34,8 @@ public:
     /// Paths inside the archive to extract, instead of everything; folders bring what is below them.
     void setSingleFiles(const QStringList &paths);
     std::optional<QStringList> singleFiles() const;
-    /// The opened archive that the single files belong to. Without a password in it, its file is
-    /// opened anew, so that the person can be asked.
+    /// The listed archive that the single files belong to. Its file is opened anew, because several jobs
+    /// may take from one archive at a time; its password, where it has one, is tried first.
     void setSourceArchive(std::shared_ptr<CVArchive> archive);
     /// The folder that receives single files; of whole archives the settings decide.
     void setDestinationPath(const QString &path);
@@ -85,7 +85,7 @@ private:
     struct Source
     {
         QString path;
-        std::shared_ptr<CVArchive> opened; ///< holds a password already; null: made anew from the path
+        std::optional<QString> password; ///< nothing: the person is asked where one is needed
     };
     enum class Next {
         Archive, ///< go on with the next one

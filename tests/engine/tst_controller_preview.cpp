@@ -28,6 +28,7 @@ private Q_SLOTS:
     void password();
     void opensOneEntry();
     void extractsEntries();
+    void extractsEntriesTwiceAtOnce_data();
     void extractsEntriesTwiceAtOnce();
     void entriesThatFail();
     void destinationIsForced_data();
@@ -162,27 +163,46 @@ void tst_controller_preview::extractsEntries()
     QVERIFY(window.log.all().contains(u"sound"_s));
 }
 
+void tst_controller_preview::extractsEntriesTwiceAtOnce_data()
+{
+    QTest::addColumn<QStringList>("packing");
+    QTest::newRow("open") << QStringList();
+    QTest::newRow("with a password") << QStringList{u"-mhe=on"_s, u"-pright"_s};
+}
+
 void tst_controller_preview::extractsEntriesTwiceAtOnce()
 {
+    QFETCH(QStringList, packing);
     RecordedWindow window;
     window.makeArchives();
+    QByteArray noise;
+    for (int i = 0; i < 2'000'000; ++i)
+        noise.append(static_cast<char>((i * i + i / 7) * 31 % 251));
+    window.write(u"noise"_s, noise);
+    window.pack(u"c.7z"_s, QStringList{u"noise"_s, u"-mx=1"_s} + packing);
+    window.answerPassword = [] { return u"right"_s; };
     CVSettings::setValue(CVSettingsKey::extractDestination, 1);
-    QVERIFY(window.showsPreviewOf({u"a.zip"_s, u"b.zip"_s}));
-    int ended = 0;
-    for (const QString &target : {u"one"_s, u"two"_s, u"three"_s}) {
+    QVERIFY(window.showsPreviewOf({u"c.7z"_s}));
+    const QStringList targets{u"one"_s, u"two"_s, u"three"_s};
+    qsizetype ended = 0;
+    for (const QString &target : targets) {
         QDir(window.at(QString())).mkpath(target);
-        window.controller->extractFiles({u"b.txt"_s}, window.at(u"b.zip"_s), window.at(target),
+        window.controller->extractFiles({u"noise"_s}, window.at(u"c.7z"_s), window.at(target),
                                         [&](const QStringList &paths) { ended += paths.size(); });
         QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 0);
     }
     // And the window turns to other files meanwhile.
     window.controller->controllerHasNewFiles({window.at(u"a.zip"_s)});
     QVERIFY(window.reaches(u"view preview a.zip"_s));
-    QTRY_COMPARE(ended, 3);
+    QTRY_COMPARE_WITH_TIMEOUT(ended, targets.size(), 30000);
     QVERIFY(window.idle());
     QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 1);
-    for (const QString &target : {u"one"_s, u"two"_s, u"three"_s})
-        QCOMPARE(window.names(target), QStringList{u"b.txt"_s});
+    for (const QString &target : targets) {
+        QFile file(window.at(target + u"/noise"));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(file.readAll() == noise);
+    }
+    QCOMPARE(window.log.count(u"password?"_s), packing.isEmpty() ? 0 : 1);
 }
 
 // After every question and alert the preview is on show again.

@@ -194,7 +194,8 @@ void CVOperationController::Private::tearDown(const Job &job)
         std::exchange(job->ended, {})(job->delivered);
     // The archives that it was given may have been the last to hold a large tree.
     disposeElsewhere(std::exchange(job->previewedArchives, {}));
-    openFiles.takeNextBatch();
+    // Later: what goes on here may be the start of the next job, which comes first.
+    onMain([](CVOperationController &controller) { controller.d->openFiles.takeNextBatch(); });
 }
 
 void CVOperationController::Private::complete(const Job &job, const QStringList &paths, bool multipleFiles,
