@@ -9,6 +9,8 @@
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
 
+#include <QSet>
+
 #include <algorithm>
 #include <chrono>
 #include <thread>
@@ -215,12 +217,12 @@ void CVOpenFilesController::look(const QStringList &paths, std::function<void(Fo
         for (const auto &node : found->nodes) {
             if (stop.stop_requested())
                 return;
-            if (node->isDirectory())
-                found->folders.insert(node->filename());
-            found->isPreviewable = found->isPreviewable && isExtractable(node->filename()) &&
-                                   CVArchive::archiveForPreviewing(node->filename())->canPreview();
+            const QString &path = node->filename();
+            const unsigned kind = kindByName(path) | (node->isDirectory() ? Folder : 0U);
+            found->kinds.insert(path, kind);
+            found->isPreviewable = found->isPreviewable && kind == Archive &&
+                                   CVArchive::archiveForPreviewing(path)->canPreview();
         }
-        found->isPreviewable = found->isPreviewable && found->folders.isEmpty();
         root->removeAllChildren();
         LXMainThread::post([this, alive, found, then] {
             if (alive.lock() && !m_isClosed)
@@ -236,7 +238,7 @@ void CVOpenFilesController::replaceTree(const Found &found)
     tree.reset();
     disposeElsewhere(std::move(before));
     m_delegate.d->setPreviewedArchives({});
-    m_folders.clear();
+    m_kinds.clear();
     addToTree(found);
 }
 
@@ -250,7 +252,7 @@ void CVOpenFilesController::addToTree(const Found &found)
         if (!known.contains(node->filename()))
             root->appendChild(node);
     }
-    m_folders.unite(found.folders);
+    m_kinds.insert(found.kinds);
 }
 
 void CVOpenFilesController::tryToAddFiles(const QStringList &paths)
@@ -301,23 +303,34 @@ bool CVOpenFilesController::extractInPlace() const
            std::ranges::any_of(m_batches, [](const Batch &b) { return b.isInPlace && !b.forceChoice; });
 }
 
+unsigned CVOpenFilesController::kindByName(const QString &path)
+{
+    return (isExtractable(path) ? Archive : 0U) | (isSplitFile(path) ? SplitFile : 0U);
+}
+
+unsigned CVOpenFilesController::kindOf(const CVFileNode::Pointer &node) const
+{
+    const auto found = m_kinds.constFind(node->filename());
+    return found != m_kinds.cend() ? *found : kindByName(node->filename());
+}
+
 bool CVOpenFilesController::hasFolder() const
 {
     const auto nodes = m_delegate.d->tree.children();
-    return std::ranges::any_of(nodes,
-                               [this](const auto &node) { return m_folders.contains(node->filename()); });
+    return std::ranges::any_of(nodes, [this](const auto &node) { return (kindOf(node) & Folder) != 0; });
 }
 
 bool CVOpenFilesController::isArchiveSet() const
 {
     const auto nodes = m_delegate.d->tree.children();
-    return !hasFolder() &&
-           std::ranges::all_of(nodes, [](const auto &node) { return isExtractable(node->filename()); });
+    return std::ranges::all_of(
+        nodes, [this](const auto &node) { return (kindOf(node) & (Folder | Archive)) == Archive; });
 }
 
 bool CVOpenFilesController::isSplitFileSet() const
 {
     const auto nodes = m_delegate.d->tree.children();
-    return !hasFolder() && !nodes.empty() &&
-           std::ranges::all_of(nodes, [](const auto &node) { return isSplitFile(node->filename()); });
+    return !nodes.empty() && std::ranges::all_of(nodes, [this](const auto &node) {
+        return (kindOf(node) & (Folder | SplitFile)) == SplitFile;
+    });
 }

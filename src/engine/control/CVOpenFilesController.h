@@ -2,7 +2,7 @@
 
 #include "filetree/CVFileNode.h"
 
-#include <QSet>
+#include <QHash>
 #include <QString>
 #include <QStringList>
 #include <QTimer>
@@ -70,11 +70,13 @@ private:
         bool skipPreview = false;
         bool forceChoice = false;
     };
+    /// What a path is, as bits.
+    enum Kind : unsigned { Folder = 1, Archive = 2, SplitFile = 4 };
     /// What was found on the disk.
     struct Found
     {
         CVFileNode::List nodes;
-        QSet<QString> folders; ///< of the top level, by path
+        QHash<QString, unsigned> kinds; ///< of the top level, by path
         bool isPreviewable = true;
     };
 
@@ -87,12 +89,14 @@ private:
     void look(const QStringList &paths, std::function<void(Found found)> then);
     void replaceTree(const Found &found);
     void addToTree(const Found &found);
+    static unsigned kindByName(const QString &path);
+    unsigned kindOf(const CVFileNode::Pointer &node) const;
     bool hasFolder() const;
 
     CVOperationController &m_delegate;
     std::deque<Batch> m_batches;
     std::deque<std::function<void()>> m_waiting; ///< for a complete tree
-    QSet<QString> m_folders;                     ///< top-level paths that are folders
+    QHash<QString, unsigned> m_kinds;            ///< of the top level of the tree, by path
     QTimer m_stopProgress;
     std::stop_source m_stop;
     int m_additions = 0; ///< being looked at
