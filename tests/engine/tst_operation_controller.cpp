@@ -287,7 +287,10 @@ void tst_operation_controller::cancelled_data()
 {
     QTest::addColumn<QString>("when");
     QTest::newRow("while it waits for its turn") << u"waiting"_s;
-    QTest::newRow("while it works") << u"working"_s;
+    QTest::newRow("while it extracts") << u"extracting"_s;
+    QTest::newRow("while it packs") << u"packing"_s;
+    QTest::newRow("while it converts") << u"converting"_s;
+    QTest::newRow("while it splits") << u"splitting"_s;
     QTest::newRow("while a password is asked for") << u"password"_s;
     QTest::newRow("while an error is shown") << u"alert"_s;
 }
@@ -319,11 +322,31 @@ void tst_operation_controller::cancelled()
         window.controller->stopOperation();
         QVERIFY(window.reaches(u"back if not at main"_s));
         hog->cancel();
-    } else if (when == u"working") {
-        window.write(u"big"_s, QByteArray(64 << 20, 'x'));
-        window.pack(u"big.zip"_s, {u"-mx=1"_s, u"big"_s});
-        window.onProgress = [&] { window.controller->currentOperation()->cancel(); };
-        window.controller->addAndExtractArchives({window.at(u"big.zip"_s)});
+    } else if (when.endsWith(u"ing")) {
+        window.onProgress = [&] { window.controller->stopOperation(); };
+        // Packing it takes minutes.
+        window.write(u"long"_s, {});
+        QVERIFY(QFile::resize(window.at(u"long"_s), qint64(16) << 30));
+        if (when == u"extracting" || when == u"converting") {
+            window.write(u"big"_s, QByteArray(64 << 20, 'x'));
+            window.pack(u"big.zip"_s, {u"-mx=1"_s, u"big"_s});
+        }
+        if (when == u"packing") {
+            QVERIFY(prepareCreate(window, u"long"_s));
+            window.controller->createArchive();
+        } else if (when == u"extracting") {
+            window.controller->addAndExtractArchives({window.at(u"big.zip"_s)});
+        } else {
+            const QString file = when == u"splitting" ? u"long"_s : u"big.zip"_s;
+            window.controller->controllerHasNewFiles({window.at(file)});
+            QVERIFY(window.reaches(when == u"splitting" ? u"options"_s : u"view preview big.zip"_s));
+            window.log.clear();
+            window.convertData->setArchiveType(u"tar"_s);
+            if (when == u"splitting")
+                window.controller->splitFile();
+            else
+                window.controller->convertArchive();
+        }
     } else if (when == u"password") {
         window.pack(u"locked.7z"_s, {u"a.txt"_s, u"-mhe=on"_s, u"-pright"_s});
         window.controller->addAndExtractArchives({window.at(u"locked.7z"_s)});
