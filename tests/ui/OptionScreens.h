@@ -86,10 +86,10 @@ template <typename Screen> struct Shown
         QVERIFY(QTest::qWaitForWindowActive(window.get()));
     }
 
-    void key(Qt::Key key)
+    void key(Qt::Key key, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
     {
         QWidget *focus = window->focusWidget();
-        QTest::keyClick(focus ? focus : window.get(), key);
+        QTest::keyClick(focus ? focus : window.get(), key, modifiers);
     }
     QAction *finish() const { return screen->action(u"forward"_s); }
     QString hint() const

@@ -209,14 +209,14 @@ void TestFormatBar::installingRar()
     QVERIFY(view->rarText->isVisible());
     for (const QWidget *control : QList<QWidget *>{view->nameField, view->encryptBox, view->levelChooser})
         QVERIFY(!control->isVisible());
-    QCOMPARE(create.finish()->text(), u"Install"_s);
+    QCOMPARE(create.finish()->iconText(), u"Install"_s);
     create.key(Qt::Key_Return);
     QCOMPARE(installed, 1);
     QCOMPARE(create.started, 0);
     view->formatBar->buttons().first()->click();
     QVERIFY(!view->rarText->isVisible());
     QVERIFY(view->nameField->isVisible());
-    QCOMPARE(create.finish()->text(), u"Create"_s);
+    QCOMPARE(create.finish()->iconText(), u"Create"_s);
 }
 
 void TestFormatBar::droppedRarDistribution()

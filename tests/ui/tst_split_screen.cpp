@@ -69,7 +69,7 @@ void TestSplitScreen::splitSizeReachesTheSplitter_data()
                               << u"Fits into one part"_s;
     QTest::newRow("empty file") << qint64(0) << u"1"_s << u"KB"_s << 1 << kilo << u"Fits into one part"_s;
     QTest::newRow("compressed") << qint64(3000) << u"1"_s << u"KB"_s << 1 << kilo
-                                << u"Makes about 3 parts or fewer"_s;
+                                << u"Makes up to about 3 parts"_s;
     QTest::newRow("no size") << qint64(3000) << u"0"_s << u"KB"_s << 0 << quint64(0)
                              << u"Please enter a size above 0"_s;
 }

@@ -17,7 +17,7 @@ public:
     QString title() const override { return tr("Convert Archive"); }
 
 protected:
-    QString finishButtonTitle() const override { return tr("Convert"); }
+    QString finishButtonTitle() const override { return tr("Con&vert"); }
     QString finishIcon() const override { return QStringLiteral("tool/convert"); }
     std::shared_ptr<CVEditArchiveOperationDataBinding> makeBinding() const override;
     void chooseFormat(const QString &format) override { binding()->setArchiveTypeValue(format); }

@@ -17,7 +17,7 @@ public:
     QString title() const override { return tr("Create Archive"); }
 
 protected:
-    QString finishButtonTitle() const override { return tr("Create"); }
+    QString finishButtonTitle() const override { return tr("C&reate"); }
     QString finishIcon() const override { return QStringLiteral("tool/create"); }
     std::shared_ptr<CVEditArchiveOperationDataBinding> makeBinding() const override;
     /// One item gives its name, several of one folder that of the folder, where it says something.

@@ -69,10 +69,10 @@ void CVEditArchiveController::setUp()
     m_binding = makeBinding();
     m_binding->setDelegate(m_services.bindingDelegate);
     addAction(u"forward"_s, finishButtonTitle(), finishIcon(), Qt::Key_Return, [this] { finish(); });
-    QAction *back =
-        addAction(u"back"_s, tr("Back"), u"tool/back"_s, Qt::Key_B, [this] { m_navigator.goBack(); });
+    QAction *back = addAction(u"back"_s, tr("&Back"), u"tool/back"_s, QKeySequence(Qt::CTRL | Qt::Key_B),
+                              [this] { m_navigator.goBack(); });
     back->setShortcuts(back->shortcuts() << QKeySequence(QKeySequence::Back));
-    addAction(u"cancel"_s, tr("Cancel"), u"tool/cancel"_s, Qt::Key_Escape,
+    addAction(u"cancel"_s, tr("&Cancel"), u"tool/cancel"_s, Qt::Key_Escape,
               [this] { m_navigator.backToMain(); });
     m_view->rarText->setText(tr("Creating RAR archives requires up-to-date third-party software. Choose "
                                 "Install to download and install the missing software."));
@@ -462,7 +462,7 @@ void CVEditArchiveController::refreshFinish()
     const bool install = m_binding->shouldInstallRAR();
     const QString problem = install ? QString() : nameProblem();
     const bool passwordsFit = m_binding->passwordsMatchOrShouldInstallRAR();
-    action(u"forward"_s)->setText(install ? tr("Install") : finishButtonTitle());
+    action(u"forward"_s)->setText(install ? tr("&Install") : finishButtonTitle());
     action(u"forward"_s)->setEnabled(problem.isEmpty() && passwordsFit);
     if (!problem.isEmpty() || passwordsFit) {
         m_view->setHint(problem, true);

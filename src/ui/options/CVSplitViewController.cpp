@@ -65,15 +65,15 @@ CVSplitViewController::CVSplitViewController(CVOptionServices services, CVScreen
     , m_data(std::make_shared<CVSplitOperationDataBinding>())
 {
     buildView();
-    addAction(u"forward"_s, tr("Split"), u"tool/split"_s, Qt::Key_Return, [this] {
+    addAction(u"forward"_s, tr("&Split"), u"tool/split"_s, Qt::Key_Return, [this] {
         stopObserving();
         if (m_services.start)
             m_services.start();
     });
-    QAction *back =
-        addAction(u"back"_s, tr("Back"), u"tool/back"_s, Qt::Key_B, [this] { m_navigator.goBack(); });
+    QAction *back = addAction(u"back"_s, tr("&Back"), u"tool/back"_s, QKeySequence(Qt::CTRL | Qt::Key_B),
+                              [this] { m_navigator.goBack(); });
     back->setShortcuts(back->shortcuts() << QKeySequence(QKeySequence::Back));
-    addAction(u"cancel"_s, tr("Cancel"), u"tool/cancel"_s, Qt::Key_Escape,
+    addAction(u"cancel"_s, tr("&Cancel"), u"tool/cancel"_s, Qt::Key_Escape,
               [this] { m_navigator.backToMain(); });
     preloadView();
     stopObserving();
@@ -232,7 +232,7 @@ void CVSplitViewController::preloadView()
     const QSignalBlocker blocker(m_checksumBox);
     m_checksumBox->setChecked(m_data->splitter()->shouldChecksum());
     select(m_data->compressionSetting());
-    action(u"forward"_s)->setText(tr("Split"));
+    action(u"forward"_s)->setText(tr("&Split"));
     observe();
 }
 
@@ -322,7 +322,7 @@ QString CVSplitViewController::forecast() const
         return tr("Fits into one part");
     const QString count = QLocale().toString(parts);
     if (m_data->compressionSetting() != none)
-        return tr("Makes about %1 parts or fewer").arg(count);
+        return tr("Makes up to about %1 parts").arg(count);
     if (rest == 0)
         return tr("Makes %1 parts of one size").arg(count);
     return tr("Makes %1 parts, the last one of %2")

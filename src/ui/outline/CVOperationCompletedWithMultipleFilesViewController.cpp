@@ -119,7 +119,7 @@ void CVOperationCompletedWithMultipleFilesViewController::setUpViewWithFiles(con
 
 QString CVOperationCompletedWithMultipleFilesViewController::title() const
 {
-    return tr("%1 results").arg(QLocale().toString(m_paths.size()));
+    return m_paths.size() == 1 ? tr("1 result") : tr("%1 results").arg(QLocale().toString(m_paths.size()));
 }
 
 QStringList CVOperationCompletedWithMultipleFilesViewController::desiredToolbarItems() const
