@@ -25,6 +25,7 @@ private Q_SLOTS:
     void addsFiles();
     void knowsSetsWithoutTheDisk();
     void panels();
+    void stoppedWhileItLooks();
     void closedWhileItLooks();
 
 private:
@@ -253,6 +254,22 @@ void tst_dispatch::panels()
     window.controller->addFiles();
     QVERIFY(window.reaches(u"options set up"_s));
     QCOMPARE(window.controller->inputFiles()->children().size(), std::size_t(2));
+}
+
+void tst_dispatch::stoppedWhileItLooks()
+{
+    RecordedWindow window;
+    makeInputs(window);
+    window.controller->setLaunchComplete();
+    window.controller->controllerHasNewFiles({window.at(u"folder"_s)});
+    window.controller->stopOperation();
+    QCOMPARE(window.log.screens().last(), u"back to main"_s);
+    QTest::qWait(200);
+    QCOMPARE(window.log.screens().last(), u"back to main"_s);
+    QVERIFY(window.controller->inputFiles()->children().empty());
+    // The next ones find nothing in their way.
+    window.controller->controllerHasNewFiles({window.at(u"folder"_s)});
+    QVERIFY(window.reaches(u"options"_s));
 }
 
 void tst_dispatch::closedWhileItLooks()

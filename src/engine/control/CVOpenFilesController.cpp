@@ -42,6 +42,7 @@ void CVOpenFilesController::close()
 {
     m_isClosed = true;
     m_stop.request_stop();
+    m_stopLooking.request_stop();
     m_stopProgress.stop();
     m_batches.clear();
     m_waiting.clear();
@@ -161,12 +162,31 @@ void CVOpenFilesController::start(const Batch &batch)
     m_delegate.d->startProgress();
     if (CVFileAnalysisScreen *const analysis = m_delegate.d->screens.fileAnalysis)
         analysis->setProgressMessage(tr("Analyzing files"));
-    look(batch.paths, [this, batch](const Found &found) {
+    m_stopLooking = std::stop_source();
+    m_isLooking = true;
+    look(batch.paths, m_stopLooking.get_token(), [this, batch](const Found &found) {
+        m_isLooking = false;
         decide(batch, found);
         m_isDeciding = false;
         m_decidesInPlace = false;
         takeNextBatch();
     });
+}
+
+bool CVOpenFilesController::abandon()
+{
+    if (!m_isLooking || m_isClosed)
+        return false;
+    m_stopLooking.request_stop();
+    m_isLooking = false;
+    m_isDeciding = false;
+    m_decidesInPlace = false;
+    m_delegate.d->navigate([this](CVNavigationDelegate &navigation) {
+        navigation.controllerNeedsToGoBackToMainView(m_delegate);
+    });
+    stopProgressLater();
+    takeNextBatch();
+    return true;
 }
 
 void CVOpenFilesController::decide(const Batch &batch, const Found &found)
@@ -205,10 +225,11 @@ void CVOpenFilesController::stopProgressLater()
         m_stopProgress.start(progressAfterglow);
 }
 
-void CVOpenFilesController::look(const QStringList &paths, std::function<void(Found)> then)
+void CVOpenFilesController::look(const QStringList &paths, std::stop_token stop,
+                                 std::function<void(Found)> then)
 {
     // Not on the queue: its places may all be taken by jobs that run for hours.
-    std::thread([this, alive = m_delegate.weak_from_this(), stop = m_stop.get_token(), paths,
+    std::thread([this, alive = m_delegate.weak_from_this(), stop = std::move(stop), paths,
                  then = std::move(then)] {
         const auto root = CVFileNode::create();
         CVFileTreeBuilder::addFiles(paths, *root, stop);
@@ -224,8 +245,8 @@ void CVOpenFilesController::look(const QStringList &paths, std::function<void(Fo
                                    CVArchive::archiveForPreviewing(path)->canPreview();
         }
         root->removeAllChildren();
-        LXMainThread::post([this, alive, found, then] {
-            if (alive.lock() && !m_isClosed)
+        LXMainThread::post([this, alive, stop, found, then] {
+            if (alive.lock() && !stop.stop_requested())
                 then(std::move(*found));
         });
     }).detach();
@@ -260,7 +281,7 @@ void CVOpenFilesController::tryToAddFiles(const QStringList &paths)
     if (paths.isEmpty() || m_isClosed || m_delegate.d->isWorking) // a job reads the tree
         return;
     ++m_additions;
-    look(paths, [this](const Found &found) {
+    look(paths, m_stop.get_token(), [this](const Found &found) {
         addToTree(found);
         if (m_delegate.d->screens.options)
             m_delegate.d->screens.options->setupDisplay();
@@ -284,7 +305,7 @@ void CVOpenFilesController::addAndExtractArchives(const QStringList &paths)
     if (paths.isEmpty() || m_isClosed)
         return;
     m_isDeciding = true;
-    look(paths, [this, paths](const Found &found) {
+    look(paths, m_stop.get_token(), [this, paths](const Found &found) {
         const auto &d = m_delegate.d;
         replaceTree(found);
         d->extract(false);

@@ -49,6 +49,8 @@ public:
     void whenTreeIsComplete(std::function<void()> f);
     bool isTreeComplete() const { return m_additions == 0; }
     void close();
+    /// Leaves the batch that is being looked at, and goes back to the first screen; false when there is none.
+    bool abandon();
 
     /// A batch that waits or is being looked at will be extracted in place.
     bool extractInPlace() const;
@@ -85,8 +87,8 @@ private:
     void start(const Batch &batch);
     void decide(const Batch &batch, const Found &found);
     void stopProgressLater();
-    /// Reads the disk elsewhere, then calls `then` on the main thread; not after close().
-    void look(const QStringList &paths, std::function<void(Found found)> then);
+    /// Reads the disk elsewhere, then calls `then` on the main thread; not once it was stopped.
+    void look(const QStringList &paths, std::stop_token stop, std::function<void(Found found)> then);
     void replaceTree(const Found &found);
     void addToTree(const Found &found);
     static unsigned kindByName(const QString &path);
@@ -99,9 +101,11 @@ private:
     QHash<QString, unsigned> m_kinds;            ///< of the top level of the tree, by path
     QTimer m_stopProgress;
     std::stop_source m_stop;
-    int m_additions = 0; ///< being looked at
+    std::stop_source m_stopLooking; ///< at a batch
+    int m_additions = 0;            ///< being looked at
     bool m_isLaunchComplete = false;
     bool m_isDeciding = false;
+    bool m_isLooking = false; ///< at a batch, with the analysing screen on show
     bool m_decidesInPlace = false;
     bool m_isClosed = false;
 };

@@ -166,6 +166,8 @@ void CVOperationController::cleanUpWorkDirectories()
 
 void CVOperationController::stopOperation()
 {
+    if (d->openFiles.abandon())
+        return;
     if (const auto job = d->currentJob())
         job->operation->cancel();
 }

@@ -68,6 +68,7 @@ public:
     void showSplitFile();
     void combineFiles();
     void cleanUpWorkDirectories();
+    /// The job on show; before there is one, looking at the files.
     void stopOperation();
     /// One entry, extracted to a private place and opened with the default application.
     void extractThenOpenFile(const QString &entryPath, const QString &archivePath);
