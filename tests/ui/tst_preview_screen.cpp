@@ -19,6 +19,7 @@
 #include <QPlainTextEdit>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 #include <QToolButton>
 
 #include <thread>
@@ -50,8 +51,9 @@ struct Engine
         services.extractThenOpenFile = [this](const QString &entry, const QString &archive) {
             asked.append(u"open %1 of %2"_s.arg(entry, QFileInfo(archive).fileName()));
         };
-        services.extractFiles = [this](const QStringList &entries, const QString &path, const QString &folder,
-                                       const std::function<void(const QStringList &)> &ended) {
+        services.extractFiles =
+            [this](const QStringList &entries, const QString &path, const QString &folder,
+                   const std::function<void(const QStringList &)> &ended) -> std::function<void()> {
             asked.append(u"extract %1 of %2"_s.arg(entries.join(u'+'), QFileInfo(path).fileName()));
             destinations.append(folder);
             if (isHeld) {
@@ -69,10 +71,7 @@ struct Engine
                     LXMainThread::post([ended, delivered] { ended(delivered); });
                 });
             }
-        };
-        services.stopExtraction = [this](const QString &folder) {
-            if (destinations.contains(folder))
-                asked.append(u"stop"_s);
+            return [this] { asked.append(u"stop"_s); };
         };
         return services;
     }
@@ -93,6 +92,8 @@ struct Screen
         preview->setupDisplayWithArchives(archives);
         stage.loadViewController(*preview, false);
         preview->listView()->setFocus();
+        // Keys are only for the window that is in use.
+        (void)QTest::qWaitForWindowActive(&stage.window);
     }
     ~Screen() { stage.clear(); }
 
@@ -273,6 +274,21 @@ private Q_SLOTS:
         }
         QTRY_VERIFY(!QFileInfo::exists(folder));
         QTRY_VERIFY(!CVWorkDirectoryManager::workDirs().contains(folder));
+    }
+
+    void aDragThatIsGivenUp()
+    {
+        Screen screen({listed(m_zip)});
+        screen.engine.isHeld = true;
+        const auto services = screen.engine.services();
+        auto extraction = CVPrivateExtraction::start(services, {u"docs"_s}, m_zip);
+        QTimer::singleShot(50, extraction.get(), &CVPrivateExtraction::cancel);
+        const CVEntryMimeData data(extraction, nullptr);
+        QVERIFY(data.urls().isEmpty());
+        QCOMPARE(screen.engine.asked.last(), u"stop"_s);
+        // What comes too late changes nothing.
+        screen.engine.held({u"/late"_s});
+        QVERIFY(extraction->delivered().isEmpty());
     }
 
     void openingFromListAndGrid()

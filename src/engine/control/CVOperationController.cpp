@@ -178,13 +178,15 @@ void CVOperationController::extractThenOpenFile(const QString &entryPath, const 
                                                                              entryPath));
 }
 
-void CVOperationController::extractFiles(const QStringList &entryPaths, const QString &archivePath,
-                                         const QString &destination, std::function<void(QStringList)> ended)
+std::function<void()> CVOperationController::extractFiles(const QStringList &entryPaths,
+                                                          const QString &archivePath,
+                                                          const QString &destination,
+                                                          std::function<void(QStringList)> ended)
 {
     if (d->isClosed) {
         if (ended)
             ended({});
-        return;
+        return [] {};
     }
     const auto job = d->makeJob(CVOperationFactory::singleFilesExtractOperationWithArchive(
         d->previewedArchive(archivePath), entryPaths, destination));
@@ -194,6 +196,10 @@ void CVOperationController::extractFiles(const QStringList &entryPaths, const QS
     job->ended = std::move(ended);
     job->forcedDestination = std::make_unique<CVForcedDestination>();
     d->enqueue(job);
+    return [started = std::weak_ptr(job->operation)] {
+        if (const auto operation = started.lock())
+            operation->cancel();
+    };
 }
 
 // ---- files ----

@@ -297,7 +297,7 @@ void CVArchivePreviewController::extractSelection()
     chooser->setOption(QFileDialog::ShowDirsOnly);
     chooser->setLabelText(QFileDialog::Accept, tr("Extract"));
     connect(chooser, &QFileDialog::fileSelected, this, [this, entries](const QString &folder) {
-        m_services.extractFiles(entries.paths, entries.archivePath, folder, {});
+        m_services.extractFiles(entries.paths, entries.archivePath, folder, [](const QStringList &) {});
     });
     chooser->open();
 }

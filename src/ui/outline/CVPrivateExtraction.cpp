@@ -23,16 +23,15 @@ std::shared_ptr<CVPrivateExtraction> CVPrivateExtraction::start(const CVArchiveP
     CVWorkDirectoryManager::registerWorkDir(folder);
     const std::shared_ptr<CVPrivateExtraction> extraction(new CVPrivateExtraction);
     extraction->m_folder = folder;
-    extraction->m_stop = services.stopExtraction;
-    services.extractFiles(entryPaths, archivePath, folder,
-                          [held = std::weak_ptr(extraction)](const QStringList &delivered) {
-                              const auto self = held.lock();
-                              if (!self || self->m_isFinished)
-                                  return;
-                              self->m_isFinished = true;
-                              self->m_delivered = delivered;
-                              Q_EMIT self->finished();
-                          });
+    extraction->m_stop = services.extractFiles(
+        entryPaths, archivePath, folder, [held = std::weak_ptr(extraction)](const QStringList &delivered) {
+            const auto self = held.lock();
+            if (!self || self->m_isFinished)
+                return;
+            self->m_isFinished = true;
+            self->m_delivered = delivered;
+            Q_EMIT self->finished();
+        });
     return extraction;
 }
 
@@ -51,6 +50,6 @@ void CVPrivateExtraction::cancel()
         return;
     m_isFinished = true;
     if (m_stop)
-        m_stop(m_folder);
+        m_stop();
     Q_EMIT finished();
 }

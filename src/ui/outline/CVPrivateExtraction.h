@@ -14,13 +14,12 @@ struct CVArchivePreviewServices
     std::function<void()> extractArchive;
     std::function<void()> showSplitFile;
     std::function<void(const QString &entryPath, const QString &archivePath)> extractThenOpenFile;
-    /// `ended` is called once, with the paths delivered.
-    std::function<void(const QStringList &entryPaths, const QString &archivePath, const QString &destination,
-                       std::function<void(const QStringList &delivered)> ended)>
+    /// `ended` is called once, with the paths delivered, and may be called at once. What comes back cancels
+    /// the extraction.
+    std::function<std::function<void()>(const QStringList &entryPaths, const QString &archivePath,
+                                        const QString &destination,
+                                        std::function<void(const QStringList &delivered)> ended)>
         extractFiles;
-    /// Ends the extraction to that folder.
-    std::function<void(const QString &destination)> stopExtraction;
-    std::function<void()> stopOperation;
 };
 
 /// Some entries of an archive in a folder that only the person can read, below the temporary folder. The
@@ -51,6 +50,6 @@ private:
 
     QString m_folder;
     QStringList m_delivered;
-    std::function<void(const QString &destination)> m_stop;
+    std::function<void()> m_stop;
     bool m_isFinished = false;
 };

@@ -159,13 +159,12 @@ void CVWindowScreens::setupPreview()
             m_controller->extractThenOpenFile(entryPath, archivePath);
     };
     services.extractFiles = [this](const QStringList &entryPaths, const QString &archivePath,
-                                   const QString &destination, auto ended) {
+                                   const QString &destination, auto ended) -> std::function<void()> {
         if (m_controller)
-            m_controller->extractFiles(entryPaths, archivePath, destination, std::move(ended));
-        else
-            ended({});
+            return m_controller->extractFiles(entryPaths, archivePath, destination, std::move(ended));
+        ended({});
+        return [] {};
     };
-    services.stopOperation = whileOpen([](CVOperationController &open) { open.stopOperation(); });
     auto *preview = new CVArchivePreviewController(std::move(services), *m_navigation, this);
     m_forNavigation.preview = preview;
     m_forNavigation.setupPreview = [preview](const CVFileTreeController::Archives &archives) {
