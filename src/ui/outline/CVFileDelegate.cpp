@@ -52,7 +52,7 @@ void drawTriangle(QPainter *painter, const QRect &rect, bool isOpen, bool isMirr
         turn.scale(-1, 1);
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing);
-    painter->setPen(QPen(color, 1.6, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter->setPen(QPen(color, rect.height() / 16.0, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
     painter->drawPolyline(turn.map(line));
     painter->restore();
 }
@@ -99,11 +99,12 @@ void CVFileListDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
     const QStyle *style = m_view.style();
     style->drawPrimitive(QStyle::PE_PanelItemViewItem, &option, painter, &m_view);
 
+    const bool isName = index.column() == static_cast<int>(CVFileNodeModel::Column::Name);
     const int gap = CVTheme::unit / 2;
-    QRect rest = option.rect.adjusted(gap, 0, -gap, 0);
+    const int side = isName ? gap : CVTheme::unit;
+    QRect rest = option.rect.adjusted(side, 0, -side, 0);
     painter->save();
     const QColor color = textColor(option);
-    const bool isName = index.column() == static_cast<int>(CVFileNodeModel::Column::Name);
     if (isName) {
         if (const QRect triangle = m_view.triangleRect(index); !triangle.isEmpty())
             drawTriangle(painter, triangle, index.data(CVFileNodeModel::IsExpandedRole).toBool(),

@@ -62,8 +62,8 @@ void CVFileListView::measure()
     verticalHeader()->setDefaultSectionSize(std::max(fontMetrics().height(), iconSize()) + CVTheme::unit);
     QHeaderView *columns = horizontalHeader();
     columns->resizeSection(static_cast<int>(CVFileNodeModel::Column::Size),
-                           fontMetrics().horizontalAdvance(QStringLiteral("8888.8 MB")) + 3 * CVTheme::unit);
-    const int wide = fontMetrics().averageCharWidth() * 18;
+                           fontMetrics().horizontalAdvance(QStringLiteral("8888.8 MB")) + 4 * CVTheme::unit);
+    const int wide = fontMetrics().averageCharWidth() * 20;
     columns->resizeSection(static_cast<int>(CVFileNodeModel::Column::Kind), wide);
     columns->resizeSection(static_cast<int>(CVFileNodeModel::Column::Folder), wide);
     columns->setMinimumSectionSize(fontMetrics().averageCharWidth() * 6);
@@ -78,6 +78,8 @@ void CVFileListView::changeEvent(QEvent *event)
 
 void CVFileListView::setFolderColumnShown(bool shown)
 {
+    // Where something is matters more than what it is, and there is not always room for both.
+    setColumnHidden(static_cast<int>(CVFileNodeModel::Column::Kind), shown);
     setColumnHidden(static_cast<int>(CVFileNodeModel::Column::Folder), !shown);
 }
 
