@@ -10,6 +10,7 @@
 
 #include <clocale>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -62,9 +63,7 @@ QStringList filesOf(int argc, char **argv)
     return files;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     useUtf8Locale();
     std::signal(SIGPIPE, SIG_IGN);
@@ -97,4 +96,15 @@ int main(int argc, char **argv)
 
     controller.start(files);
     return QApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const int status = run(argc, argv);
+    // Threads that nobody waits for, because they only free memory or ask the desktop something, may be in
+    // the middle of it; the end of a process would take its variables from under them.
+    std::fflush(nullptr);
+    std::_Exit(status);
 }
