@@ -33,6 +33,7 @@ private Q_SLOTS:
     void nameProblems();
     void namesOfConversions_data();
     void namesOfConversions();
+    void conversionToItself();
     void volumes();
     void jobsKeepTheirSettings();
     void otherFilesForgetThePassword();
@@ -347,6 +348,23 @@ void TestOptions::namesOfConversions()
     QCOMPARE(convert.screen->operationDataBinding()->sourcePath(), path);
     QCOMPARE(convert.screen->operationDataBinding()->archiveName(), name);
     QCOMPARE(convert.finish()->iconText(), u"Convert"_s);
+}
+
+void TestOptions::conversionToItself()
+{
+    Convert convert({u"/data/x.zip"_s});
+    convert.show();
+    QVERIFY(!convert.finish()->isEnabled());
+    QVERIFY(!convert.hint().isEmpty());
+    convert.key(Qt::Key_Right);
+    QVERIFY(convert.finish()->isEnabled());
+    QCOMPARE(convert.hint(), QString());
+    convert.key(Qt::Key_Left);
+    convert.screen->editView()->volumes->box()->click();
+    QVERIFY(convert.finish()->isEnabled());
+    convert.screen->editView()->volumes->box()->click();
+    convert.screen->operationDataBinding()->setArchiveName(u"y"_s);
+    QVERIFY(convert.finish()->isEnabled());
 }
 
 void TestOptions::volumes()

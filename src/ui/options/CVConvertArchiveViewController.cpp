@@ -1,6 +1,7 @@
 #include "ui/options/CVConvertArchiveViewController.h"
 
 #include "archives/archive_string.h"
+#include "engine/model/CVSettings.h"
 #include "util/LXDisplay.h"
 
 CVConvertArchiveViewController::CVConvertArchiveViewController(CVOptionServices services,
@@ -26,6 +27,16 @@ QString CVConvertArchiveViewController::suggestedName(const CVFileNode &) const
     // "x.part1.rar" and "x.7z.001" are pieces of x.
     return isMultipartArchive(name) ? stringByDeletingArchivePathExtension(name)
                                     : binding()->smartArchiveName();
+}
+
+QString CVConvertArchiveViewController::nameConflict(const QString &name) const
+{
+    const QString &source = binding()->sourcePath();
+    const bool sameFolder = CVSettings::integer(CVSettingsKey::extractDestination) ==
+                            static_cast<int>(CVExtractDestination::ArchiveFolder);
+    return sameFolder && binding()->chunkSize() == 0 && source.mid(source.lastIndexOf(u'/') + 1) == name
+               ? tr("This is the archive itself: choose another name or format")
+               : QString();
 }
 
 QString CVConvertArchiveViewController::sourceDescription(const CVFileNode &files) const

@@ -24,5 +24,6 @@ protected:
     /// A conversion leaves pictures as they are.
     bool offersImages() const override { return false; }
     QString suggestedName(const CVFileNode &files) const override;
+    QString nameConflict(const QString &name) const override;
     QString sourceDescription(const CVFileNode &files) const override;
 };

@@ -461,11 +461,12 @@ void CVEditArchiveController::refreshFinish()
 {
     const bool install = m_binding->shouldInstallRAR();
     const QString problem = install ? QString() : nameProblem();
+    const QString conflict = install ? QString() : nameConflict(outputName());
     const bool passwordsFit = m_binding->passwordsMatchOrShouldInstallRAR();
     action(u"forward"_s)->setText(install ? tr("&Install") : finishButtonTitle());
-    action(u"forward"_s)->setEnabled(problem.isEmpty() && passwordsFit);
+    action(u"forward"_s)->setEnabled(problem.isEmpty() && conflict.isEmpty() && passwordsFit);
     if (!problem.isEmpty() || passwordsFit) {
-        m_view->setHint(problem, true);
+        m_view->setHint(problem.isEmpty() ? conflict : problem, !problem.isEmpty());
     } else {
         // Nobody has made a mistake by not being at the end yet.
         const bool underWay =

@@ -50,6 +50,8 @@ protected:
     virtual bool offersImages() const { return true; }
     /// The name to begin with, for a binding that knows its source.
     virtual QString suggestedName(const CVFileNode &files) const = 0;
+    /// Why the archive may not have that file name, although it is a good one; null where it may.
+    virtual QString nameConflict(const QString & /*name*/) const { return {}; }
     /// "12 items" and the like; may be empty.
     virtual QString sourceDescription(const CVFileNode &files) const = 0;
 
