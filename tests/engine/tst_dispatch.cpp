@@ -27,6 +27,7 @@ private Q_SLOTS:
     void panels();
     void stoppedWhileItLooks();
     void closedWhileItLooks();
+    void cancelledWhileFilesAreAdded();
 
 private:
     static void makeInputs(RecordedWindow &window);
@@ -282,6 +283,24 @@ void tst_dispatch::closedWhileItLooks()
     const QStringList before = window.log.all();
     QTest::qWait(1200); // the animation would end by now
     QCOMPARE(window.log.all(), before);
+}
+
+void tst_dispatch::cancelledWhileFilesAreAdded()
+{
+    RecordedWindow window;
+    makeInputs(window);
+    window.controller->setLaunchComplete();
+    window.controller->tryToAddFiles({window.at(u"folder"_s)});
+    window.createData->setArchiveName(u"all"_s);
+    window.controller->createArchive();
+    QVERIFY(window.controller->isWorkingOnOperation());
+    window.controller->stopOperation();
+    QVERIFY(!window.controller->isWorkingOnOperation());
+    QVERIFY(window.reaches(u"options set up"_s));
+    QTest::qWait(20);
+    QCOMPARE(window.log.screens(),
+             (QStringList{u"view progress"_s, u"back if not at main"_s, u"options set up"_s}));
+    QVERIFY(window.names(u"out"_s).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(tst_dispatch)

@@ -123,7 +123,10 @@ bool CVOperationController::Private::run(std::shared_ptr<CVOperation> operation,
         const std::lock_guard lock(mutex);
         foreground = job;
     }
-    openFiles.whenTreeIsComplete([this, job] { enqueue(job); });
+    openFiles.whenTreeIsComplete([this, job] {
+        if (!job->isOver)
+            enqueue(job);
+    });
     return true;
 }
 

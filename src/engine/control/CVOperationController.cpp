@@ -168,8 +168,13 @@ void CVOperationController::stopOperation()
 {
     if (d->openFiles.abandon())
         return;
-    if (const auto job = d->currentJob())
-        job->operation->cancel();
+    const auto job = d->currentJob();
+    if (!job)
+        return;
+    job->operation->cancel();
+    // One that still waits for its files is in no queue that would end it.
+    if (!d->jobOf(job->operation.get()))
+        d->cancelled(job, false, true);
 }
 
 void CVOperationController::extractThenOpenFile(const QString &entryPath, const QString &archivePath)
