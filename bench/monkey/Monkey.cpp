@@ -380,13 +380,23 @@ bool Monkey::settle()
             QStringList jobs;
             for (const auto &job : m_driver.app().queue()->operations())
                 jobs.append(job->taskDescription());
-            return fail(u"jobs that do not end although they were cancelled: %1, screen %2"_s.arg(
-                jobs.join(u", "_s), m_driver.screenName()));
+            for (m_driver.window = 0; isUsable(); ++m_driver.window) {
+                if (m_driver.operations().isWorkingOnOperation())
+                    jobs.append(
+                        u"that of window %1, screen %2"_s.arg(m_driver.window).arg(m_driver.screenName()));
+            }
+            return fail(u"jobs that do not end although they were cancelled: "_s + jobs.join(u", "_s));
         }
         for (CVWindowController *window : m_driver.app().windowControllers()) {
             if (window->operationController()->isWorkingOnOperation())
                 window->operationController()->stopOperation();
         }
+        // A job that failed is over when its message was read.
+        for (m_driver.window = 0; isUsable(); ++m_driver.window) {
+            if (m_driver.screenName() == u"alert"_s)
+                m_driver.screen(u"alert"_s)->action(u"done"_s)->trigger();
+        }
+        m_driver.window = 0;
         for (const auto &job : m_driver.app().queue()->operations())
             job->cancel();
         QTest::qWait(20);
@@ -433,6 +443,7 @@ bool Monkey::settle()
             QFile::remove(item.filePath());
     }
     ::malloc_trim(0);
+    m_watch.forgivePause();
     m_memory.push_back({m_performed, MonkeyWatch::heapBytes(), MonkeyWatch::residentBytes()});
     return true;
 }

@@ -16,11 +16,15 @@ class MonkeyWatch final : public QObject
     Q_OBJECT
 
 public:
+    using Clock = std::chrono::steady_clock;
+
     MonkeyWatch(const QString &logPath, std::chrono::seconds patience);
     ~MonkeyWatch() override;
 
     /// What is done now; in the log before it is done.
     void note(const QString &action);
+    /// The pause since the last event was made here, by the comparing.
+    void forgivePause() { m_last = Clock::now(); }
     std::chrono::milliseconds longestPause() const { return m_longest; }
     QString longestPauseDuring() const { return m_longestDuring; }
 
@@ -32,7 +36,6 @@ private:
     void tick();
     void clearTheWay();
 
-    using Clock = std::chrono::steady_clock;
     int m_log = -1;
     QTimer m_ticks;
     QTimer m_janitor;
