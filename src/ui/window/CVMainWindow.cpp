@@ -45,8 +45,9 @@ void CVMainWindow::fitToContent(QSize content, QSize minimum, bool resizable)
 {
     const QRect available = screen()->availableGeometry();
     const QSize bars(m_toolbar->sizeHint().width(), 0);
+    const QSize border = isVisible() ? frameGeometry().size() - size() : QSize(0, 0);
     // A window larger than the screen has buttons that nobody reaches.
-    const QSize wanted = (content + chrome()).expandedTo(bars).boundedTo(available.size());
+    const QSize wanted = (content + chrome()).expandedTo(bars).boundedTo(available.size() - border);
     if (isMaximized() || isFullScreen()) {
         if (resizable)
             return;
