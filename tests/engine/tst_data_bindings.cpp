@@ -121,6 +121,9 @@ void TestDataBindings::changeOfFormat()
     QCOMPARE(binding.compressionLevel(), expected);
     QCOMPARE(CVSettings::integer(CVSettingsKey::compressionLevelSetting), expected);
     QCOMPARE(delegate->types, QStringList{type});
+    // Another screen, where the format allows that, is set to no compression.
+    CVSettings::setValue(CVSettingsKey::compressionLevelSetting, 0);
+    QCOMPARE(binding.compressionLevel(), std::min(expected, 1));
 }
 
 void TestDataBindings::settingsGoBothWays()

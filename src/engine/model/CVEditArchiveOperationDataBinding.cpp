@@ -158,9 +158,14 @@ void CVEditArchiveOperationDataBinding::archiveTypeDidChange()
 {
     if (const auto receiver = delegate())
         receiver->operationDataDidChangeArchiveType(*this, m_archiveType);
-    // The tools behind these two cannot write without compressing.
-    if ((m_archiveType == "tar.gz"_L1 || m_archiveType == "tar.bz2"_L1) && m_compressionLevel == 0)
-        setCompressionLevel(1);
+    if (m_compressionLevel != compressionLevel())
+        setCompressionLevel(compressionLevel());
+}
+
+int CVEditArchiveOperationDataBinding::compressionLevel() const
+{
+    const bool alwaysCompresses = m_archiveType == "tar.gz"_L1 || m_archiveType == "tar.bz2"_L1;
+    return alwaysCompresses ? std::max(m_compressionLevel, 1) : m_compressionLevel;
 }
 
 void CVEditArchiveOperationDataBinding::setCompressionLevel(int level)
