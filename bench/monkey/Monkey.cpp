@@ -445,6 +445,9 @@ bool Monkey::settle()
     ::malloc_trim(0);
     m_watch.forgivePause();
     m_memory.push_back({m_performed, MonkeyWatch::heapBytes(), MonkeyWatch::residentBytes()});
+    m_watch.note(u"heap %1, resident %2, windows %3"_s
+                     .arg(inMegabytes(m_memory.back().heap), inMegabytes(m_memory.back().resident))
+                     .arg(m_driver.app().windowControllers().size()));
     return true;
 }
 

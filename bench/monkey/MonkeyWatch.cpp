@@ -17,6 +17,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int tickMilliseconds = 10;
+constexpr auto notedPause = std::chrono::milliseconds(100);
 constexpr int janitorMilliseconds = 120;
 
 } // namespace
@@ -57,7 +58,12 @@ MonkeyWatch::~MonkeyWatch()
 void MonkeyWatch::note(const QString &action)
 {
     m_action = action;
-    const QByteArray line = action.toUtf8() + '\n';
+    write(action);
+}
+
+void MonkeyWatch::write(const QString &text)
+{
+    const QByteArray line = text.toUtf8() + '\n';
     (void)!::write(m_log, line.constData(), static_cast<std::size_t>(line.size()));
 }
 
@@ -65,6 +71,8 @@ void MonkeyWatch::tick()
 {
     const auto now = Clock::now();
     const auto pause = std::chrono::duration_cast<std::chrono::milliseconds>(now - m_last);
+    if (pause > notedPause)
+        write(u"  pause of %1 ms"_s.arg(pause.count()));
     if (pause > m_longest) {
         m_longest = pause;
         m_longestDuring = m_action;

@@ -34,6 +34,7 @@ public:
 
 private:
     void tick();
+    void write(const QString &text);
     void clearTheWay();
 
     int m_log = -1;
