@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTest>
+#include <QTimer>
 
 using namespace Qt::StringLiterals;
 
@@ -28,6 +29,7 @@ private Q_SLOTS:
     void stoppedWhileItLooks();
     void closedWhileItLooks();
     void cancelledWhileFilesAreAdded();
+    void droppedWhileACancelledJobEnds();
 
 private:
     static void makeInputs(RecordedWindow &window);
@@ -301,6 +303,26 @@ void tst_dispatch::cancelledWhileFilesAreAdded()
     QCOMPARE(window.log.screens(),
              (QStringList{u"view progress"_s, u"back if not at main"_s, u"options set up"_s}));
     QVERIFY(window.names(u"out"_s).isEmpty());
+}
+
+// The screens are back before the job has cleaned up, and what is dropped then is for this window.
+void tst_dispatch::droppedWhileACancelledJobEnds()
+{
+    RecordedWindow window;
+    makeInputs(window);
+    window.controller->setLaunchComplete();
+    window.pack(u"locked.7z"_s, {u"a.txt"_s, u"-mhe=on"_s, u"-pright"_s});
+    window.answerPassword = [&] {
+        QTimer::singleShot(0, [&] {
+            window.controller->controllerHasNewFiles({window.at(u"notes.txt"_s)});
+            window.controller->openFiles({window.at(u"folder"_s)});
+        });
+        return std::nullopt;
+    };
+    window.controller->addAndExtractArchives({window.at(u"locked.7z"_s)});
+    QTRY_COMPARE(window.log.count(u"options"_s), 2);
+    QCOMPARE(window.optionsShown, QStringList{u"folder"_s});
+    QCOMPARE(window.log.count(u"window"_s), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_dispatch)

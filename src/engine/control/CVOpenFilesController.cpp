@@ -91,7 +91,7 @@ void CVOpenFilesController::route(const QStringList &paths, bool inPlace)
     if (m_isClosed || !d->navigation)
         return;
     const bool isHidden = m_isLaunchComplete && !d->navigation->controllerWindowIsVisible(m_delegate);
-    if (d->isWorking || isHidden)
+    if ((d->isWorking && !isJobEnding()) || isHidden)
         return openWindowForArchives(paths);
     add({.paths = paths, .isInPlace = inPlace, .goesBackToMain = true});
 }
@@ -140,6 +140,8 @@ void CVOpenFilesController::takeNextBatch()
 {
     // A job that starts while it is decided about keeps this one from the next round.
     while (m_isLaunchComplete && !m_isDeciding && !m_isClosed && !m_batches.empty()) {
+        if (isJobEnding())
+            return; // its end comes back here
         const Batch batch = std::move(m_batches.front());
         m_batches.pop_front();
         if (m_delegate.d->isWorking)
@@ -147,6 +149,12 @@ void CVOpenFilesController::takeNextBatch()
         else
             start(batch);
     }
+}
+
+bool CVOpenFilesController::isJobEnding() const
+{
+    const auto job = m_delegate.d->currentJob();
+    return job && job->isForeground && job->operation->isCancelled();
 }
 
 void CVOpenFilesController::start(const Batch &batch)

@@ -84,6 +84,8 @@ private:
 
     void route(const QStringList &paths, bool inPlace);
     void add(Batch batch);
+    /// The job on show was cancelled: the window is free in a moment, perhaps shows the first screen already.
+    bool isJobEnding() const;
     void start(const Batch &batch);
     void decide(const Batch &batch, const Found &found);
     void stopProgressLater();
