@@ -37,6 +37,7 @@ private Q_SLOTS:
     void rarComesWithTheSetting();
     void arrowKeys();
     void arrowKeysLeaveTextAlone();
+    void barScrollsToTheChosen_data();
     void barScrollsToTheChosen();
     void readAsRadioButtons();
     void formatNoLongerOffered();
@@ -141,23 +142,41 @@ void TestFormatBar::arrowKeysLeaveTextAlone()
     QVERIFY(create.navigator.went.isEmpty());
 }
 
+void TestFormatBar::barScrollsToTheChosen_data()
+{
+    QTest::addColumn<Qt::LayoutDirection>("direction");
+    QTest::newRow("left to right") << Qt::LeftToRight;
+    QTest::newRow("right to left") << Qt::RightToLeft;
+}
+
 void TestFormatBar::barScrollsToTheChosen()
 {
+    QFETCH(Qt::LayoutDirection, direction);
     CVFormatButtonBarView bar;
+    bar.setLayoutDirection(direction);
     for (int i = 0; i < 9; ++i)
         bar.addButtonWithIdentifier(i, {}, u"format"_s);
     bar.resize(bar.minimumSizeHint());
     bar.show();
-    QScrollBar *scroll = bar.findChild<QScrollArea *>()->horizontalScrollBar();
+    auto *area = bar.findChild<QScrollArea *>();
+    QScrollBar *scroll = area->horizontalScrollBar();
     QVERIFY(scroll->maximum() > 0);
+    const auto isSeen = [&](int i) {
+        const QRect button = bar.buttons().at(i)->rect();
+        return area->viewport()->rect().contains(
+            {bar.buttons().at(i)->mapTo(area->viewport(), button.topLeft()), button.size()});
+    };
     for (const int i : {8, 4, 1, 0}) {
-        CVFormatButton *button = bar.buttons().at(i);
-        bar.scrollToButton(button);
-        const QRect seen(scroll->value(), 0, scroll->pageStep(), bar.height());
-        QVERIFY2(seen.contains(button->geometry()), qPrintable(QString::number(i)));
+        bar.scrollToButton(bar.buttons().at(i));
+        QVERIFY2(isSeen(i), qPrintable(QString::number(i)));
         QVERIFY(i != 8 || scroll->value() == scroll->maximum());
         QVERIFY(i != 0 || scroll->value() == scroll->minimum());
     }
+    // What is selected stays in sight when the room changes.
+    bar.buttons().at(5)->setSelected(true);
+    bar.resize(bar.minimumSizeHint() + QSize(8, 0));
+    QCoreApplication::processEvents();
+    QVERIFY(isSeen(5));
     bar.resize(bar.sizeHint());
     QCoreApplication::processEvents();
     QCOMPARE(scroll->maximum(), 0);

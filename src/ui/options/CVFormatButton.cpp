@@ -89,5 +89,5 @@ void CVFormatButton::paintEvent(QPaintEvent *)
         palette().color(isEnabled() ? QPalette::Normal : QPalette::Disabled, QPalette::WindowText));
     painter.drawText(
         QRect(0, picture.bottom() + 1, this->width(), height() - picture.bottom() - 1 - padding / 2),
-        Qt::AlignCenter | Qt::TextSingleLine, text());
+        Qt::AlignCenter | Qt::TextSingleLine | Qt::TextForceLeftToRight, text());
 }

@@ -60,7 +60,12 @@ CVFormatButtonBarView::CVFormatButtonBarView(QWidget *parent)
     m_scrolling->setDuration(scrollMs);
     m_scrolling->setEasingCurve(QEasingCurve::OutCubic);
     connect(bar, &QScrollBar::valueChanged, this, &CVFormatButtonBarView::updateArrows);
-    connect(bar, &QScrollBar::rangeChanged, this, &CVFormatButtonBarView::updateArrows);
+    connect(bar, &QScrollBar::rangeChanged, this, [this] {
+        updateArrows();
+        // With another width, what is chosen may lie outside.
+        if (const CVFormatButton *button = selectedButton())
+            scrollTo(targetFor(button), false);
+    });
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
 }
 
@@ -77,7 +82,7 @@ QToolButton *CVFormatButtonBarView::makeArrow(Qt::ArrowType type, int direction,
     connect(arrow, &QToolButton::clicked, this, [this, direction] {
         const QScrollBar *bar = m_area->horizontalScrollBar();
         const int step = 2 * (buttonWidth() + gap);
-        scrollTo(bar->value() + direction * step, true);
+        scrollTo(mirrored(mirrored(bar->value()) + direction * step), true);
     });
     return arrow;
 }
@@ -151,18 +156,24 @@ CVFormatButton *CVFormatButtonBarView::previousButtonForButton(CVFormatButton *b
     return index < 0 || isFirstButton(button) ? button : m_buttons.at(index - 1);
 }
 
+// From right to left, the value of a scroll bar counts from the right.
+int CVFormatButtonBarView::mirrored(int value) const
+{
+    return layoutDirection() == Qt::RightToLeft ? m_area->horizontalScrollBar()->maximum() - value : value;
+}
+
 int CVFormatButtonBarView::targetFor(const CVFormatButton *button) const
 {
     const QScrollBar *bar = m_area->horizontalScrollBar();
     if (isFirstButton(button))
-        return layoutDirection() == Qt::RightToLeft ? bar->maximum() : bar->minimum();
+        return bar->minimum();
     if (isLastButton(button))
-        return layoutDirection() == Qt::RightToLeft ? bar->minimum() : bar->maximum();
+        return bar->maximum();
     // A piece of the neighbour shows that there is more.
     const int peek = button->width() / 2;
     const int left = button->x() - peek;
     const int right = button->x() + button->width() + peek - m_area->viewport()->width();
-    return std::clamp(bar->value(), std::min(right, left), left);
+    return mirrored(std::clamp(mirrored(bar->value()), std::min(right, left), left));
 }
 
 void CVFormatButtonBarView::scrollToButton(CVFormatButton *button)
@@ -245,8 +256,8 @@ void CVFormatButtonBarView::layOut()
 void CVFormatButtonBarView::updateArrows()
 {
     const QScrollBar *bar = m_area->horizontalScrollBar();
-    m_left->setEnabled(bar->value() > bar->minimum());
-    m_right->setEnabled(bar->value() < bar->maximum());
+    m_left->setEnabled(mirrored(bar->value()) > 0);
+    m_right->setEnabled(mirrored(bar->value()) < bar->maximum());
 }
 
 bool CVFormatButtonBarView::eventFilter(QObject *watched, QEvent *event)
@@ -256,6 +267,6 @@ bool CVFormatButtonBarView::eventFilter(QObject *watched, QEvent *event)
     const auto *wheel = static_cast<QWheelEvent *>(event);
     const QPoint delta = wheel->pixelDelta().isNull() ? wheel->angleDelta() / 2 : wheel->pixelDelta();
     const int by = delta.x() != 0 ? delta.x() : delta.y();
-    scrollTo(m_area->horizontalScrollBar()->value() - by, false);
+    scrollTo(mirrored(mirrored(m_area->horizontalScrollBar()->value()) - by), false);
     return true;
 }

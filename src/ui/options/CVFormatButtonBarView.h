@@ -55,6 +55,7 @@ protected:
 
 private:
     int buttonWidth() const;
+    int mirrored(int value) const;
     int targetFor(const CVFormatButton *button) const;
     void scrollTo(int value, bool animated);
     void layOut();
