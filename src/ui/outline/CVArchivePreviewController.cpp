@@ -20,8 +20,6 @@
 #include <QSet>
 #include <QTimer>
 
-#include <limits>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -288,7 +286,12 @@ void CVArchivePreviewController::dragNodes(const CVFileNode::List &nodes)
 
 void CVArchivePreviewController::extractSelection()
 {
-    const DraggedEntries entries = entriesForDrag(selectedNodes(std::numeric_limits<int>::max()));
+    const CVFileNode::List nodes = selectedNodes(mostAtOnce + 1);
+    if (static_cast<int>(nodes.size()) > mostAtOnce) {
+        tellTooMany();
+        return;
+    }
+    const DraggedEntries entries = entriesForDrag(nodes);
     if (entries.paths.isEmpty())
         return;
     auto *chooser = new QFileDialog(m_navigator.mainWindow(), tr("Choose destination"));

@@ -4,6 +4,7 @@
 #include "ui/outline/CVFileDelegate.h"
 #include "ui/outline/CVFileNodeModel.h"
 
+#include <QAccessible>
 #include <QDateTime>
 #include <QKeyEvent>
 #include <QPaintEvent>
@@ -102,6 +103,14 @@ void CVFileGridView::reset()
 {
     QAbstractItemView::reset();
     verticalScrollBar()->setValue(0);
+}
+
+void CVFileGridView::selectAll()
+{
+    // QListView asks each item whether it is hidden.
+    if (const int count = m_model.rowCount())
+        selectionModel()->select(QItemSelection(modelIndex(0), modelIndex(count - 1)),
+                                 QItemSelectionModel::ClearAndSelect);
 }
 
 void CVFileGridView::updateGeometries()
@@ -298,4 +307,16 @@ void CVFileGridView::mouseDoubleClickEvent(QMouseEvent *event)
 void CVFileGridView::startDrag(Qt::DropActions)
 {
     Q_EMIT dragRequested();
+}
+
+void CVFileGridView::selectionChanged(const QItemSelection &selected, const QItemSelection &deselected)
+{
+    // QListView's own lists every selected item to find the first one for assistive programs.
+    QAbstractItemView::selectionChanged(selected, deselected);
+    if (!QAccessible::isActive() || selected.isEmpty())
+        return;
+    const QModelIndex index = selected.constFirst().topLeft();
+    QAccessibleEvent event(this, QAccessible::Selection);
+    event.setChild(index.row());
+    QAccessible::updateAccessibility(&event);
 }

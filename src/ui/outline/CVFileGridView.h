@@ -18,6 +18,7 @@ public:
 
     void doItemsLayout() override;
     void reset() override;
+    void selectAll() override;
     void keyboardSearch(const QString &text) override;
     QRect visualRect(const QModelIndex &index) const override;
     QModelIndex indexAt(const QPoint &point) const override;
@@ -36,6 +37,7 @@ protected:
     void keyPressEvent(QKeyEvent *event) override;
     void mouseDoubleClickEvent(QMouseEvent *event) override;
     void startDrag(Qt::DropActions supportedActions) override;
+    void selectionChanged(const QItemSelection &selected, const QItemSelection &deselected) override;
     void rowsInserted(const QModelIndex &parent, int first, int last) override;
     void rowsAboutToBeRemoved(const QModelIndex &parent, int first, int last) override;
     void dataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight,

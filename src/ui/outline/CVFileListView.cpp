@@ -4,6 +4,7 @@
 #include "ui/outline/CVFileDelegate.h"
 #include "ui/outline/CVFileNodeModel.h"
 
+#include <QAccessible>
 #include <QDateTime>
 #include <QHeaderView>
 #include <QItemSelectionModel>
@@ -204,4 +205,16 @@ void CVFileListView::currentChanged(const QModelIndex &current, const QModelInde
             viewport()->update(0, rowViewportPosition(index.row()), viewport()->width(),
                                rowHeight(index.row()));
     }
+}
+
+void CVFileListView::selectionChanged(const QItemSelection &selected, const QItemSelection &deselected)
+{
+    // QTableView's own lists every selected item to find the first one for assistive programs.
+    QAbstractItemView::selectionChanged(selected, deselected);
+    if (!QAccessible::isActive() || selected.isEmpty())
+        return;
+    const QModelIndex index = selected.constFirst().topLeft();
+    QAccessibleEvent event(this, QAccessible::Selection);
+    event.setChild((index.row() + 1) * (m_model.columnCount() + 1) + index.column() + 1);
+    QAccessible::updateAccessibility(&event);
 }

@@ -34,6 +34,7 @@ protected:
     void mouseDoubleClickEvent(QMouseEvent *event) override;
     void changeEvent(QEvent *event) override;
     void startDrag(Qt::DropActions supportedActions) override;
+    void selectionChanged(const QItemSelection &selected, const QItemSelection &deselected) override;
     QModelIndex moveCursor(CursorAction action, Qt::KeyboardModifiers modifiers) override;
     void currentChanged(const QModelIndex &current, const QModelIndex &previous) override;
 

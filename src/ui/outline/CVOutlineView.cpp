@@ -10,13 +10,12 @@
 #include <QItemSelectionModel>
 #include <QLabel>
 #include <QLineEdit>
+#include <QLocale>
 #include <QShortcut>
 #include <QStackedWidget>
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
-
-#include <limits>
 
 using namespace Qt::StringLiterals;
 
@@ -141,7 +140,14 @@ void CVOutlineViewController::buildView()
     const auto preview = [this](const QModelIndex &index) { previewNode(activeModel().node(index.row())); };
     connect(m_list, &CVFileListView::previewRequested, this, preview);
     connect(m_grid, &CVFileGridView::previewRequested, this, preview);
-    const auto drag = [this] { dragNodes(selectedNodes(std::numeric_limits<int>::max())); };
+    const auto drag = [this] {
+        // Collecting more would take its time before anything is seen to move.
+        if (const CVFileNode::List nodes = selectedNodes(mostAtOnce + 1);
+            static_cast<int>(nodes.size()) > mostAtOnce)
+            tellTooMany();
+        else
+            dragNodes(nodes);
+    };
     connect(m_list, &CVFileListView::dragRequested, this, drag);
     connect(m_grid, &CVFileGridView::dragRequested, this, drag);
     for (QAbstractItemView *files :
@@ -159,6 +165,12 @@ void CVOutlineViewController::buildView()
     m_search->installEventFilter(this);
     m_stack->installEventFilter(this);
     setView(view);
+}
+
+void CVOutlineViewController::tellTooMany()
+{
+    setNotice(tr("No more than %1 items can be taken at once.").arg(QLocale().toString(mostAtOnce)),
+              u"tool/info"_s);
 }
 
 void CVOutlineViewController::addBelowFiles(QWidget *widget)

@@ -75,6 +75,9 @@ protected:
     /// In the order of the rows; `most` at most.
     CVFileNode::List selectedNodes(int most) const;
     bool hasSelection() const;
+    /// As many items of a selection are dragged or extracted; more are refused in words.
+    static constexpr int mostAtOnce = 20000;
+    void tellTooMany();
     CVFileNode::Pointer currentNode() const;
     /// Makes the row that many further on current; false at the ends.
     bool moveCurrent(int by);
