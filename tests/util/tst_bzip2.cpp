@@ -193,6 +193,7 @@ class TestBzip2 : public QObject
 private Q_SLOTS:
     void bothWays_data();
     void bothWays();
+    void runsWhereABlockEnds();
     void falseMarks_data();
     void falseMarks();
     void whatIsBehindTheEnd();
@@ -214,6 +215,7 @@ void TestBzip2::bothWays_data()
     QTest::newRow("text") << text(3 << 20);
     QTest::newRow("runs of four") << runsOfFour(3 << 20);
     QTest::newRow("random") << randomBytes((4 << 20) + 12345, 4);
+    QTest::newRow("compressed already") << sequentialStream(text(8 << 20));
     QTest::newRow("run over the block's end")
         << randomBytes(899'970, 5) + std::string(100, 'a') + text(500'000);
 }
@@ -231,6 +233,23 @@ void TestBzip2::bothWays()
             QCOMPARE(decoded.consumed, stream.size());
             QVERIFY(decoded.output == input);
         }
+    }
+}
+
+// The number of blocks is worked out from the input, and a wrong one makes a stream that nobody can read.
+// What it depends on is where the runs are when a block is full.
+void TestBzip2::runsWhereABlockEnds()
+{
+    for (unsigned seed = 0; seed < 12; ++seed) {
+        std::mt19937 random(seed);
+        std::string input = randomBytes(899'000 + random() % 981, seed);
+        while (input.size() < 902'000) {
+            const std::size_t run = random() % 3 == 0 ? random() % 600 : random() % 7;
+            input.append(run, static_cast<char>(random() % 3));
+        }
+        if (seed % 4 == 0) // and where the input ends
+            input.resize(899'970 + random() % 30);
+        QVERIFY2(parallelStream(input, 1) == sequentialStream(input), std::to_string(seed).c_str());
     }
 }
 
