@@ -201,7 +201,7 @@ void CVFileSplitter::newFile()
     m_outputFile = LXFileDescriptor(::open(bytesOfFileName(path).constData(),
                                            O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
     if (!m_outputFile.isOpen()) {
-        if (LXFileHandleException failure; failure.isDiskFull())
+        if (LXFileHandleException failure; failure.isDiskFull() || failure.systemError() == ENAMETOOLONG)
             throw failure;
         throw FileSplitterIOException("Failed to create " + path.toStdString());
     }

@@ -193,6 +193,8 @@ void tst_splitting::wrongUse_data()
     QTest::newRow("a folder") << u"split folder"_s << 2 << QByteArray("--volume");
     QTest::newRow("a pipe") << u"split pipe"_s << 2 << QByteArray("regular");
     QTest::newRow("into a file") << u"split --to file file"_s << 1 << QByteArray("file");
+    QTest::newRow("a name without room")
+        << u"split "_s + QString(250, u'n') << 1 << QByteArray("name too long");
     QTest::newRow("no part") << u"combine file"_s << 2 << QByteArray("no part");
     QTest::newRow("a part of no name") << u"combine .a.split"_s << 1 << QByteArray("no part");
     QTest::newRow("a folder called a part")
@@ -209,6 +211,7 @@ void tst_splitting::wrongUse()
     QFETCH(QByteArray, mentions);
     write(u"file"_s, QByteArray::fromHex("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
     write(u".a.split"_s, "x");
+    write(QString(250, u'n'), "x");
     write(u"sums.chksplit"_s, "<plist><dict></dict></plist>");
     QDir(m_root->path()).mkdir(u"folder"_s);
     QDir(m_root->path()).mkdir(u"folder.a.split"_s);
