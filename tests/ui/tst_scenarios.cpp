@@ -273,7 +273,7 @@ void TestScenarios::dropWhileBusy()
 {
     WindowDriver driver;
     makeTree(driver, u"in/Letters"_s);
-    driver.makeFile(u"in/long/text.txt"_s, longText(10'000'000));
+    driver.makeFile(u"in/long/text.txt"_s, longText(24'000'000));
     QVERIFY(driver.runTool(u"sh"_s, {u"-c"_s, u"cd in && zip -qr ../home/Letters.zip Letters && "
                                               "7z a -bso0 -m0=PPMd:mem=64m:o=16 ../home/long.7z long"_s}));
     QVERIFY(driver.start());
@@ -357,9 +357,12 @@ void TestScenarios::dragOutOfThePreview()
     QVERIFY(driver.start());
     QVERIFY(drop(driver, {driver.path(u"home/Letters.zip"_s)}));
     QVERIFY(driver.waitForScreen(u"preview"_s));
-    const auto *list = driver.screen(u"preview"_s)->view()->findChild<QAbstractItemView *>();
-    QVERIFY(list);
+    const auto views = driver.screen(u"preview"_s)->view()->findChildren<QAbstractItemView *>();
+    const auto found = std::ranges::find_if(views, &QWidget::isVisible);
+    QVERIFY(found != views.end());
+    const QAbstractItemView *list = *found;
     const QRect first = list->visualRect(list->model()->index(0, 0));
+    QVERIFY(first.isValid());
     const QStringList taken = OutsideDrag::takeFrom(
         list->viewport()->mapToGlobal(first.topLeft() + QPoint(40, first.height() / 2)));
     QCOMPARE(taken.size(), 1);

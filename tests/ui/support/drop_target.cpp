@@ -45,7 +45,7 @@ int main(int argc, char **argv)
 {
     const QApplication application(argc, argv);
     Target target;
-    target.setGeometry(4, 140, 120, 80);
+    target.setGeometry(1250, 880, 120, 80);
     target.show();
     QTimer::singleShot(400, &target, [&target] {
         const QPoint middle = target.mapToGlobal(target.rect().center());
