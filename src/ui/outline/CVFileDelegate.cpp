@@ -169,17 +169,18 @@ void CVFileGridDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing);
     const double radius = CVTheme::unit * 0.75;
+    // A tint and a frame leave the picture its colours.
+    const QColor highlight = option.palette.color(colorGroup(option), QPalette::Highlight);
     if (isSelected || option.state & QStyle::State_MouseOver) {
-        QColor fill = option.palette.color(colorGroup(option), QPalette::Highlight);
-        if (!isSelected)
-            fill.setAlphaF(0.12F);
+        QColor fill = highlight;
+        fill.setAlphaF(isSelected ? 0.25F : 0.1F);
         painter->setPen(Qt::NoPen);
         painter->setBrush(fill);
         painter->drawRoundedRect(cell, radius, radius);
     }
-    if (option.state & QStyle::State_HasFocus && !isSelected) {
+    if (isSelected || option.state & QStyle::State_HasFocus) {
         painter->setBrush(Qt::NoBrush);
-        painter->setPen(QPen(CVTheme::accentColor(option.palette), 1.5));
+        painter->setPen(QPen(highlight, isSelected && option.state & QStyle::State_HasFocus ? 2.5 : 1.5));
         painter->drawRoundedRect(QRectF(cell).adjusted(0.75, 0.75, -0.75, -0.75), radius, radius);
     }
     const int icon = iconSize();
@@ -188,11 +189,11 @@ void CVFileGridDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
     if (index.data(CVFileNodeModel::IsEncryptedRole).toBool()) {
         const QRect mark(place.right() - icon / 3, place.bottom() - icon / 3, icon * 3 / 8, icon * 3 / 8);
         painter->setPen(Qt::NoPen);
-        painter->setBrush(option.palette.color(isSelected ? QPalette::Highlight : QPalette::Base));
+        painter->setBrush(option.palette.color(QPalette::Base));
         painter->drawEllipse(mark.adjusted(-3, -3, 3, 3));
-        CVTheme::icon(u"tool/lock"_s).paint(painter, mark, Qt::AlignCenter, iconMode(option));
+        CVTheme::icon(u"tool/lock"_s).paint(painter, mark, Qt::AlignCenter, fileIconMode(option));
     }
-    painter->setPen(textColor(option));
+    painter->setPen(option.palette.color(colorGroup(option), QPalette::Text));
     painter->setFont(option.font);
     const QRect words(cell.left() + 4, place.bottom() + CVTheme::unit / 2, cell.width() - 8,
                       cell.bottom() - place.bottom() - CVTheme::unit / 2);
