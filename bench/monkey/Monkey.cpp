@@ -4,6 +4,7 @@
 #include "engine/model/CVOperation.h"
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
+#include "engine/model/CVWorkDirectoryManager.h"
 #include "ui/base/CVToolbar.h"
 #include "ui/window/CVMainWindow.h"
 #include "ui/window/CVNavigationController.h"
@@ -425,12 +426,17 @@ bool Monkey::settle()
         return fail(damage.join(u"; "_s));
     if (const QStringList escaped = m_inputs.escaped(); !escaped.isEmpty())
         return fail(u"written outside: "_s + escaped.join(u"; "_s));
-    // Hidden work folders go with their jobs.
+    // Hidden work folders go with their jobs, but for those with what was opened from an archive: they are in
+    // the list for the cleaning.
     QStringList left;
+    const QStringList listed = CVWorkDirectoryManager::workDirs();
     QDirIterator folders(m_driver.folder(), {u".corvane-*"_s}, QDir::Dirs | QDir::Files | QDir::Hidden,
                          QDirIterator::Subdirectories);
-    while (folders.hasNext())
-        left.append(folders.next());
+    while (folders.hasNext()) {
+        const QString folder = folders.next();
+        if (!listed.contains(folder) || !folder.startsWith(m_driver.path(u"temporary"_s)))
+            left.append(folder);
+    }
     if (!left.isEmpty() && !m_driver.app().isTerminating())
         return fail(u"left behind: "_s + left.join(u"; "_s));
     // Results would fill the disk.
