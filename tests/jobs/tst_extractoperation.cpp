@@ -156,6 +156,11 @@ public:
 
     QStringList operationPathsToInputFiles(CVOperation *) override { return inputs; }
     void operationWorkingOnJob(CVOperation *, const QString &text) override { note(text); }
+    void operationHasReachedArchive(CVOperation *, const CVBatchPosition &position) override
+    {
+        positions.push_back(position);
+    }
+    std::vector<CVBatchPosition> positions; ///< once the job is over
     std::optional<QString> operationNeedsPasswordForFileAtPath(CVOperation *, const QString &path,
                                                                bool failed) override
     {
@@ -482,6 +487,17 @@ void tst_extractoperation::wholeArchives()
 
     QCOMPARE(m_recorder->events(), events);
     QCOMPARE(tree(u"out"_s), delivered);
+    // Told for every archive that is begun, but for a single one; the shares cover the whole.
+    double share = 0;
+    for (const CVBatchPosition &position : m_recorder->positions) {
+        QVERIFY(position.number >= 1 && position.number <= position.count);
+        QVERIFY(position.shareBefore <= share && position.shareAfter > position.shareBefore);
+        share = position.shareAfter;
+    }
+    const bool isBatch = events.join(u' ').contains(u"(1 of "_s);
+    QCOMPARE(!m_recorder->positions.empty(), isBatch);
+    if (isBatch && m_recorder->positions.back().number == m_recorder->positions.back().count)
+        QCOMPARE(share, 1.0);
     QVERIFY(CVWorkDirectoryManager::workDirs().isEmpty());
 }
 
