@@ -2,15 +2,11 @@
 
 #include "platform/desktop/LXFileIcons.h"
 #include "ui/outline/CVFileKinds.h"
+#include "ui/outline/CVLatestTask.h"
 #include "util/LXBytesValueTransformer.h"
 #include "util/LXDisplay.h"
-#include "util/LXMainThread.h"
-
-#include <QPointer>
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -31,108 +27,10 @@ void releaseInBackground(std::shared_ptr<const void> thing)
         std::thread([held = std::move(thing)]() mutable { held.reset(); }).detach();
 }
 
-/// One thread with one task: a new one stops and replaces the one before. Results go to the main thread and
-/// are dropped when another task was set meanwhile, or the model is gone.
-class CVFileNodeModel::Worker
-{
-public:
-    using Done = std::function<void()>;
-    /// Returns what to do on the main thread; empty when stopped.
-    using Task = std::function<Done(std::stop_token)>;
-
-    Worker()
-        : m_alive(std::make_shared<Worker *>(this))
-        , m_thread([this](const std::stop_token &stop) { run(stop); })
-    {}
-
-    ~Worker()
-    {
-        cancel();
-        *m_alive = nullptr;
-    }
-
-    void start(Task task)
-    {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_current.request_stop();
-            m_current = std::stop_source();
-            m_task = std::move(task);
-            ++m_generation;
-        }
-        m_wake.notify_one();
-    }
-
-    void cancelAndWait()
-    {
-        cancel();
-        std::unique_lock lock(m_mutex);
-        m_idle.wait(lock, [this] { return !m_isWorking; });
-    }
-
-    void cancel()
-    {
-        const std::lock_guard lock(m_mutex);
-        m_current.request_stop();
-        m_task = nullptr;
-        ++m_generation;
-    }
-
-private:
-    void run(const std::stop_token &stop)
-    {
-        for (;;) {
-            Task task;
-            std::stop_token taskStop;
-            std::uint64_t generation = 0;
-            {
-                std::unique_lock lock(m_mutex);
-                if (!m_wake.wait(lock, stop, [this] { return static_cast<bool>(m_task); }))
-                    return;
-                task = std::exchange(m_task, nullptr);
-                taskStop = m_current.get_token();
-                generation = m_generation;
-                m_isWorking = true;
-            }
-            Done done = task(taskStop);
-            task = nullptr;
-            {
-                const std::lock_guard lock(m_mutex);
-                m_isWorking = false;
-            }
-            m_idle.notify_all();
-            if (!done || taskStop.stop_requested())
-                continue;
-            LXMainThread::post([alive = m_alive, generation, done = std::move(done)] {
-                Worker *self = *alive;
-                if (self && self->isCurrent(generation))
-                    done();
-            });
-        }
-    }
-
-    bool isCurrent(std::uint64_t generation)
-    {
-        const std::lock_guard lock(m_mutex);
-        return generation == m_generation;
-    }
-
-    /// Read and written on the main thread only; null once this is gone.
-    std::shared_ptr<Worker *> m_alive;
-    std::mutex m_mutex;
-    std::condition_variable_any m_wake;
-    std::condition_variable m_idle;
-    bool m_isWorking = false;
-    std::stop_source m_current;
-    Task m_task;
-    std::uint64_t m_generation = 0;
-    std::jthread m_thread;
-};
-
 CVFileNodeModel::CVFileNodeModel(QObject *parent)
     : QAbstractTableModel(parent)
-    , m_worker(std::make_unique<Worker>())
-    , m_counter(std::make_unique<Worker>())
+    , m_worker(std::make_unique<CVLatestTask>())
+    , m_counter(std::make_unique<CVLatestTask>())
 {
     CVFileKinds::prepare();
 }
@@ -225,7 +123,7 @@ void CVFileNodeModel::rebuild()
     }
     setBusy(true);
     m_worker->start([this, root = m_root, topLevel = m_topLevel, expanded = openFolders(), order = m_order,
-                     text = m_searchText](const std::stop_token &stop) -> Worker::Done {
+                     text = m_searchText](const std::stop_token &stop) -> CVLatestTask::Done {
         auto rows = text.isEmpty() ? CVFileRows::below(*root, topLevel.get(), 0, expanded, order, stop)
                                    : CVFileRows::search(*root, topLevel.get(), text, order, stop);
         if (!rows)
@@ -260,7 +158,7 @@ void CVFileNodeModel::countAll()
         return;
     }
     m_counter->start(
-        [this, root = m_root, topLevel = m_topLevel](const std::stop_token &stop) -> Worker::Done {
+        [this, root = m_root, topLevel = m_topLevel](const std::stop_token &stop) -> CVLatestTask::Done {
             const auto total = CVFileRows::count(*root, topLevel.get(), stop);
             if (!total)
                 return {};
@@ -307,7 +205,7 @@ void CVFileNodeModel::expand(int row)
     }
     setBusy(true);
     m_worker->start([this, root = m_root, topLevel = m_topLevel, node, depth, expanded = openFolders(),
-                     order = m_order](const std::stop_token &stop) -> Worker::Done {
+                     order = m_order](const std::stop_token &stop) -> CVLatestTask::Done {
         auto rows = CVFileRows::below(*node, nullptr, depth, expanded, order, stop);
         if (!rows)
             return {};

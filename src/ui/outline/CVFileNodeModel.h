@@ -8,6 +8,8 @@
 #include <memory>
 #include <unordered_map>
 
+class CVLatestTask;
+
 /// A tree of file nodes as rows: open folders are laid out one below the other, so a row is found at once at
 /// any size of the tree, and both the list and the grid can show it.
 ///
@@ -89,9 +91,6 @@ Q_SIGNALS:
     void totalCountChanged();
 
 private:
-    class Worker;
-    struct Result;
-
     void rebuild();
     void expand(int row);
     void collapse(int row);
@@ -119,8 +118,8 @@ private:
     std::optional<qint64> m_totalCount;
     bool m_areBundlesFiles = false;
     bool m_isBusy = false;
-    std::unique_ptr<Worker> m_worker;
-    std::unique_ptr<Worker> m_counter;
+    std::unique_ptr<CVLatestTask> m_worker;
+    std::unique_ptr<CVLatestTask> m_counter;
 };
 
 /// Lets go of it on another thread: taking down a million nodes takes a while.
