@@ -1,7 +1,9 @@
 #include "ui/window/CVFilePanels.h"
 
+#include "platform/desktop/LXFileIcons.h"
 #include "ui/base/CVTheme.h"
 
+#include <QAbstractFileIconProvider>
 #include <QApplication>
 #include <QCheckBox>
 #include <QFileDialog>
@@ -12,6 +14,7 @@
 #include <QStandardPaths>
 #include <QTreeView>
 
+#include <array>
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -19,6 +22,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr QSize panelSize(760, 480);
+constexpr std::array columnWidths{80, 90, 140}; // size, type, date
+constexpr int typeColumn = 2;
 
 /// Answers with nothing if nobody has answered when its last owner goes.
 template <typename Value> class OneAnswer
@@ -39,6 +44,27 @@ public:
 
 private:
     std::function<void(std::optional<Value>)> m_done;
+};
+
+/// By names alone. Qt's own provider opens every file of a folder, on the main thread, to see of which type
+/// it is.
+class IconsByName final : public QAbstractFileIconProvider
+{
+public:
+    QIcon icon(IconType type) const override
+    {
+        return type == Folder || type == Desktop ? LXFileIcons::iconForName({}, true)
+                                                 : QAbstractFileIconProvider::icon(type);
+    }
+    QIcon icon(const QFileInfo &info) const override
+    {
+        // Icons are remembered by suffix; names without one would all be looked up.
+        static const QIcon plain = LXFileIcons::iconForName(u"file"_s, false);
+        return !info.isDir() && info.suffix().isEmpty()
+                   ? plain
+                   : LXFileIcons::iconForName(info.fileName(), info.isDir());
+    }
+    QString type(const QFileInfo &info) const override { return info.suffix(); }
 };
 
 /// Desktops' own panels choose files or folders; this one takes both.
@@ -88,11 +114,18 @@ void furnish(QFileDialog *panel)
     places.append(QUrl::fromLocalFile(u"/"_s));
     panel->setSidebarUrls(places);
     panel->setViewMode(QFileDialog::Detail);
+    static IconsByName icons;
+    panel->setIconProvider(&icons);
     panel->resize(CVTheme::scaled(panelSize.width()), CVTheme::scaled(panelSize.height()));
     if (auto *list = panel->findChild<QTreeView *>(u"treeView"_s)) {
-        list->header()->setStretchLastSection(false);
-        list->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
-        list->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+        // Not by their contents: that would measure every file of a large folder.
+        QHeaderView *header = list->header();
+        header->setStretchLastSection(false);
+        header->setSectionResizeMode(0, QHeaderView::Stretch);
+        for (int i = 1; i < header->count() && i <= static_cast<int>(columnWidths.size()); ++i)
+            header->resizeSection(i, CVTheme::scaled(columnWidths.at(static_cast<std::size_t>(i) - 1)));
+        list->setUniformRowHeights(true);
+        list->hideColumn(typeColumn);
     }
 }
 
@@ -103,12 +136,20 @@ void CVFilePanels::chooseFiles(QWidget *window, const QString &title, const QStr
     auto *panel = new FilesAndFoldersPanel(window, title);
     panel->setAttribute(Qt::WA_DeleteOnClose);
     panel->setObjectName(u"filePanel"_s);
-    panel->setOptions(QFileDialog::DontUseNativeDialog | QFileDialog::ReadOnly);
+    panel->setOptions(QFileDialog::DontUseNativeDialog | QFileDialog::ReadOnly |
+                      QFileDialog::DontUseCustomDirectoryIcons);
     panel->setFileMode(QFileDialog::ExistingFiles);
     panel->setLabelText(QFileDialog::Accept, button);
     furnish(panel);
+    // Where files were chosen last; at first where the program was started, which a desktop does at the root.
+    static QString folder;
+    if (folder.isEmpty())
+        folder = QDir::currentPath() == "/"_L1 ? QDir::homePath() : QDir::currentPath();
+    panel->setDirectory(folder);
     const auto answer = std::make_shared<OneAnswer<QStringList>>(std::move(done));
     QObject::connect(panel, &QDialog::finished, panel, [panel, answer](int result) {
+        if (result == QDialog::Accepted)
+            folder = panel->directory().path();
         answer->give(result == QDialog::Accepted ? std::optional(panel->chosen()) : std::nullopt);
     });
     panel->open();
