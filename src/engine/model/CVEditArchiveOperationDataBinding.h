@@ -32,7 +32,8 @@ public:
     void setToZip() { m_archiveType = QStringLiteral("zip"); }
 
     /// 0 none to 9 best.
-    /// At least 1 for formats whose tools cannot write without compressing, whatever another screen has stored.
+    /// At least 1 for formats whose tools cannot write without compressing, whatever another screen has
+    /// stored.
     int compressionLevel() const;
     void setCompressionLevel(int level);
 
