@@ -6,10 +6,10 @@
 #include <QCoreApplication>
 #include <QHash>
 #include <QMimeDatabase>
+#include <QThreadPool>
 
 #include <algorithm>
 #include <mutex>
-#include <thread>
 
 #include <sys/stat.h>
 
@@ -60,7 +60,7 @@ QMimeType typeOf(QStringView name)
 void CVFileKinds::prepare()
 {
     static std::once_flag once;
-    std::call_once(once, [] { std::thread([] { typeOf(u"a.txt"); }).detach(); });
+    std::call_once(once, [] { QThreadPool::globalInstance()->start([] { typeOf(u"a.txt"); }); });
 }
 
 QString CVFileKinds::kind(QStringView name, bool isFolder)

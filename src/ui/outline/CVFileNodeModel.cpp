@@ -6,8 +6,9 @@
 #include "util/LXBytesValueTransformer.h"
 #include "util/LXDisplay.h"
 
+#include <QThreadPool>
+
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -24,7 +25,7 @@ constexpr int mostCompared = 20000;
 void releaseInBackground(std::shared_ptr<const void> thing)
 {
     if (thing)
-        std::thread([held = std::move(thing)]() mutable { held.reset(); }).detach();
+        QThreadPool::globalInstance()->start([held = std::move(thing)]() mutable { held.reset(); });
 }
 
 CVFileNodeModel::CVFileNodeModel(QObject *parent)

@@ -6,8 +6,7 @@
 #include "util/unique_string.h"
 
 #include <QDir>
-
-#include <thread>
+#include <QThreadPool>
 
 #include <sys/stat.h>
 
@@ -38,10 +37,11 @@ std::shared_ptr<CVPrivateExtraction> CVPrivateExtraction::start(const CVArchiveP
 CVPrivateExtraction::~CVPrivateExtraction()
 {
     cancel();
-    std::thread([folder = m_folder] {
+    // The end of the program waits for it.
+    QThreadPool::globalInstance()->start([folder = m_folder] {
         if (removeTree(folder))
             CVWorkDirectoryManager::removeWorkDir(folder);
-    }).detach();
+    });
 }
 
 void CVPrivateExtraction::cancel()
