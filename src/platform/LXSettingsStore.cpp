@@ -174,7 +174,8 @@ struct LXSettingsStore::Private
     {}
 
     QString filePath;
-    std::mutex mutex; // guards everything below
+    std::mutex writing; // one change of the file at a time in this process; taken before `mutex`
+    std::mutex mutex;   // guards everything below; not held while the disk is waited for
     QVariantHash defaults;
     QVariantHash overrides;
     Values stored;  // what the file held when it was last read
@@ -266,7 +267,7 @@ struct LXSettingsStore::Private
 
     /// Replaces the file. It is not forced to the disk: the list of work directories changes twice an
     /// archive, and what a crash of the whole machine costs here is the last choices.
-    int write(const Values &values)
+    int write(const Values &values, Stamp &written) const
     {
         const QByteArray target = realPath();
         // One name is enough under the lock, and a killed process leaves one file at most.
@@ -284,18 +285,24 @@ struct LXSettingsStore::Private
         if (failure == 0 && ::rename(temporary.constData(), target.constData()) != 0)
             failure = errno;
         if (failure == 0)
-            stamp = stampOf(facts);
+            written = stampOf(facts);
         else
             ::unlink(temporary.constData());
         return failure;
     }
 
-    /// With the mutex held. Applies `change` to what is in the file now.
-    int store(const std::function<void(Values &)> &change, QSet<QString> &changed)
+    /// Applies `change` to what is in the file now. With `writing` held, and `held`, which is let go while
+    /// the file is locked and written: whoever only reads, the main thread above all, must not wait for a
+    /// disk.
+    int store(const std::function<void(Values &)> &change, QSet<QString> &changed,
+              std::unique_lock<std::mutex> &held)
     {
+        held.unlock();
         LXFileDescriptor lockFile;
-        if (const int failure = lock(lockFile))
-            return failure;
+        const int refused = lock(lockFile);
+        held.lock();
+        if (refused != 0)
+            return refused;
         // Two replacements within one tick of the clock may look like none, so the stamp is not enough.
         changed |= reread(Reread::Always);
         Values values = stored;
@@ -303,8 +310,13 @@ struct LXSettingsStore::Private
             put(values, it.key(), it.value());
         change(values);
         if (values != stored) {
-            if (const int failure = write(values))
+            Stamp written;
+            held.unlock();
+            const int failure = write(values, written);
+            held.lock();
+            if (failure != 0)
                 return failure;
+            stamp = written;
         }
         unsaved.clear();
         changed |= replaceStored(std::move(values));
@@ -415,12 +427,13 @@ void LXSettingsStore::setValue(const QString &key, const QVariant &value)
 {
     QSet<QString> changed;
     {
-        const std::lock_guard guard(d->mutex);
+        const std::lock_guard one(d->writing);
+        std::unique_lock guard(d->mutex);
         const QVariant before = d->lookUp(key);
         if (d->overrides.contains(key)) {
             d->overrides.insert(key, value);
         } else if (const int failure =
-                       d->store([&](Values &values) { Private::put(values, key, value); }, changed)) {
+                       d->store([&](Values &values) { Private::put(values, key, value); }, changed, guard)) {
             LX_WARNING(lcSettings, "could not save %s: %s", qUtf8Printable(key), std::strerror(failure));
             d->unsaved.insert(key, value);
         }
@@ -441,9 +454,10 @@ LXResult<void> LXSettingsStore::update(const QString &key,
     QSet<QString> changed;
     int failure = 0;
     {
-        const std::lock_guard guard(d->mutex);
-        failure =
-            d->store([&](Values &values) { Private::put(values, key, change(values.value(key))); }, changed);
+        const std::lock_guard one(d->writing);
+        std::unique_lock guard(d->mutex);
+        failure = d->store([&](Values &values) { Private::put(values, key, change(values.value(key))); },
+                           changed, guard);
         if (failure != 0) {
             const auto unsaved = d->unsaved.constFind(key);
             const QVariant known = unsaved != d->unsaved.cend() ? *unsaved : d->stored.value(key);
@@ -477,9 +491,10 @@ LXResult<void> LXSettingsStore::flush()
     QSet<QString> changed;
     int failure = 0;
     {
-        const std::lock_guard guard(d->mutex);
+        const std::lock_guard one(d->writing);
+        std::unique_lock guard(d->mutex);
         if (!d->unsaved.isEmpty())
-            failure = d->store([](Values &) {}, changed);
+            failure = d->store([](Values &) {}, changed, guard);
     }
     d->tell(changed);
     if (failure != 0)

@@ -61,7 +61,7 @@ public:
     virtual QString stagingFolder() { return {}; }
 };
 
-/// What an engine may ask for while it opens or extracts.
+/// What an engine may ask for while it opens, lists or extracts. Outlives the engine.
 class CVEngineHost
 {
 public:

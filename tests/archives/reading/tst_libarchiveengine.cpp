@@ -122,7 +122,7 @@ CVEngineDescriptor::OpenOutcome open(const QString &path)
     const CVEngineDescriptor descriptor = cvLibarchiveEngineDescriptor();
     if (descriptor.bid(probe) == 0)
         return {nullptr, Code::NotSupported, {}, false};
-    Host host;
+    static Host host; // outlives the engine
     return descriptor.open(probe, host);
 }
 
