@@ -6,6 +6,7 @@
 #include "platform/LXWorkspace.h"
 #include "platform/desktop/LXFileIcons.h"
 #include "ui/base/CVElidedLabel.h"
+#include "ui/base/CVFilePanels.h"
 #include "ui/base/CVFileWell.h"
 #include "ui/base/CVScreenNavigator.h"
 #include "ui/base/CVSkippedEntriesView.h"
@@ -18,7 +19,6 @@
 #include <QAction>
 #include <QCoreApplication>
 #include <QEvent>
-#include <QFileDialog>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPointer>
@@ -35,19 +35,9 @@ constexpr int barSteps = 10'000;
 
 void chooseFolder(QWidget *window, std::function<void(std::optional<QString>)> chosen)
 {
-    auto *panel = new QFileDialog(
-        window, QCoreApplication::translate("CVOperationCompletedViewController", "Choose destination"));
-    panel->setAttribute(Qt::WA_DeleteOnClose);
-    panel->setFileMode(QFileDialog::Directory);
-    panel->setOption(QFileDialog::ShowDirsOnly);
-    panel->setLabelText(QFileDialog::Accept,
-                        QCoreApplication::translate("CVOperationCompletedViewController", "Open"));
-    QObject::connect(panel, &QDialog::finished, panel, [panel, chosen = std::move(chosen)](int result) {
-        const QStringList folders = panel->selectedFiles();
-        chosen(result == QDialog::Accepted && !folders.isEmpty() ? std::optional(folders.first())
-                                                                 : std::nullopt);
-    });
-    panel->open();
+    CVFilePanels::chooseFolder(
+        window, QCoreApplication::translate("CVOperationCompletedViewController", "Choose destination"),
+        QCoreApplication::translate("CVOperationCompletedViewController", "Open"), {}, std::move(chosen));
 }
 
 } // namespace

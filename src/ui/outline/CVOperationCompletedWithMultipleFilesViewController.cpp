@@ -5,14 +5,15 @@
 #include "platform/LXFileViewer.h"
 #include "platform/LXSystemSound.h"
 #include "platform/LXWorkspace.h"
+#include "ui/base/CVFilePanels.h"
 #include "ui/base/CVScreenNavigator.h"
 #include "ui/base/CVSkippedEntriesView.h"
 #include "util/LXMainThread.h"
 
 #include <QAbstractItemView>
 #include <QAction>
+#include <QCoreApplication>
 #include <QDrag>
-#include <QFileDialog>
 #include <QLocale>
 #include <QMimeData>
 #include <QPointer>
@@ -26,18 +27,12 @@ namespace {
 
 void chooseFolder(QWidget *window, std::function<void(std::optional<QString>)> chosen)
 {
-    auto *panel = new QFileDialog(
-        window, CVOperationCompletedWithMultipleFilesViewController::tr("Choose destination"));
-    panel->setAttribute(Qt::WA_DeleteOnClose);
-    panel->setFileMode(QFileDialog::Directory);
-    panel->setOption(QFileDialog::ShowDirsOnly);
-    panel->setLabelText(QFileDialog::Accept, CVOperationCompletedWithMultipleFilesViewController::tr("Open"));
-    QObject::connect(panel, &QDialog::finished, panel, [panel, chosen = std::move(chosen)](int result) {
-        const QStringList folders = panel->selectedFiles();
-        chosen(result == QDialog::Accepted && !folders.isEmpty() ? std::optional(folders.first())
-                                                                 : std::nullopt);
-    });
-    panel->open();
+    CVFilePanels::chooseFolder(
+        window,
+        QCoreApplication::translate("CVOperationCompletedWithMultipleFilesViewController",
+                                    "Choose destination"),
+        QCoreApplication::translate("CVOperationCompletedWithMultipleFilesViewController", "Open"), {},
+        std::move(chosen));
 }
 
 } // namespace

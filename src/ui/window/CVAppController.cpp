@@ -8,8 +8,8 @@
 #include "platform/desktop/LXApplicationBus.h"
 #include "sandbox/CVFileAuthenticator.h"
 #include "ui/base/CVDarkLook.h"
+#include "ui/base/CVFilePanels.h"
 #include "ui/base/CVTheme.h"
-#include "ui/window/CVFilePanels.h"
 #include "ui/window/CVMainWindow.h"
 #include "util/LXMainThread.h"
 

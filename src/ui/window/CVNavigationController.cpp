@@ -1,9 +1,9 @@
 #include "ui/window/CVNavigationController.h"
 
+#include "ui/base/CVFilePanels.h"
 #include "ui/base/CVTheme.h"
 #include "ui/base/CVToolbar.h"
 #include "ui/base/CVViewController.h"
-#include "ui/window/CVFilePanels.h"
 #include "ui/window/CVMainWindow.h"
 #include "ui/window/CVSlideContainer.h"
 #include "util/LXDisplay.h"

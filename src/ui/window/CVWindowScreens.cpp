@@ -69,19 +69,6 @@ void CVWindowScreens::setupViewControllers()
     auto *alert = new CVAlertViewController(this);
     m_forNavigation.alert = alert;
     m_forController.alert = alert;
-    auto *done = new CVOperationCompletedViewController(*m_navigation, this);
-    m_forNavigation.done = done;
-    m_forNavigation.showDone = [this, done](const QString &path) {
-        if (m_controller)
-            done->showDoneViewWithFile(path, m_controller->skippedEntries());
-    };
-    auto *multipleDone = new CVOperationCompletedWithMultipleFilesViewController(*m_navigation, this);
-    m_forNavigation.multipleDone = multipleDone;
-    m_forNavigation.setMultipleDoneFiles = [this, multipleDone](const QStringList &paths,
-                                                                const std::function<void()> &whenSet) {
-        if (m_controller)
-            multipleDone->setFiles(paths, whenSet, m_controller->skippedEntries());
-    };
 
     setupOptionScreens();
     setupPreview();

@@ -1,4 +1,4 @@
-#include "ui/window/CVFilePanels.h"
+#include "ui/base/CVFilePanels.h"
 
 #include "platform/desktop/LXFileIcons.h"
 #include "ui/base/CVTheme.h"
