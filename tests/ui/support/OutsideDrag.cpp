@@ -31,7 +31,7 @@ QByteArray waitForLine(QProcess &process, const QByteArray &start)
 
 QStringList moveTo(const QPoint &point)
 {
-    return {u"mousemove"_s, QString::number(point.x()), QString::number(point.y()), u"sleep"_s, u"0.03"_s};
+    return {u"mousemove"_s, QString::number(point.x()), QString::number(point.y()), u"sleep"_s, u"0.05"_s};
 }
 
 void startDrag(QProcess &pointer, const QPoint &from, const QPoint &to)
@@ -42,7 +42,7 @@ void startDrag(QProcess &pointer, const QPoint &from, const QPoint &to)
     constexpr int steps = 8;
     for (int step = 1; step <= steps; ++step)
         words << moveTo(from + (to - from) * step / steps);
-    words << moveTo(to + QPoint(3, 2)) << moveTo(to) << u"sleep"_s << u"0.2"_s << u"mouseup"_s << u"1"_s;
+    words << moveTo(to + QPoint(3, 2)) << moveTo(to) << u"sleep"_s << u"0.8"_s << u"mouseup"_s << u"1"_s;
     pointer.start(u"xdotool"_s, words);
 }
 
