@@ -1,6 +1,6 @@
+#include "ui/base/CVFilePanels.h"
 #include "ui/support/WindowDriver.h"
 #include "ui/window/CVDropBoxView.h"
-#include "ui/base/CVFilePanels.h"
 #include "ui/window/CVMainWindow.h"
 #include "util/LXFileName.h"
 
