@@ -19,7 +19,6 @@ namespace {
 
 constexpr double frameRadius = 1.5 * CVTheme::unit;
 constexpr int restoreMilliseconds = 3000;
-constexpr int mostQuestions = 3;
 
 } // namespace
 
@@ -114,10 +113,7 @@ void CVDropBoxView::dragLeaveEvent(QDragLeaveEvent *)
 void CVDropBoxView::dropEvent(QDropEvent *event)
 {
     setDraggedOver(false);
-    // A busy program may be too late with what it has promised, and is asked again.
-    QStringList paths;
-    for (int asked = 0; asked < mostQuestions && paths.isEmpty(); ++asked)
-        paths = localFiles(event->mimeData());
+    const QStringList paths = localFiles(event->mimeData());
     if (paths.isEmpty()) {
         m_picture->stopAnimation();
         return;

@@ -71,11 +71,13 @@ bool OutsideDrag::drop(const QStringList &paths, const QPoint &globalTarget)
         return false;
     QProcess pointer;
     startDrag(pointer, *from, globalTarget);
-    const QByteArray end = waitForLine(source, "dropped");
+    const bool isDropped = waitForLine(source, "dropped") == "dropped copy";
+    // Whoever ends earlier takes the files away again before they were asked for.
+    const bool isTaken = isDropped && !waitForLine(source, "taken").isEmpty();
     pointer.waitForFinished(patience);
     source.kill();
     source.waitForFinished(patience);
-    return end == "dropped copy";
+    return isTaken;
 }
 
 QStringList OutsideDrag::takeFrom(const QPoint &globalSource)

@@ -28,6 +28,10 @@ protected:
         mime->setData(QStringLiteral("text/uri-list"), m_uris);
         auto *drag = new QDrag(this);
         drag->setMimeData(mime);
+        connect(drag, &QObject::destroyed, this, [] {
+            std::puts("taken");
+            std::fflush(stdout);
+        });
         const Qt::DropAction action = drag->exec(Qt::CopyAction);
         std::puts(action == Qt::CopyAction ? "dropped copy" : "dropped nothing");
         std::fflush(stdout);
