@@ -278,11 +278,10 @@ void tst_splitting::showsProgress()
     setup.arguments = u"combine --to back set/data/data.a.zsplit"_s.split(u' ');
     const TerminalRun joined = corvane(setup);
     QCOMPARE(joined.outLines(), QStringList{path(u"back/data"_s)});
-    for (const TerminalRun &run : {cut, joined}) {
+    for (const TerminalRun &run : {cut, joined})
         QVERIFY2(run.err.contains(" MB of ") && run.err.contains('%'), run.err.constData());
-        QVERIFY2(run.err.contains(" MB/s"), run.err.constData());
-    }
-    QVERIFY2(cut.err.contains(" left"), cut.err.constData());
+    // Joining may be over before there is a rate.
+    QVERIFY2(cut.err.contains(" MB/s") && cut.err.contains(" left"), cut.err.constData());
 }
 
 void tst_splitting::interrupted_data()
