@@ -325,14 +325,7 @@ void CVExtractArchivesOperation::main()
 void CVExtractArchivesOperation::cancel()
 {
     CVOperation::cancel();
-    std::shared_ptr<CVArchive> archive;
-    {
-        const std::lock_guard lock(m_mutex);
-        archive = m_archive;
-    }
-    if (archive)
-        archive->cancelExtract();
-    m_changed.notify_all();
+    m_backEnd.cancel();
 }
 
 void CVExtractArchivesOperation::endAsCancelled()
@@ -464,36 +457,13 @@ std::int32_t CVExtractArchivesOperation::runBackEnd(const std::shared_ptr<CVArch
     QString folder;
     {
         const std::lock_guard lock(m_mutex);
-        m_outcome.reset();
-        m_archive = archive;
         path = m_sourcePath;
         folder = m_workDir;
         archive->singleFilesToBeExtracted = m_singleFiles;
     }
-    archive->setDelegate(this);
-    // A cancel that came before the archive was known here has not told it.
     if (isCancelled())
         archive->setCancelledStatus();
-    else {
-        try {
-            archive->open(path, folder);
-        } catch (const std::exception &e) {
-            LX_WARNING(lcExtract, "%s while opening %s", e.what(), qUtf8Printable(path));
-            takeOutcome(CVArchive::InvalidFile);
-        }
-    }
-    std::unique_lock lock(m_mutex);
-    // A file that went away meanwhile is only logged by the back end, without a report.
-    if (!m_outcome && ::access(bytesOfFileName(path).constData(), F_OK) != 0)
-        m_outcome = CVArchive::InvalidFile;
-    // Back ends with a thread of their own report later.
-    m_changed.wait(lock, stopToken(), [this] { return m_outcome.has_value(); });
-    const std::int32_t status = m_outcome.value_or(CVArchive::Cancelled);
-    m_outcome = status;
-    m_archive.reset();
-    lock.unlock();
-    archive->setDelegate(nullptr);
-    return status;
+    return m_backEnd.run(archive, this, path, stopToken(), [&] { archive->open(path, folder); });
 }
 
 bool CVExtractArchivesOperation::sendExtractError(const QString &message, const QString &detail)
@@ -702,30 +672,19 @@ void CVExtractArchivesOperation::cleanUp()
     CVWorkDirectoryManager::removeWorkDir(folder);
 }
 
-void CVExtractArchivesOperation::takeOutcome(std::int32_t status)
-{
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_outcome)
-            return;
-        m_outcome = status;
-    }
-    m_changed.notify_all();
-}
-
 void CVExtractArchivesOperation::archiveFinished(CVArchive *)
 {
-    takeOutcome(CVArchive::Success);
+    m_backEnd.report(CVArchive::Success);
 }
 
 void CVExtractArchivesOperation::archiveFailed(CVArchive *, std::int32_t status)
 {
-    takeOutcome(status);
+    m_backEnd.report(status);
 }
 
 void CVExtractArchivesOperation::archiveCancelled(CVArchive *)
 {
-    takeOutcome(CVArchive::Cancelled);
+    m_backEnd.report(CVArchive::Cancelled);
 }
 
 void CVExtractArchivesOperation::archiveHasMadeProgress(CVArchive *archive, double done, double total)

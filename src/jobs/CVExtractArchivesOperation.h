@@ -3,12 +3,12 @@
 #include "archives/CVArchive.h"
 #include "engine/model/CVBatchPosition.h"
 #include "engine/model/CVOperation.h"
+#include "jobs/CVBackEndRun.h"
 #include "util/LXResult.h"
 
 #include <QString>
 #include <QStringList>
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -116,11 +116,8 @@ private:
     void archiveHasMadeProgress(CVArchive *archive, double done, double total) override;
     std::optional<QString> archiveWantsPassword(CVArchive *archive) override;
     bool archiveMayExceedLimit(CVArchive *archive, const QString &explanation) override;
-    void takeOutcome(std::int32_t status);
 
     mutable std::mutex m_mutex; ///< guards what follows, down to the next comment
-    std::condition_variable_any m_changed;
-    std::shared_ptr<CVArchive> m_archive; ///< the back end at work
     std::shared_ptr<CVArchive> m_sourceArchive;
     std::optional<QStringList> m_singleFiles;
     QStringList m_flattened;
@@ -129,8 +126,9 @@ private:
     QString m_destinationPath;
     QString m_workDir;
     bool m_openingSingleFile = false;
-    std::optional<std::int32_t> m_outcome; ///< how the back end ended: the first report counts
     bool m_invalidPasswordEntered = false;
+
+    CVBackEndRun m_backEnd;
 
     // The worker's own.
     ArchiveMaker m_archiveMaker;

@@ -13,8 +13,6 @@
 #include <exception>
 #include <utility>
 
-#include <unistd.h>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -80,14 +78,7 @@ void CVPreviewArchiveContentsOperation::main()
 void CVPreviewArchiveContentsOperation::cancel()
 {
     CVOperation::cancel();
-    std::shared_ptr<CVArchive> archive;
-    {
-        const std::lock_guard lock(m_mutex);
-        archive = m_archive;
-    }
-    if (archive)
-        archive->cancelExtract();
-    m_changed.notify_all();
+    m_backEnd.cancel();
 }
 
 void CVPreviewArchiveContentsOperation::reportEnd()
@@ -168,60 +159,25 @@ std::int32_t CVPreviewArchiveContentsOperation::runBackEnd(const std::shared_ptr
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_outcome.reset();
-        m_archive = archive;
         m_sourcePath = path;
         m_passwordAsked = false;
     }
-    archive->setDelegate(this);
-    // A cancel that came before the archive was known here has not told it.
-    if (isCancelled()) {
-        takeOutcome(CVArchive::Cancelled);
-    } else {
-        try {
-            archive->openForPreview(path);
-        } catch (const std::exception &e) {
-            LX_WARNING(lcPreview, "%s while opening %s", e.what(), qUtf8Printable(path));
-            takeOutcome(CVArchive::InvalidFile);
-        }
-    }
-    std::unique_lock lock(m_mutex);
-    // A file that went away meanwhile is only logged by the back end, without a report.
-    if (!m_outcome && ::access(bytesOfFileName(path).constData(), F_OK) != 0)
-        m_outcome = CVArchive::InvalidFile;
-    m_changed.wait(lock, stopToken(), [this] { return m_outcome.has_value(); });
-    const std::int32_t status = m_outcome.value_or(CVArchive::Cancelled);
-    m_outcome = status;
-    m_archive.reset();
-    lock.unlock();
-    archive->setDelegate(nullptr);
-    return status;
-}
-
-void CVPreviewArchiveContentsOperation::takeOutcome(std::int32_t status)
-{
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_outcome)
-            return;
-        m_outcome = status;
-    }
-    m_changed.notify_all();
+    return m_backEnd.run(archive, this, path, stopToken(), [&] { archive->openForPreview(path); });
 }
 
 void CVPreviewArchiveContentsOperation::archiveFinished(CVArchive *)
 {
-    takeOutcome(CVArchive::Success);
+    m_backEnd.report(CVArchive::Success);
 }
 
 void CVPreviewArchiveContentsOperation::archiveFailed(CVArchive *, std::int32_t status)
 {
-    takeOutcome(status);
+    m_backEnd.report(status);
 }
 
 void CVPreviewArchiveContentsOperation::archiveCancelled(CVArchive *)
 {
-    takeOutcome(CVArchive::Cancelled);
+    m_backEnd.report(CVArchive::Cancelled);
 }
 
 void CVPreviewArchiveContentsOperation::archiveHasMadeProgress(CVArchive *, double done, double total)

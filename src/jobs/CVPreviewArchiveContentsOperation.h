@@ -2,12 +2,12 @@
 
 #include "archives/CVArchive.h"
 #include "engine/model/CVOperation.h"
+#include "jobs/CVBackEndRun.h"
 
 #include <QString>
 #include <QStringList>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -53,17 +53,15 @@ private:
     void archiveCancelled(CVArchive *archive) override;
     void archiveHasMadeProgress(CVArchive *archive, double done, double total) override;
     std::optional<QString> archiveWantsPassword(CVArchive *archive) override;
-    void takeOutcome(std::int32_t status);
 
     mutable std::mutex m_mutex; ///< guards what follows, down to the next comment
-    std::condition_variable_any m_changed;
-    std::shared_ptr<CVArchive> m_archive; ///< the back end at work
     QStringList m_workingArchives;
     QString m_sourcePath;
-    std::optional<std::int32_t> m_outcome; ///< how the back end ended: the first report counts
     bool m_passwordInvalid = false;
     bool m_passwordAsked = false;
     std::chrono::steady_clock::time_point m_lastProgress;
+
+    CVBackEndRun m_backEnd;
 
     // The worker's own.
     ArchiveMaker m_archiveMaker;
