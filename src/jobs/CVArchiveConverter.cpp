@@ -1,7 +1,6 @@
 #include "jobs/CVArchiveConverter.h"
 
 #include "engine/model/CVTempDir.h"
-#include "engine/model/CVWorkDirectoryManager.h"
 #include "jobs/media/CVMediaWalk.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
@@ -28,36 +27,6 @@ Q_LOGGING_CATEGORY(lcConverter, "corvane.jobs.converter")
 constexpr double thirds = 3;
 constexpr double mediaStep = 10; // what the counter of the walk grows by at each path
 constexpr double mediaScale = 100;
-
-/// The temporary folder on the list of what has to be removed, for as long as it exists.
-class RegisteredTempDir
-{
-public:
-    RegisteredTempDir()
-        : m_dir(CVTempDir::convertPrefix())
-    {
-        if (!m_dir.path().isEmpty())
-            CVWorkDirectoryManager::registerWorkDir(m_dir.path());
-    }
-    ~RegisteredTempDir()
-    {
-        const QString path = m_dir.path();
-        if (path.isEmpty())
-            return;
-        m_dir.remove();
-        struct stat status = {};
-        // What could not be removed stays on the list, for a later try.
-        if (::lstat(bytesOfFileName(path).constData(), &status) != 0)
-            CVWorkDirectoryManager::removeWorkDir(path);
-    }
-    RegisteredTempDir(const RegisteredTempDir &) = delete;
-    RegisteredTempDir &operator=(const RegisteredTempDir &) = delete;
-
-    const QString &path() const { return m_dir.path(); }
-
-private:
-    CVTempDir m_dir;
-};
 
 // An archive may hold files that their own owner may not read. The tool that packs them again runs as that
 // owner, so what is missing for reading is added, in our copy. Never needed where everything may be read.
@@ -135,11 +104,11 @@ void CVArchiveConverter::cancelConvert()
 
 std::int32_t CVArchiveConverter::run(const QString &source, const QString &destination)
 {
-    const RegisteredTempDir temporary;
+    const CVTempDir temporary(CVTempDir::convertPrefix());
     m_temporaryFolder = temporary.path();
     if (temporary.path().isEmpty()) {
         m_failedInTemporaryFolder = true;
-        m_systemError = errno;
+        m_systemError = temporary.systemError();
         return CVArchive::InvalidFile;
     }
     // One level down: the temporary folder is for its owner alone, and its mode would become that of the

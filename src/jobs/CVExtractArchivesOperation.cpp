@@ -12,7 +12,6 @@
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXPendingAnswer.h"
-#include "util/LXRemoveTree.h"
 #include "util/unique_destination.h"
 
 #include <QCollator>
@@ -429,7 +428,6 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::extract(const Sourc
 
     if (chooseFolders() == Folders::Ended)
         return Next::Stop;
-    CVWorkDirectoryManager::registerWorkDir(workDir());
     const bool allowed = waitForAccess([&](AuthorizedHandler handler) {
         if (isMultipartArchive(source.path))
             runAuthorizedHandler({workDir(), source.path.left(source.path.lastIndexOf(u'/'))},
@@ -662,14 +660,7 @@ void CVExtractArchivesOperation::cleanUp()
     if (folder.isEmpty())
         return;
     setWorkDir({});
-    // It is gone already when it went to the destination itself, as the folder of several items.
-    if (const auto removed = removeTree(folder); !removed && removed.error().code != ENOENT) {
-        // It stays on the list of what has to be removed some day.
-        LX_WARNING(lcExtract, "error removing %s: %s", qUtf8Printable(folder),
-                   qUtf8Printable(removed.error().reason));
-        return;
-    }
-    CVWorkDirectoryManager::removeWorkDir(folder);
+    CVWorkDirectoryManager::discardWorkDir(folder);
 }
 
 void CVExtractArchivesOperation::archiveFinished(CVArchive *)

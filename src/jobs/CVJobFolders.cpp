@@ -5,12 +5,9 @@
 #include "engine/model/CVWorkDirectoryManager.h"
 #include "util/LXLog.h"
 #include "util/LXPendingAnswer.h"
-#include "util/LXRemoveTree.h"
 #include "util/unique_destination.h"
 
 #include <QCoreApplication>
-
-#include <cerrno>
 
 using namespace Qt::StringLiterals;
 
@@ -35,7 +32,6 @@ LXResult<CVJobFolders::Choice> CVJobFolders::choose(CVOperation &operation, cons
     const std::shared_ptr<CVJobFolders> folders(new CVJobFolders(operation));
     folders->m_outputDirectory = made.value()->outputDirectory;
     folders->m_workDirectory = made.value()->workDirectory;
-    CVWorkDirectoryManager::registerWorkDir(folders->m_workDirectory);
 
     struct Answer
     {
@@ -58,13 +54,7 @@ LXResult<CVJobFolders::Choice> CVJobFolders::choose(CVOperation &operation, cons
 
 CVJobFolders::~CVJobFolders()
 {
-    // It is gone already when it was delivered itself.
-    if (const auto removed = removeTree(m_workDirectory); !removed && removed.error().code != ENOENT)
-        // It stays on the list of what has to be removed some day.
-        LX_WARNING(lcFolders, "error removing work directory %s: %s", qUtf8Printable(m_workDirectory),
-                   qUtf8Printable(removed.error().reason));
-    else
-        CVWorkDirectoryManager::removeWorkDir(m_workDirectory);
+    CVWorkDirectoryManager::discardWorkDir(m_workDirectory);
     if (!m_authorized.isEmpty())
         m_operation.stopSecurelyAccessing(m_authorized);
 }

@@ -14,6 +14,7 @@
 #include <QTest>
 
 #include <cerrno>
+#include <csignal>
 #include <thread>
 
 #include <sys/wait.h>
@@ -83,6 +84,11 @@ private Q_SLOTS:
     void tempDir();
     void listOfWorkDirectories();
     void processesKeepOneList();
+    void killedBeforeItIsMade_data();
+    void killedBeforeItIsMade();
+    void whatCannotBeMadeIsNotListed_data();
+    void whatCannotBeMadeIsNotListed();
+    void cleaningRacesWithMaking();
     void whatCountsAsOurs_data();
     void whatCountsAsOurs();
     void cleanRemovesOnlyWhatIsOurs();
@@ -302,6 +308,82 @@ void TestDirectories::processesKeepOneList()
     QCOMPARE(CVWorkDirectoryManager::workDirs().size(), 50);
 }
 
+void TestDirectories::killedBeforeItIsMade_data()
+{
+    QTest::addColumn<bool>("temporary");
+    QTest::newRow("work directory") << false;
+    QTest::newRow("temporary directory") << true;
+}
+
+void TestDirectories::killedBeforeItIsMade()
+{
+    QFETCH(bool, temporary);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        CVSettings::store()->observe(CVSettingsKey::tempDirs, [](const QString &) { ::raise(SIGKILL); });
+        if (temporary)
+            CVTempDir dir(CVTempDir::convertPrefix());
+        else if (CVOperationHelper::createWorkDirectoryInPath(at(u"in"_s)))
+            ::_exit(1);
+        ::_exit(0);
+    }
+    int status = -1;
+    QCOMPARE(::waitpid(child, &status, 0), child);
+    QVERIFY(WIFSIGNALED(status));
+    // On the list, and not there: the cleaning forgets it without a word.
+    const QStringList listed = CVWorkDirectoryManager::workDirs();
+    QCOMPARE(listed.size(), 1);
+    QVERIFY(CVWorkDirectoryManager::isWorkDirectoryPath(listed.first()) && !QFile::exists(listed.first()));
+    const auto delegate = std::make_shared<CleanDelegate>();
+    const auto clean = std::make_shared<CVWorkDirectoryCleanOperation>();
+    clean->setDelegate(delegate);
+    clean->run();
+    QVERIFY(delegate->errors.isEmpty() && CVWorkDirectoryManager::workDirs().isEmpty());
+}
+
+void TestDirectories::whatCannotBeMadeIsNotListed_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::newRow("nobody may write there") << unwritable + u"/.corvane-1"_s;
+    QTest::newRow("it is there already") << u"there/.corvane-1"_s;
+    QTest::newRow("below a file") << u"there/file/.corvane-1"_s;
+}
+
+void TestDirectories::whatCannotBeMadeIsNotListed()
+{
+    QFETCH(QString, path);
+    QVERIFY(QDir().mkpath(at(u"there/.corvane-1"_s)) && writeFile(at(u"there/file"_s)));
+    QVERIFY(!CVWorkDirectoryManager::makeWorkDir(path.startsWith(u'/') ? path : at(path)));
+    QVERIFY(CVWorkDirectoryManager::workDirs().isEmpty());
+}
+
+void TestDirectories::cleaningRacesWithMaking()
+{
+    std::atomic<bool> done = false;
+    std::jthread cleaner([&] {
+        while (!done) {
+            const auto clean = std::make_shared<CVWorkDirectoryCleanOperation>();
+            clean->setDelegate(std::make_shared<CleanDelegate>());
+            clean->run();
+        }
+    });
+    QStringList made;
+    for (int i = 0; i < 200; ++i) {
+        const QString path = at(u".corvane-%1"_s.arg(i));
+        if (CVWorkDirectoryManager::makeWorkDir(path) && writeFile(path + u"/f"_s))
+            made.append(path);
+    }
+    done = true;
+    cleaner.join();
+    QCOMPARE(made.size(), 200);
+    QStringList left = CVWorkDirectoryManager::workDirs();
+    for (const QString &path : made) {
+        QVERIFY2(left.removeOne(path) && QFile::exists(path + u"/f"_s), qPrintable(path));
+        CVWorkDirectoryManager::discardWorkDir(path);
+    }
+    QVERIFY(left.isEmpty() && CVWorkDirectoryManager::workDirs().isEmpty());
+}
+
 void TestDirectories::whatCountsAsOurs_data()
 {
     QTest::addColumn<QString>("path");
@@ -353,12 +435,12 @@ void TestDirectories::cleanLeavesWhatIsInUse()
 {
     // Another process works in it; when that is killed the folder is left over.
     const QString work = at(u".corvane-1"_s);
-    QVERIFY(QDir().mkpath(work));
     int ready[2];
     QCOMPARE(::pipe(ready), 0);
     const pid_t child = ::fork();
     if (child == 0) {
-        CVWorkDirectoryManager::registerWorkDir(work);
+        if (!CVWorkDirectoryManager::makeWorkDir(work))
+            ::_exit(1);
         [[maybe_unused]] const auto n = ::write(ready[1], "r", 1);
         ::pause();
         ::_exit(0);

@@ -58,29 +58,13 @@ QString newWorkDirectoryPath(const QString &path)
     return path + separator + CVWorkDirectoryManager::namePrefix() + uniqueString();
 }
 
-// The folder and those above it that are missing. 0 or an errno.
-int makeFolders(const QByteArray &path)
-{
-    if (::mkdir(path.constData(), 0777) == 0)
-        return 0;
-    const int failure = errno;
-    const qsizetype slash = path.lastIndexOf('/');
-    if (failure == ENOENT && slash > 0) {
-        const int above = makeFolders(path.first(slash));
-        if (above != 0 && above != EEXIST)
-            return above;
-        return ::mkdir(path.constData(), 0777) == 0 ? 0 : errno;
-    }
-    return failure;
-}
-
 LXResult<QString> makeWorkDirectory(const QString &directory)
 {
-    if (const int failure = makeFolders(bytesOfFileName(directory))) {
+    if (const auto made = CVWorkDirectoryManager::makeWorkDir(directory); !made) {
         return LXError{.domain = u"CorvaneErrorDomain"_s,
-                       .code = CVFileError::codeForErrno(failure),
+                       .code = CVFileError::codeForErrno(made.error().code),
                        .description = text("The folder “%1” could not be made.").arg(directory),
-                       .reason = QString::fromLocal8Bit(std::strerror(failure)),
+                       .reason = made.error().reason,
                        .suggestion = {}};
     }
     return directory;

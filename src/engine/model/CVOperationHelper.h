@@ -59,8 +59,8 @@ public:
     static bool extractDestinationHasBeenAskedFor();
     std::optional<QString> promptForDestinationPath();
 
-    /// Makes a hidden folder with a name of its own (and the folders above it). The error's code is one
-    /// of CVFileError.
+    /// Makes a hidden, registered folder with a name of its own (and the folders above it). The error's code
+    /// is one of CVFileError.
     static LXResult<QString> createWorkDirectoryInPath(const QString &path);
     /// The same with the authoriser's permission; empty when it was refused.
     LXResult<QString>
@@ -69,8 +69,8 @@ public:
 
     /// The one entry for jobs: chooses the destination and makes the work directory in it. When that
     /// fails and the person had not been asked, it asks once for another folder. Nothing when the person
-    /// cancelled or refused access; without a chooser the failure is reported at once. The caller registers
-    /// the work directory.
+    /// cancelled or refused access; without a chooser the failure is reported at once. The caller
+    /// discards the work directory.
     static LXResult<std::optional<CVOutputDirectories>>
     setupOutputDirectoryForOperation(const CVOutputDirectoryRequest &request);
 

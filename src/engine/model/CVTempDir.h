@@ -3,12 +3,12 @@
 #include <QLatin1StringView>
 #include <QString>
 
-/// A new folder, readable by its owner only, in the temporary folder of the system. Removed with the
-/// object. Any thread, one at a time.
+/// A new folder, readable by its owner only, in the temporary folder of the system. It is on the list of work
+/// directories and removed with the object. Any thread, one at a time.
 class CVTempDir
 {
 public:
-    /// The name is the prefix, a dot and six characters.
+    /// The name is the prefix, a dot and six characters. The cleaning knows only names with convertPrefix().
     explicit CVTempDir(const QString &prefix);
     ~CVTempDir();
     CVTempDir(const CVTempDir &) = delete;
@@ -16,6 +16,8 @@ public:
 
     /// Empty when it could not be made, and after remove().
     const QString &path() const { return m_path; }
+    /// Why it could not be made: an errno.
+    int systemError() const { return m_systemError; }
 
     /// With its contents.
     void remove();
@@ -29,4 +31,5 @@ public:
 
 private:
     QString m_path;
+    int m_systemError = 0;
 };

@@ -65,16 +65,21 @@ void CVWorkDirectoryCleanOperation::deleteFolders(const QStringList &folders)
             LX_WARNING(lcClean, "not a work directory, left alone: %s", qUtf8Printable(folder));
             refused.append(folder);
             done.append(folder);
-        } else if (!CVWorkDirectoryManager::isInUse(folder)) {
-            const auto removed = removeTree(folder, stopToken());
-            if (isCancelled())
-                break; // the rest of it is still there, and so is its entry
-            if (!removed && removed.error().code != ENOENT) {
-                LX_WARNING(lcClean, "error removing %s: %s", qUtf8Printable(folder),
-                           qUtf8Printable(removed.error().reason));
-                failed.append(removed.error().description + u' ' + removed.error().reason);
+        } else {
+            LXFileDescriptor claim;
+            const int verdict = CVWorkDirectoryManager::claimForRemoval(folder, claim);
+            if (verdict == 0) {
+                const auto removed = removeTree(folder, stopToken());
+                if (isCancelled())
+                    break; // the rest of it is still there, and so is its entry
+                if (!removed && removed.error().code != ENOENT) {
+                    LX_WARNING(lcClean, "error removing %s: %s", qUtf8Printable(folder),
+                               qUtf8Printable(removed.error().reason));
+                    failed.append(removed.error().description + u' ' + removed.error().reason);
+                }
             }
-            done.append(folder);
+            if (verdict != EWOULDBLOCK)
+                done.append(folder);
         }
         delegate()->operationHasMadeProgress(this, static_cast<double>(i),
                                              static_cast<double>(folders.size()));

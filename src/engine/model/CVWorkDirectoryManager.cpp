@@ -5,14 +5,19 @@
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
+#include "util/LXRemoveTree.h"
 
 #include <QDir>
 
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <mutex>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -47,6 +52,54 @@ void changeList(const std::function<void(QStringList &)> &change)
         LX_WARNING(lcWorkDirectories, "%s", qUtf8Printable(saved.error().reason));
 }
 
+// The folder and those above it that are missing. 0 or an errno.
+int makeFolders(const QByteArray &path, mode_t mode)
+{
+    if (::mkdir(path.constData(), mode) == 0)
+        return 0;
+    const int failure = errno;
+    const qsizetype slash = path.lastIndexOf('/');
+    if (failure != ENOENT || slash <= 0)
+        return failure;
+    const int above = makeFolders(path.first(slash), 0777);
+    if (above != 0 && above != EEXIST)
+        return above;
+    return ::mkdir(path.constData(), mode) == 0 ? 0 : errno;
+}
+
+// True when it is in place and cannot be cleaned away any more.
+bool lockWorkDir(const QString &path)
+{
+    LXFileDescriptor directory = openedDirectory(path);
+    // Only a cleaning that looks at it can hold the lock, and not for long. Where a file system has none, the
+    // directory still counts, it only looks left over.
+    const bool locked = directory.isOpen() && ::flock(directory.get(), LOCK_SH) == 0;
+    if (::access(bytesOfFileName(path).constData(), F_OK) != 0 && errno == ENOENT)
+        return false;
+    if (locked) {
+        const std::lock_guard lock(locks().mutex);
+        locks().held.emplace(path, std::move(directory));
+    }
+    return true;
+}
+
+void unlockWorkDir(const QString &path)
+{
+    const std::lock_guard lock(locks().mutex);
+    if (const auto found = locks().held.find(path); found != locks().held.end())
+        locks().held.erase(found);
+}
+
+void listAgain(const QString &path)
+{
+    if (CVWorkDirectoryManager::workDirs().contains(path))
+        return;
+    changeList([&](QStringList &list) {
+        if (!list.contains(path))
+            list.append(path);
+    });
+}
+
 bool isNamed(QStringView name, QLatin1StringView prefix)
 {
     return name.size() > prefix.size() && name.startsWith(prefix);
@@ -54,14 +107,40 @@ bool isNamed(QStringView name, QLatin1StringView prefix)
 
 } // namespace
 
+LXResult<void> CVWorkDirectoryManager::makeWorkDir(const QString &path, mode_t mode)
+{
+    registerWorkDir(path);
+    int failure = 0;
+    do {
+        // A cleaning in another process may find it before the lock does.
+        failure = makeFolders(bytesOfFileName(path), mode);
+    } while (failure == 0 && !lockWorkDir(path));
+    if (failure != 0) {
+        removeWorkDir(path);
+        return LXError{.domain = QStringLiteral("NSPOSIXErrorDomain"),
+                       .code = failure,
+                       .description = path,
+                       .reason = QString::fromLocal8Bit(std::strerror(failure)),
+                       .suggestion = {}};
+    }
+    // Or its entry, when there was no such directory yet.
+    listAgain(path);
+    return {};
+}
+
+void CVWorkDirectoryManager::discardWorkDir(const QString &path)
+{
+    const auto removed = removeTree(path);
+    if (removed || removed.error().code == ENOENT)
+        removeWorkDir(path);
+    else
+        LX_WARNING(lcWorkDirectories, "error removing work directory %s: %s", qUtf8Printable(path),
+                   qUtf8Printable(removed.error().reason));
+    unlockWorkDir(path);
+}
+
 void CVWorkDirectoryManager::registerWorkDir(const QString &path)
 {
-    LXFileDescriptor directory = openedDirectory(path);
-    // Without a lock (a file system that has none) the entry still counts, it only looks left over.
-    if (directory.isOpen() && ::flock(directory.get(), LOCK_SH | LOCK_NB) == 0) {
-        const std::lock_guard lock(locks().mutex);
-        locks().held.emplace(path, std::move(directory));
-    }
     changeList([&](QStringList &list) { list.append(path); });
 }
 
@@ -72,9 +151,6 @@ void CVWorkDirectoryManager::removeWorkDir(const QString &path)
         if (last >= 0)
             list.removeAt(last);
     });
-    const std::lock_guard lock(locks().mutex);
-    if (const auto found = locks().held.find(path); found != locks().held.end())
-        locks().held.erase(found);
 }
 
 QStringList CVWorkDirectoryManager::workDirs()
@@ -88,12 +164,25 @@ void CVWorkDirectoryManager::forget(const QStringList &paths)
         for (const QString &path : paths)
             list.removeOne(path);
     });
+    // One that was listed and not there may have been made meanwhile.
+    for (const QString &path : paths) {
+        if (isWorkDirectoryPath(path) && isInUse(path))
+            listAgain(path);
+    }
 }
 
 bool CVWorkDirectoryManager::isInUse(const QString &path)
 {
-    const LXFileDescriptor directory = openedDirectory(path);
-    return directory.isOpen() && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    LXFileDescriptor claim;
+    return claimForRemoval(path, claim) == EWOULDBLOCK;
+}
+
+int CVWorkDirectoryManager::claimForRemoval(const QString &path, LXFileDescriptor &claim)
+{
+    claim = openedDirectory(path);
+    if (!claim.isOpen())
+        return errno == ENOENT ? ENOENT : 0; // a link, or a folder that may not be read: no job's
+    return ::flock(claim.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK ? EWOULDBLOCK : 0;
 }
 
 bool CVWorkDirectoryManager::isWorkDirectoryPath(const QString &path)

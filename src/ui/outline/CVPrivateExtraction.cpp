@@ -1,14 +1,10 @@
 #include "ui/outline/CVPrivateExtraction.h"
 
 #include "engine/model/CVWorkDirectoryManager.h"
-#include "util/LXFileName.h"
-#include "util/LXRemoveTree.h"
 #include "util/unique_string.h"
 
 #include <QDir>
 #include <QThreadPool>
-
-#include <sys/stat.h>
 
 std::shared_ptr<CVPrivateExtraction> CVPrivateExtraction::start(const CVArchivePreviewServices &services,
                                                                 const QStringList &entryPaths,
@@ -17,9 +13,8 @@ std::shared_ptr<CVPrivateExtraction> CVPrivateExtraction::start(const CVArchiveP
     if (!services.extractFiles)
         return nullptr;
     const QString folder = QDir::tempPath() + u'/' + CVWorkDirectoryManager::namePrefix() + uniqueString();
-    if (::mkdir(bytesOfFileName(folder).constData(), 0700) != 0)
+    if (!CVWorkDirectoryManager::makeWorkDir(folder, 0700))
         return nullptr;
-    CVWorkDirectoryManager::registerWorkDir(folder);
     const std::shared_ptr<CVPrivateExtraction> extraction(new CVPrivateExtraction);
     extraction->m_folder = folder;
     extraction->m_stop = services.extractFiles(
@@ -38,10 +33,8 @@ CVPrivateExtraction::~CVPrivateExtraction()
 {
     cancel();
     // The end of the program waits for it.
-    QThreadPool::globalInstance()->start([folder = m_folder] {
-        if (removeTree(folder))
-            CVWorkDirectoryManager::removeWorkDir(folder);
-    });
+    QThreadPool::globalInstance()->start(
+        [folder = m_folder] { CVWorkDirectoryManager::discardWorkDir(folder); });
 }
 
 void CVPrivateExtraction::cancel()
