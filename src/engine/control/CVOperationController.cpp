@@ -198,7 +198,12 @@ std::function<void()> CVOperationController::extractFiles(const QStringList &ent
     job->isForeground = false;
     // The window may turn to other files meanwhile.
     job->inputPaths = QStringList{archivePath};
-    job->ended = std::move(ended);
+    if (ended) {
+        // A closing window tells the end while the worker still writes to what the caller made for it.
+        const auto kept = std::make_shared<decltype(ended)>(std::move(ended));
+        job->operation->observeFinished([kept](CVOperation &) {});
+        job->ended = [kept](const QStringList &delivered) { (*kept)(delivered); };
+    }
     job->forcedDestination = std::make_unique<CVForcedDestination>();
     d->enqueue(job);
     return [started = std::weak_ptr(job->operation)] {

@@ -73,7 +73,8 @@ public:
     /// One entry, extracted to a private place and opened with the default application.
     void extractThenOpenFile(const QString &entryPath, const QString &archivePath);
     /// Entries to the folder `destination`, while the preview stays. `ended` is called once, with the
-    /// paths delivered (none after a failure or a cancel); it may be empty. What comes back cancels this
+    /// paths delivered (none after a failure or a cancel); it may be empty. It is kept until the job no
+    /// longer writes, which may be after that call, and let go on any thread. What comes back cancels this
     /// extraction; any time, any thread.
     std::function<void()> extractFiles(const QStringList &entryPaths, const QString &archivePath,
                                        const QString &destination,
