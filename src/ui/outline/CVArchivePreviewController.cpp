@@ -3,6 +3,7 @@
 #include "archives/CVArchive.h"
 #include "engine/model/CVSettings.h"
 #include "platform/desktop/LXFileIcons.h"
+#include "ui/base/CVFilePanels.h"
 #include "ui/base/CVScreenNavigator.h"
 #include "ui/base/CVTheme.h"
 #include "ui/outline/CVEntryMimeData.h"
@@ -15,7 +16,6 @@
 #include <QAction>
 #include <QDrag>
 #include <QEvent>
-#include <QFileDialog>
 #include <QLocale>
 #include <QSet>
 #include <QTimer>
@@ -294,13 +294,10 @@ void CVArchivePreviewController::extractSelection()
     const DraggedEntries entries = entriesForDrag(nodes);
     if (entries.paths.isEmpty())
         return;
-    auto *chooser = new QFileDialog(m_navigator.mainWindow(), tr("Choose destination"));
-    chooser->setAttribute(Qt::WA_DeleteOnClose);
-    chooser->setFileMode(QFileDialog::Directory);
-    chooser->setOption(QFileDialog::ShowDirsOnly);
-    chooser->setLabelText(QFileDialog::Accept, tr("Extract"));
-    connect(chooser, &QFileDialog::fileSelected, this, [this, entries](const QString &folder) {
-        m_services.extractFiles(entries.paths, entries.archivePath, folder, [](const QStringList &) {});
-    });
-    chooser->open();
+    CVFilePanels::chooseFolder(m_navigator.mainWindow(), tr("Choose destination"), tr("Extract"), {},
+                               [guard = QPointer(this), entries](const std::optional<QString> &folder) {
+                                   if (guard && folder)
+                                       guard->m_services.extractFiles(entries.paths, entries.archivePath,
+                                                                      *folder, [](const QStringList &) {});
+                               });
 }
