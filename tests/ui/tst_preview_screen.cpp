@@ -19,6 +19,7 @@
 #include <QPlainTextEdit>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThreadPool>
 #include <QTimer>
 #include <QToolButton>
 
@@ -260,7 +261,9 @@ private Q_SLOTS:
         const auto services = screen.engine.services();
         QString folder;
         {
-            auto extraction = CVPrivateExtraction::start(services, {u"file2.txt"_s}, m_zip);
+            auto extraction =
+                CVPrivateExtraction::start(services, {u"file2.txt"_s}, m_zip, screen.preview.get());
+            QTRY_COMPARE(screen.engine.destinations.size(), 1);
             folder = screen.engine.destinations.last();
             QVERIFY(CVWorkDirectoryManager::workDirs().contains(folder));
             QCOMPARE(QFileInfo(folder).permissions() & ~QFile::Permissions(0x7000),
@@ -281,14 +284,60 @@ private Q_SLOTS:
         Screen screen({listed(m_zip)});
         screen.engine.isHeld = true;
         const auto services = screen.engine.services();
-        auto extraction = CVPrivateExtraction::start(services, {u"docs"_s}, m_zip);
+        auto extraction = CVPrivateExtraction::start(services, {u"docs"_s}, m_zip, screen.preview.get());
+        QTRY_VERIFY(screen.engine.held);
         QTimer::singleShot(50, extraction.get(), &CVPrivateExtraction::cancel);
-        const CVEntryMimeData data(extraction, nullptr);
-        QVERIFY(data.urls().isEmpty());
+        {
+            const CVEntryMimeData data(extraction, nullptr);
+            QVERIFY(data.urls().isEmpty());
+        }
         QCOMPARE(screen.engine.asked.last(), u"stop"_s);
         // What comes too late changes nothing.
         screen.engine.held({u"/late"_s});
         QVERIFY(extraction->delivered().isEmpty());
+        // Its job writes until it says that it does no more; a folder that went before would come back.
+        extraction.reset();
+        QThreadPool::globalInstance()->waitForDone();
+        QVERIFY(QFileInfo::exists(screen.engine.destinations.last()));
+        screen.engine.held = {};
+        QTRY_VERIFY(!QFileInfo::exists(screen.engine.destinations.last()));
+    }
+
+    void aDragThatIsOverBeforeItBegins()
+    {
+        Screen screen({listed(m_zip)});
+        const auto services = screen.engine.services();
+        const auto cancelled = CVPrivateExtraction::start(services, {u"docs"_s}, m_zip, screen.preview.get());
+        cancelled->cancel();
+        auto owner = std::make_unique<QObject>();
+        const auto orphan = CVPrivateExtraction::start(services, {u"docs"_s}, m_zip, owner.get());
+        owner.reset();
+        QTRY_VERIFY(cancelled->isFinished() && orphan->isFinished());
+        QVERIFY(screen.engine.asked.isEmpty());
+    }
+
+    void noFolderToExtractTo_data()
+    {
+        QTest::addColumn<QString>("temporary");
+        QTest::addColumn<QString>("words");
+        QTest::newRow("not allowed") << u"/sys"_s << u"you may not write to “/sys”"_s;
+        QTest::newRow("no folder") << m_zip << u"no folder could be made"_s;
+    }
+    void noFolderToExtractTo()
+    {
+        QFETCH(QString, temporary);
+        QFETCH(QString, words);
+        Screen screen({listed(m_zip)});
+        const auto services = screen.engine.services();
+        const QByteArray before = qgetenv("TMPDIR");
+        qputenv("TMPDIR", temporary.toUtf8());
+        const auto extraction =
+            CVPrivateExtraction::start(services, {u"docs"_s}, m_zip, screen.preview.get());
+        const bool ended = QTest::qWaitFor([&] { return extraction->isFinished(); });
+        before.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", before);
+        QVERIFY(ended);
+        QVERIFY2(extraction->problem().contains(words), qPrintable(extraction->problem()));
+        QVERIFY(screen.engine.asked.isEmpty());
     }
 
     void openingFromListAndGrid()

@@ -260,9 +260,11 @@ void CVArchivePreviewController::dragNodes(const CVFileNode::List &nodes)
     const DraggedEntries entries = entriesForDrag(nodes);
     if (entries.paths.isEmpty())
         return;
-    auto extraction = CVPrivateExtraction::start(m_services, entries.paths, entries.archivePath);
-    if (!extraction)
-        return;
+    auto extraction = CVPrivateExtraction::start(m_services, entries.paths, entries.archivePath, this);
+    connect(extraction.get(), &CVPrivateExtraction::finished, this, [this, dragged = extraction.get()] {
+        if (!dragged->problem().isEmpty())
+            setNotice(dragged->problem(), u"tool/info"_s);
+    });
     auto *drag = new QDrag(activeView());
     drag->setMimeData(new CVEntryMimeData(extraction, m_navigator.mainWindow()));
     const int icon = CVTheme::scaled(4 * CVTheme::unit);

@@ -103,21 +103,15 @@ void CVQuickLookPanel::showEntry(const CVFileNode &node, const QString &entryPat
         return;
     }
     showWords(tr("Extracting…"), false);
-    m_extraction = CVPrivateExtraction::start(m_services, {entryPath}, archivePath);
-    if (!m_extraction) {
-        showWords(tr("This file could not be extracted."), true);
-        return;
-    }
-    const auto take = [this] {
-        if (m_extraction->delivered().isEmpty())
+    m_extraction = CVPrivateExtraction::start(m_services, {entryPath}, archivePath, this);
+    connect(m_extraction.get(), &CVPrivateExtraction::finished, this, [this] {
+        if (!m_extraction->problem().isEmpty())
+            showWords(m_extraction->problem(), true);
+        else if (m_extraction->delivered().isEmpty())
             showWords(tr("This file could not be extracted."), true);
         else
             load(m_extraction->delivered().constFirst());
-    };
-    if (m_extraction->isFinished())
-        take();
-    else
-        connect(m_extraction.get(), &CVPrivateExtraction::finished, this, take);
+    });
 }
 
 void CVQuickLookPanel::load(const QString &path)
