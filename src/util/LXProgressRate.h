@@ -24,14 +24,18 @@ public:
 
     /// Units a second; 0 when not known yet.
     double perSecond() const { return m_rate; }
-    /// Nothing until the rate has held for some time, and nothing for what nobody wants to wait for.
+    /// From the mean of the last quarter of a minute, the pauses included. Nothing in the first seconds, for a
+    /// job that has stood still for long, and for what nobody wants to wait for.
     std::optional<double> secondsLeft() const;
 
 private:
     void measureFrom(double done, Clock::time_point now);
 
     double m_rate = 0;
-    int m_windows = 0; ///< that m_rate stands on
+    int m_windows = 0;          ///< measured so far
+    double m_recentDone = 0;    ///< in the last windows, the older the less
+    double m_recentSeconds = 0; ///< of those windows
+    double m_secondsStill = 0;  ///< since something was done
     int m_stage = 0;
     double m_done = 0;
     double m_total = 0;

@@ -36,9 +36,25 @@ private Q_SLOTS:
         const double before = *rate.secondsLeft();
         run(0, 5s);
         QVERIFY(rate.secondsLeft());
-        QVERIFY(*rate.secondsLeft() > 5 * before);
+        QVERIFY(*rate.secondsLeft() > 2 * before);
+        QVERIFY(rate.perSecond() < 5);
         run(0, 60s);
         QVERIFY(!rate.secondsLeft()); // nobody knows
+    }
+
+    void burstsAreTakenForTheirMean()
+    {
+        total = 1000;
+        run(0, 4s);
+        for (int i = 0; i < 5; ++i) {
+            run(50, 1s);
+            const double after = *rate.secondsLeft();
+            run(0, 4s); // 10 a second, as a whole
+            const double left = (total - done) / 10;
+            QVERIFY2(after > left / 2 && after < left * 2, qPrintable(QString::number(after)));
+            QVERIFY2(*rate.secondsLeft() > left / 2 && *rate.secondsLeft() < left * 2,
+                     qPrintable(QString::number(*rate.secondsLeft())));
+        }
     }
 
     void timeOfAQuestionDoesNotCount()
