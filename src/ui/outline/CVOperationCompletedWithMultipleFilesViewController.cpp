@@ -8,6 +8,7 @@
 #include "ui/base/CVFilePanels.h"
 #include "ui/base/CVScreenNavigator.h"
 #include "ui/base/CVSkippedEntriesView.h"
+#include "ui/base/CVTheme.h"
 #include "util/LXMainThread.h"
 
 #include <QAbstractItemView>
@@ -49,6 +50,8 @@ CVOperationCompletedWithMultipleFilesViewController::CVOperationCompletedWithMul
     setEmptyText(tr("There is no result."));
     // The usual key shows the results in the file manager here.
     setFindKey(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_F));
+    m_skipped->setContentsMargins(CVTheme::margin, CVTheme::spacing / 2, CVTheme::margin,
+                                  CVTheme::spacing / 2);
     addBelowFiles(m_skipped);
     addAction(u"done"_s, tr("Done"), u"tool/done"_s, QKeySequence(Qt::Key_Return),
               [this] { m_navigator.backToMain(); });
