@@ -5,6 +5,7 @@
 #include "ui/outline/CVFileNodeModel.h"
 
 #include <QApplication>
+#include <QHeaderView>
 #include <QPainter>
 #include <QTextLayout>
 
@@ -141,9 +142,14 @@ void CVFileListDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
     painter->drawText(rest, static_cast<int>(alignment) | Qt::TextSingleLine,
                       option.fontMetrics.elidedText(option.text, Qt::ElideMiddle, rest.width()));
     if (hasFocus && !(option.state & QStyle::State_Selected)) {
-        painter->setPen(CVTheme::accentColor(option.palette));
-        painter->drawLine(option.rect.topLeft(), option.rect.topRight());
-        painter->drawLine(option.rect.bottomLeft(), option.rect.bottomRight());
+        // Each cell draws its piece of the frame around the row.
+        const QRectF row(-m_view.horizontalHeader()->offset(), option.rect.top(),
+                         m_view.horizontalHeader()->length(), option.rect.height());
+        painter->setClipRect(option.rect);
+        painter->setRenderHint(QPainter::Antialiasing);
+        painter->setPen(QPen(CVTheme::accentColor(option.palette), 1.5));
+        painter->setBrush(Qt::NoBrush);
+        painter->drawRoundedRect(row.adjusted(1.5, 1.5, -1.5, -1.5), gap, gap);
     }
     painter->restore();
 }

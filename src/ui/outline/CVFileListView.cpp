@@ -9,8 +9,32 @@
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QKeyEvent>
+#include <QProxyStyle>
 
 #include <algorithm>
+
+namespace {
+
+/// Titles stand where the texts below them do, not at the edge of their columns.
+class HeaderStyle final : public QProxyStyle
+{
+public:
+    void drawControl(ControlElement element, const QStyleOption *option, QPainter *painter,
+                     const QWidget *widget) const override
+    {
+        const auto *header = qstyleoption_cast<const QStyleOptionHeader *>(option);
+        if (element != CE_HeaderLabel || !header) {
+            QProxyStyle::drawControl(element, option, painter, widget);
+            return;
+        }
+        QStyleOptionHeader inset(*header);
+        const int more = std::max(0, CVTheme::unit - pixelMetric(PM_HeaderMargin, option, widget));
+        inset.rect.adjust(more, 0, -more, 0);
+        QProxyStyle::drawControl(element, &inset, painter, widget);
+    }
+};
+
+} // namespace
 
 CVFileListView::CVFileListView(CVFileNodeModel &model, QWidget *parent)
     : QTableView(parent)
@@ -39,6 +63,9 @@ CVFileListView::CVFileListView(CVFileNodeModel &model, QWidget *parent)
     verticalHeader()->setSelectionModel(nothing);
     horizontalHeader()->setSelectionModel(nothing);
     QHeaderView *columns = horizontalHeader();
+    auto *style = new HeaderStyle;
+    style->setParent(columns);
+    columns->setStyle(style);
     columns->setHighlightSections(false);
     columns->setSectionResizeMode(QHeaderView::Interactive);
     columns->setSectionResizeMode(static_cast<int>(CVFileNodeModel::Column::Name), QHeaderView::Stretch);
