@@ -377,8 +377,12 @@ QString CVEditArchiveController::outputName() const
 
 void CVEditArchiveController::refreshName()
 {
-    if (m_view->nameField->text() != m_binding->archiveName())
+    if (m_view->nameField->text() != m_binding->archiveName()) {
         m_view->nameField->setText(m_binding->archiveName());
+        // A name that is longer than its field is known by how it begins.
+        if (!m_view->nameField->hasFocus())
+            m_view->nameField->setCursorPosition(0);
+    }
     const QString output = outputName();
     m_view->nameSuffix->setText(output.mid(m_binding->archiveName().size()));
     const CVFileNode::Pointer root = m_services.inputFiles ? m_services.inputFiles() : nullptr;
@@ -386,9 +390,10 @@ void CVEditArchiveController::refreshName()
     QString shown = LXDisplay::displayEscaped(output);
     if (m_binding->chunkSize() > 0)
         shown = tr("%1.001, .002, …").arg(shown);
-    m_view->setSummary(m_binding->shouldInstallRAR() ? QString()
-                       : source.isEmpty()            ? shown
-                                                     : u"%1  ·  %2"_s.arg(shown, source));
+    if (m_binding->shouldInstallRAR())
+        m_view->setSummary({}, {});
+    else
+        m_view->setSummary(shown, source);
     refreshFinish();
 }
 

@@ -350,18 +350,26 @@ void CVEditArchiveView::setPasswordsReadable(bool readable)
         line->setEchoMode(readable ? QLineEdit::Normal : QLineEdit::Password);
 }
 
-void CVEditArchiveView::setSummary(const QString &text)
+void CVEditArchiveView::setSummary(const QString &result, const QString &source)
 {
-    m_summaryText = text;
+    m_result = result;
+    m_source = source;
+    const QString text = source.isEmpty() ? result : u"%1  ·  %2"_s.arg(result, source);
     m_summary->setToolTip(text.toHtmlEscaped());
     m_summary->setAccessibleName(text);
     elideSummary();
 }
 
+// Each by itself: one long name must not hide what becomes of it.
 void CVEditArchiveView::elideSummary()
 {
-    m_summary->setText(
-        m_summary->fontMetrics().elidedText(m_summaryText, Qt::ElideMiddle, width() - 2 * CVTheme::margin));
+    const QFontMetrics metrics = m_summary->fontMetrics();
+    const QString between = m_source.isEmpty() ? QString() : u"  ·  "_s;
+    const int room = width() - 2 * CVTheme::margin - metrics.horizontalAdvance(between);
+    const int source = std::min(metrics.horizontalAdvance(m_source) + 1,
+                                std::max(room / 2, room - metrics.horizontalAdvance(m_result) - 1));
+    const QString shownSource = metrics.elidedText(m_source, Qt::ElideMiddle, source);
+    m_summary->setText(metrics.elidedText(m_result, Qt::ElideMiddle, room - source) + between + shownSource);
 }
 
 void CVEditArchiveView::resizeEvent(QResizeEvent *event)

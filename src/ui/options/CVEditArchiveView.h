@@ -35,8 +35,9 @@ public:
     void showLevel(int level);
     void setNoneOffered(bool offered);
     void setPasswordsReadable(bool readable);
-    /// One line of plain text at the end, shortened in its middle where it does not fit.
-    void setSummary(const QString &text);
+    /// One line of plain text at the end: what will be made, and of what, which may be empty. Both are
+    /// shortened in their middle where they do not fit.
+    void setSummary(const QString &result, const QString &source);
     /// What all that is shown needs at that width. With less, the fields scroll.
     int heightForContents(int width) const;
     /// Tab goes through the controls from top to bottom.
@@ -77,6 +78,7 @@ private:
     QLabel *m_mediaHint;
     QLabel *m_hint;
     QLabel *m_summary;
-    QString m_summaryText;
+    QString m_result;
+    QString m_source;
     bool m_hintIsError = false;
 };
