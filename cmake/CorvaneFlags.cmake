@@ -53,6 +53,9 @@ function(corvane_test name)
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 120)
     endif()
+    if(CORVANE_SANITIZE)
+        math(EXPR T_TIMEOUT "${T_TIMEOUT} * 5") # what the sanitizers watch takes its time
+    endif()
     set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT}
         ENVIRONMENT "QT_QPA_PLATFORM=offscreen;LC_ALL=C.UTF-8;TZ=UTC")
     if(T_SLOW)

@@ -176,7 +176,7 @@ void tst_controller_preview::extractsEntriesTwiceAtOnce()
     RecordedWindow window;
     window.makeArchives();
     QByteArray noise;
-    for (int i = 0; i < 2'000'000; ++i)
+    for (unsigned i = 0; i < 2'000'000; ++i)
         noise.append(static_cast<char>((i * i + i / 7) * 31 % 251));
     window.write(u"noise"_s, noise);
     window.pack(u"c.7z"_s, QStringList{u"noise"_s, u"-mx=1"_s} + packing);

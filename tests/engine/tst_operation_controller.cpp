@@ -440,7 +440,7 @@ void tst_operation_controller::splitHandsOverToVolumes()
     RecordedWindow window;
     window.makeArchives();
     QByteArray noise;
-    for (int i = 0; i < 40000; ++i)
+    for (unsigned i = 0; i < 40000; ++i)
         noise.append(static_cast<char>((i * i + i / 7) * 31 % 251));
     window.write(u"noise.bin"_s, noise);
     window.controller->controllerHasNewFiles({window.at(u"noise.bin"_s)});

@@ -153,7 +153,7 @@ void tst_previewoperation::initTestCase()
         return packer.waitForFinished() && packer.exitCode() == 0;
     };
     QByteArray noise;
-    for (int i = 0; i < 20000; ++i)
+    for (unsigned i = 0; i < 20000; ++i)
         noise.append(static_cast<char>((i * i + i / 7) * 31 % 251));
     QVERIFY(write(path(u"noise"_s), noise));
     QVERIFY(QDir(m_root.path()).mkpath(u"d/e"_s));
