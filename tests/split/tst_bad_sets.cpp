@@ -164,6 +164,9 @@ void TestBadSets::strangeFiles_data()
         << u"m.c.split"_s << u"write"_s << u"The part “m.c.split” was changed while it was read."_s;
     QTest::newRow("replaced while it is read")
         << u"m.c.split"_s << u"replace"_s << u"The part “m.c.split” was changed while it was read."_s;
+    const QString changed = u"The part “m.a.split” was changed while it was read."_s;
+    QTest::newRow("shorter than it was, in the middle of it") << u"m.a.split"_s << u"shrink"_s << changed;
+    QTest::newRow("longer than it was, in the middle of it") << u"m.a.split"_s << u"grow"_s << changed;
     QTest::newRow("a second list of sums, of another set")
         << u"m.b.split"_s << u"sums"_s << modified.arg(u"m.b.split"_s);
     QTest::newRow("linked to") << u"m.b.split"_s << u"link"_s << QString();
@@ -175,12 +178,14 @@ void TestBadSets::strangeFiles()
     QFETCH(QString, name);
     QFETCH(QString, deed);
     const QTemporaryDir folder;
-    const QByteArray data = randomBytes(250, 2);
+    // Parts of several blocks, where it is about what happens between two of them.
+    const int part = deed == u"shrink" || deed == u"grow" ? 3 << 20 : 100;
+    const QByteArray data = randomBytes(part / 2 * 5, 2);
     write(folder.filePath(u"m"_s), data);
     QDir(folder.path()).mkdir(u"set"_s);
     QDir(folder.path()).mkdir(u"out"_s);
     const QString prefix = folder.filePath(u"set/"_s);
-    QStringList files = split(folder.filePath(u"m"_s), prefix.chopped(1), false, true).all;
+    QStringList files = split(folder.filePath(u"m"_s), prefix.chopped(1), false, true, part).all;
     const QString path = prefix + name;
     const QByteArray nativePath = QFile::encodeName(path);
     std::function<void()> meanwhile = [] {};
@@ -202,6 +207,10 @@ void TestBadSets::strangeFiles()
             if (file.open(QIODevice::ReadWrite))
                 file.write("other");
         };
+    } else if (deed == u"shrink") {
+        meanwhile = [path] { QFile::resize(path, 2 << 20); };
+    } else if (deed == u"grow") {
+        meanwhile = [path] { QFile::resize(path, 4 << 20); };
     } else if (deed == u"replace") {
         meanwhile = [path] { write(path, QByteArray(50, 'x')); };
     } else {
