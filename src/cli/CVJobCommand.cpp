@@ -63,7 +63,7 @@ QString CVJobCommand::systemText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-QString CVJobCommand::reasonNotToOpen(const QString &path)
+QString CVJobCommand::reasonNotToRead(const QString &path)
 {
     struct stat status = {};
     const QByteArray encoded = bytesOfFileName(path);
@@ -75,9 +75,16 @@ QString CVJobCommand::reasonNotToOpen(const QString &path)
         return u"is not a regular file"_s;
     if (::access(encoded.constData(), R_OK) != 0)
         return systemText(errno);
-    if (status.st_size == 0)
-        return u"is empty"_s;
     return {};
+}
+
+QString CVJobCommand::reasonNotToOpen(const QString &path)
+{
+    const QString reason = reasonNotToRead(path);
+    struct stat status = {};
+    if (reason.isEmpty() && ::stat(bytesOfFileName(path).constData(), &status) == 0 && status.st_size == 0)
+        return u"is empty"_s;
+    return reason;
 }
 
 void CVJobCommand::cancel()

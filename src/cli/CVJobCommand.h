@@ -30,6 +30,8 @@ public:
     /// when "a" is a link); the last component as given. What is in no folder stays, for the message about
     /// it.
     static QString absolute(const QString &path);
+    /// Why it cannot be read as a file; empty when it can.
+    static QString reasonNotToRead(const QString &path);
     /// Why the file cannot be an archive to open; empty when it may be one.
     static QString reasonNotToOpen(const QString &path);
 

@@ -25,7 +25,7 @@ int CVSplitCommand::split(const CVTerminalArguments &arguments, CVPackCommand &p
 {
     const QString &given = arguments.paths.first();
     const QString path = absolute(given);
-    const QString reason = reasonNotToOpen(path);
+    const QString reason = reasonNotToRead(path);
     if (!reason.isEmpty()) {
         m_terminal.message(u"%1: %2"_s.arg(given, reason));
         if (reason == u"is a folder")

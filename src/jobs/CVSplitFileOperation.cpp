@@ -195,9 +195,13 @@ void CVSplitFileOperation::splitInto(const CVJobFolders &folders)
              .reason = tr("It was changed while it was read, so the parts do not fit together."),
              .suggestion = tr("Close the program that writes to it and try again.")});
 
-    const qsizetype count = splitter.outputFiles().size() + (splitter.shouldChecksum() ? 1 : 0);
-    const bool single = count == 1 && splitter.outputFiles().size() == 1;
-    const QString item = single ? splitter.outputFiles().first() : work;
+    // A folder is for several. An empty file has no raw part: its sums come alone, or an empty folder does,
+    // so that every split has a result.
+    QStringList made = splitter.outputFiles();
+    if (splitter.shouldChecksum())
+        made.append(splitter.outputFileName() + u".chksplit"_s);
+    const bool single = made.size() == 1;
+    const QString item = single ? made.first() : work;
     const auto delivered =
         folders.deliver(item, single ? lastComponent(item) : withoutExtension(lastComponent(input)));
     if (!delivered)

@@ -174,6 +174,15 @@ void tst_splitting::combinesWhatIsNamed()
     QCOMPARE(mixed.exitCode, 4);
     QCOMPARE(mixed.outLines(), QStringList{path(u"new/two.txt"_s)});
     QVERIFY2(mixed.err.contains("half.a.split"), mixed.err.constData());
+    // An empty file: no raw part, but one of a compressed set, which is joined to it again.
+    write(u"none.dat"_s, {});
+    QCOMPARE(corvane(u"split --to raw none.dat"_s).outLines(), QStringList{path(u"raw/none"_s)});
+    QCOMPARE(names(u"raw/none"_s), QStringList());
+    QCOMPARE(corvane(u"split --compress bzip2 none.dat"_s).outLines(),
+             QStringList{path(u"none.dat.a.zsplit"_s)});
+    QCOMPARE(corvane(u"combine --to back none.dat.a.zsplit"_s).outLines(),
+             QStringList{path(u"back/none.dat"_s)});
+    QCOMPARE(read(u"back/none.dat"_s), QByteArray());
     // Names are shown without what a terminal would obey.
     write(u"e\x1b[2J\n.c"_s, noise(2500));
     const TerminalRun odd = corvane({.arguments = {u"split"_s, u"--checksum"_s, u"e\x1b[2J\n.c"_s}});

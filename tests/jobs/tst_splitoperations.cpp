@@ -179,6 +179,14 @@ void tst_splitoperations::results_data()
     QTest::newRow("one part with its sum") << u"movie.mp4"_s << 60 << 0U << true << u"movie"_s
                                            << QStringList{u"movie.mp4.a.split"_s, u"movie.mp4.chksplit"_s};
     QTest::newRow("compressed") << u"data"_s << 20'000 << 1U << false << u"data.aa.zsplit"_s << QStringList();
+    QTest::newRow("empty") << u"movie.mp4"_s << 0 << 0U << false << u"movie"_s << QStringList();
+    QTest::newRow("empty, with no sums")
+        << u"movie.mp4"_s << 0 << 0U << true << u"movie.mp4.chksplit"_s << QStringList();
+    QTest::newRow("empty, compressed")
+        << u"movie.mp4"_s << 0 << 1U << false << u"movie.mp4.a.zsplit"_s << QStringList();
+    QTest::newRow("empty, compressed with its sum")
+        << u"movie.mp4"_s << 0 << 1U << true << u"movie"_s
+        << QStringList{u"movie.mp4.a.zsplit"_s, u"movie.mp4.chksplit"_s};
 }
 
 void tst_splitoperations::results()
@@ -201,6 +209,11 @@ void tst_splitoperations::results()
     QCOMPARE(job->taskDescription(), u"Split “%1”"_s.arg(name));
     if (!contents.isEmpty())
         QCOMPARE(QDir(m_recorder->results.first()).entryList(QDir::Files, QDir::Name), contents);
+    if (size == 0 && compression == 0) {
+        if (!checksum)
+            QVERIFY(QDir(m_recorder->results.first()).isEmpty());
+        return; // no part to join
+    }
 
     // And back, beside a file of the same name that stays.
     makeFile(u"out/"_s + name, "was here before");
