@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <random>
 #include <thread>
 
 #include <sys/stat.h>
@@ -37,6 +38,8 @@ private Q_SLOTS:
     void showsProgress();
     void interrupted_data();
     void interrupted();
+    void killedWhileItDelivers_data();
+    void killedWhileItDelivers();
     void fullDisk_data();
     void fullDisk();
     void setThatCannotBeWrittenTo();
@@ -376,6 +379,64 @@ void tst_splitting::interrupted()
     QCOMPARE(shell(script + u" ; true"_s), before);
     if (input == u"noise")
         QVERIFY(read(u"data"_s) == data);
+}
+
+void tst_splitting::killedWhileItDelivers_data()
+{
+    QTest::addColumn<QString>("cuts"); ///< options of a split that goes before; none: the split is the test
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("proof"); ///< compares the result
+    QTest::newRow("split") << QString() << u"split --size 1 --to out data.bin"_s
+                           << u"cat out/data/*.split | cmp - data.bin"_s;
+    QTest::newRow("combine") << u"--size 1"_s << u"combine --to out set/data/data.bin.a.split"_s
+                             << u"cmp out/data.bin data.bin"_s;
+    QTest::newRow("combine, compressed")
+        << u"--compress bzip2 --size 1"_s << u"combine --to out set/data/data.bin.a.zsplit"_s
+        << u"cmp out/data.bin data.bin"_s;
+}
+
+// There is the whole result or none, and nothing beside it that clean does not clear. The moment comes closer
+// to that of the delivery from run to run: earlier after one that delivered, later after one that did not.
+void tst_splitting::killedWhileItDelivers()
+{
+    QFETCH(QString, cuts);
+    QFETCH(QString, words);
+    QFETCH(QString, proof);
+    write(u"data.bin"_s, noise(3'504'000));
+    if (!cuts.isEmpty())
+        QCOMPARE(corvane(u"split --to set data.bin "_s + cuts).exitCode, 0);
+    std::mt19937 random(1);
+    int delay = 2000; // microseconds after the first file
+    for (int round = 0; round < 15; ++round) {
+        QDir(m_root->path()).mkdir(u"out"_s);
+        TerminalRun::Setup setup = {.arguments = words.split(u' ')};
+        bool reached = false;
+        setup.meanwhile = [&](pid_t pid) {
+            using Clock = std::chrono::steady_clock;
+            const auto deadline = Clock::now() + std::chrono::seconds(30);
+            while (!reached && Clock::now() < deadline)
+                reached =
+                    QDirIterator(path(u"out"_s), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories)
+                        .hasNext();
+            const auto moment =
+                Clock::now() + std::chrono::microseconds(delay * static_cast<int>(90 + random() % 20) / 100);
+            while (Clock::now() < moment)
+                std::this_thread::yield();
+            ::kill(pid, SIGKILL);
+        };
+        const TerminalRun run = corvane(setup);
+        QVERIFY(reached);
+        QStringList left = names(u"out"_s);
+        left.removeIf([](const QString &name) { return name.startsWith(u".corvane-"); });
+        if (!left.isEmpty())
+            QCOMPARE(shell(proof), QByteArray());
+        // What was told is there; what is there need not have been told.
+        QVERIFY(run.out.isEmpty() || left.size() == 1);
+        QCOMPARE(corvane(u"clean"_s).exitCode, 0);
+        QCOMPARE(names(u"out"_s), left);
+        delay = left.isEmpty() ? delay * 5 / 4 + 10 : delay * 3 / 4;
+        QVERIFY(removeTree(path(u"out"_s)));
+    }
 }
 
 void tst_splitting::fullDisk_data()
