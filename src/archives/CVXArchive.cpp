@@ -1,6 +1,7 @@
 #include "archives/CVXArchive.h"
 
 #include "archives/reading/CVPasswordValidator.h"
+#include "util/LXReleaseInBackground.h"
 
 #include <QLoggingCategory>
 #include <QSet>
@@ -118,6 +119,8 @@ void CVXArchive::preview()
         setCancelledStatus();
     // Listed archives are kept by the thousand, each with its tree; the open file has done its work.
     m_xadarchive.reset();
+    // Its entries may have taken as much memory as the tree does.
+    giveBackFreedMemory();
     previewComplete();
 }
 

@@ -12,6 +12,7 @@
 #include "platform/LXWorkspace.h"
 #include "sandbox/CVFileAuthenticator.h"
 #include "util/LXMainThread.h"
+#include "util/LXReleaseInBackground.h"
 
 #include <algorithm>
 #include <utility>

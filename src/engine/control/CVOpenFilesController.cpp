@@ -8,6 +8,7 @@
 #include "filetree/CVFileTreeBuilder.h"
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
+#include "util/LXReleaseInBackground.h"
 
 #include <QSet>
 

@@ -13,7 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <utility>
 
 /// One job that the controller has started, from its start to its tear-down.
@@ -134,12 +133,5 @@ namespace CVControl {
 
 /// A text of the controller.
 QString tr(const char *text);
-
-/// Frees what may hold a million nodes without holding up the main thread.
-template <typename T> void disposeElsewhere(T value)
-{
-    if (!value.empty())
-        std::thread([value = std::move(value)]() mutable { value.clear(); }).detach();
-}
 
 } // namespace CVControl

@@ -11,6 +11,7 @@
 #include "ui/outline/CVFileListView.h"
 #include "ui/outline/CVQuickLookPanel.h"
 #include "util/LXDisplay.h"
+#include "util/LXReleaseInBackground.h"
 
 #include <QAbstractItemView>
 #include <QAction>

@@ -13,6 +13,12 @@
 
 #include <algorithm>
 
+namespace {
+
+constexpr int mostLinesApart = 300;
+
+} // namespace
+
 CVFileGridView::CVFileGridView(CVFileNodeModel &model, QWidget *parent)
     : QListView(parent)
     , m_model(model)
@@ -185,16 +191,34 @@ void CVFileGridView::paintEvent(QPaintEvent *event)
 
 void CVFileGridView::setSelection(const QRect &rect, QItemSelectionModel::SelectionFlags command)
 {
+    const int count = m_model.rowCount();
+    QItemSelection selection;
+    if (state() != DragSelectingState) {
+        // From one item to another, as the keys and clicks ask for it: all in between in the order of
+        // reading.
+        const QModelIndex from = indexAt(rect.topLeft());
+        const QModelIndex to = indexAt(rect.bottomRight());
+        if (from.isValid() && to.isValid())
+            selection.select(std::min(from, to), std::max(from, to));
+        selectionModel()->select(selection, command);
+        return;
+    }
     const QSize cell = cellSize();
     const int across = columns();
-    const int count = m_model.rowCount();
     const QRect area = QStyle::visualRect(layoutDirection(), QRect(0, 0, viewport()->width(), 1), rect)
                            .translated(-CVTheme::unit / 2, verticalOffset() - CVTheme::unit / 2);
     const int left = std::clamp(area.left() / cell.width(), 0, across - 1);
     const int right = std::clamp(area.right() / cell.width(), 0, across - 1);
     const int top = std::max(area.top() / cell.height(), 0);
     const int bottom = std::min(area.bottom() / cell.height(), (count - 1) / across);
-    QItemSelection selection;
+    // Selections are compared range by range, so a rubber band over very many lines takes whole lines.
+    if ((left == 0 && right == across - 1) || bottom - top > mostLinesApart) {
+        if (count > 0 && top <= bottom)
+            selection.select(modelIndex(top * across),
+                             modelIndex(std::min(bottom * across + across, count) - 1));
+        selectionModel()->select(selection, command);
+        return;
+    }
     for (int line = top; count > 0 && line <= bottom; ++line) {
         const int first = line * across + left;
         const int last = std::min(line * across + right, count - 1);

@@ -5,8 +5,7 @@
 #include "ui/outline/CVLatestTask.h"
 #include "util/LXBytesValueTransformer.h"
 #include "util/LXDisplay.h"
-
-#include <QThreadPool>
+#include "util/LXReleaseInBackground.h"
 
 #include <algorithm>
 #include <utility>
@@ -21,12 +20,6 @@ constexpr std::size_t mostAtOnce = 400;
 constexpr int mostCompared = 20000;
 
 } // namespace
-
-void releaseInBackground(std::shared_ptr<const void> thing)
-{
-    if (thing)
-        QThreadPool::globalInstance()->start([held = std::move(thing)]() mutable { held.reset(); });
-}
 
 CVFileNodeModel::CVFileNodeModel(QObject *parent)
     : QAbstractTableModel(parent)

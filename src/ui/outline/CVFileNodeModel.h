@@ -121,6 +121,3 @@ private:
     std::unique_ptr<CVLatestTask> m_worker;
     std::unique_ptr<CVLatestTask> m_counter;
 };
-
-/// Lets go of it on another thread: taking down a million nodes takes a while.
-void releaseInBackground(std::shared_ptr<const void> thing);

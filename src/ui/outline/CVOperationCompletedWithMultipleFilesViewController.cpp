@@ -10,6 +10,7 @@
 #include "ui/base/CVSkippedEntriesView.h"
 #include "ui/base/CVTheme.h"
 #include "util/LXMainThread.h"
+#include "util/LXReleaseInBackground.h"
 
 #include <QAbstractItemView>
 #include <QAction>

@@ -8,6 +8,7 @@
 #include "ui/outline/CVFileListView.h"
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
+#include "util/LXReleaseInBackground.h"
 
 #include <QItemSelectionModel>
 #include <QKeyEvent>

@@ -14,19 +14,7 @@
 #include "ui/progress/CVProgressController.h"
 #include "ui/window/CVDropBoxViewController.h"
 #include "ui/window/CVFileAnalysisViewController.h"
-
-#include <QThreadPool>
-
-namespace {
-
-/// The trees of a million entries take longer to free than a frame lasts.
-void freeElsewhere(CVFileTreeController::Archives archives)
-{
-    if (!archives.empty())
-        QThreadPool::globalInstance()->start([freed = std::move(archives)]() mutable { freed.clear(); });
-}
-
-} // namespace
+#include "util/LXReleaseInBackground.h"
 
 CVWindowScreens::CVWindowScreens(CVOperationController &controller, CVNavigationController &navigation,
                                  QObject *parent)
@@ -83,7 +71,7 @@ void CVWindowScreens::resetPreviewedArchives()
     if (!m_controller)
         return;
     CVFileTreeController &tree = m_controller->fileTreeController();
-    freeElsewhere(tree.previewedArchives());
+    disposeElsewhere(tree.previewedArchives());
     tree.resetPreviewedArchives();
 }
 

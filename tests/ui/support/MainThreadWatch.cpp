@@ -1,28 +1,63 @@
 #include "ui/support/MainThreadWatch.h"
 
+#include "util/LXFileDescriptor.h"
 #include "util/LXMainThread.h"
 
+#include <QByteArray>
 #include <QCoreApplication>
 
 #include <algorithm>
+#include <array>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr auto beatPause = std::chrono::milliseconds(1);
+
+// How long the thread has been ready to go on and had no processor.
+std::chrono::nanoseconds queuedTime(int scheduleFile)
+{
+    std::array<char, 128> text{};
+    if (::pread(scheduleFile, text.data(), text.size() - 1, 0) <= 0)
+        return {};
+    return std::chrono::nanoseconds(QByteArray(text.data()).split(' ').value(1).toLongLong());
+}
+
+double inMilliseconds(std::chrono::nanoseconds time)
+{
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+} // namespace
 
 MainThreadWatch::MainThreadWatch()
     : m_shared(std::make_shared<Shared>())
-    , m_thread([this](const std::stop_token &stop) {
-        std::unique_lock lock(m_mutex);
+{
+    const QByteArray path = "/proc/self/task/" + QByteArray::number(::gettid()) + "/schedstat";
+    const auto schedule = std::make_shared<LXFileDescriptor>(::open(path.constData(), O_RDONLY | O_CLOEXEC));
+    m_thread = std::jthread([shared = m_shared, schedule](const std::stop_token &stop) {
+        std::unique_lock lock(shared->mutex);
         while (!stop.stop_requested()) {
-            if (!m_shared->isOnWay.exchange(true)) {
-                m_shared->sent = Clock::now().time_since_epoch().count();
-                LXMainThread::post([shared = m_shared] {
-                    const Clock::rep took = Clock::now().time_since_epoch().count() - shared->sent;
-                    shared->worst = std::max(shared->worst.load(), took);
+            if (!shared->isOnWay) {
+                shared->isOnWay = true;
+                shared->sent = Clock::now();
+                shared->queuedWhenSent = queuedTime(schedule->get());
+                LXMainThread::post([shared, schedule] {
+                    const std::lock_guard arrival(shared->mutex);
                     shared->isOnWay = false;
+                    const double took = inMilliseconds(Clock::now() - shared->sent);
+                    const auto queued = queuedTime(schedule->get()) - shared->queuedWhenSent;
+                    Stall &worst = shared->worst;
+                    worst.milliseconds = std::max(worst.milliseconds, took);
+                    worst.own = std::max(worst.own, took - inMilliseconds(queued));
                 });
             }
-            m_pause.wait_for(lock, stop, std::chrono::milliseconds(5), [] { return false; });
+            shared->change.wait_for(lock, stop, beatPause, [] { return false; });
         }
-    })
-{}
+    });
+}
 
 MainThreadWatch::~MainThreadWatch()
 {
@@ -33,11 +68,13 @@ MainThreadWatch::~MainThreadWatch()
 void MainThreadWatch::reset()
 {
     QCoreApplication::processEvents();
-    m_shared->worst = 0;
+    const std::lock_guard lock(m_shared->mutex);
+    m_shared->worst = {};
 }
 
-double MainThreadWatch::worstMilliseconds()
+MainThreadWatch::Stall MainThreadWatch::worst()
 {
     QCoreApplication::processEvents();
-    return std::chrono::duration<double, std::milli>(Clock::duration(m_shared->worst.load())).count();
+    const std::lock_guard lock(m_shared->mutex);
+    return m_shared->worst;
 }
