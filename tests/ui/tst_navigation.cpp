@@ -290,6 +290,33 @@ private Q_SLOTS:
         QTRY_COMPARE(content(), QSize(700, 500));
     }
 
+    void windowGrowsWithTheSlide_data()
+    {
+        QTest::addColumn<bool>("reduced");
+        QTest::newRow("motion") << false;
+        QTest::newRow("none") << true;
+    }
+
+    void windowGrowsWithTheSlide()
+    {
+        QFETCH(bool, reduced);
+        CVTheme::setReducedMotion(reduced);
+        Window window;
+        window.navigation.slideAnimation()->setSpeed(1);
+        const auto content = [&] { return window.window.container()->size(); };
+        window.run(u"options"_s);
+        // What comes in does not have to lay itself out anew on the way.
+        QCOMPARE(window.screen(u"options"_s).view()->size(), QSize(700, 500));
+        if (!reduced) {
+            QVERIFY(content().width() < 600);
+            QTRY_VERIFY(content().width() > CVTheme::initialSize().width() && content().width() < 700);
+        }
+        QTRY_COMPARE(content(), QSize(700, 500));
+        QVERIFY(window.waitUntilStill());
+        QCOMPARE(content(), QSize(700, 500));
+        QVERIFY(window.window.maximumSize().width() > 5000);
+    }
+
     void keysBelongToTheCurrentScreen()
     {
         Window window;

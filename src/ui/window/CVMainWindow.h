@@ -2,10 +2,12 @@
 
 #include <QMainWindow>
 
+#include <chrono>
 #include <functional>
 
 class CVToolbar;
 class QMenu;
+class QVariantAnimation;
 
 /// The window without what is in it: menu bar, tool bar, and the container that screens slide through.
 /// Main thread.
@@ -24,8 +26,12 @@ public:
     QMenu *helpMenu() const { return m_helpMenu; }
 
     /// Makes the content `size` large, kept on the screen; a window that is not resizable has that size for
-    /// good. Device-independent pixels.
-    void fitToContent(QSize size, QSize minimum, bool resizable);
+    /// good. Device-independent pixels. A visible window grows or shrinks to it in the given time. Returns
+    /// the size that the content will have then.
+    QSize fitToContent(QSize size, QSize minimum, bool resizable,
+                       std::chrono::milliseconds time = std::chrono::milliseconds(0));
+    /// At once, if it is still on its way.
+    void finishFitting();
     QSize contentSize() const;
 
     /// Asked when the window is about to close; false keeps it.
@@ -47,6 +53,9 @@ protected:
 
 private:
     QSize chrome() const;
+    void fitStep(const QVariant &size);
+    void arrive();
+    void keepOnScreen();
 
     QWidget *m_container = nullptr;
     CVToolbar *m_toolbar = nullptr;
@@ -54,6 +63,10 @@ private:
     QMenu *m_actionMenu = nullptr;
     QMenu *m_helpMenu = nullptr;
     std::function<bool()> m_mayClose;
+    QVariantAnimation *m_fitting = nullptr;
+    QSize m_goal; ///< of the window
+    QSize m_goalMinimum;
+    QSize m_goalMaximum;
     bool m_wasPainted = false;
     bool m_wasHiddenByClose = false;
 };

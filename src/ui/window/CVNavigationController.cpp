@@ -14,6 +14,7 @@
 #include <QMenu>
 
 #include <algorithm>
+#include <cmath>
 
 using namespace Qt::StringLiterals;
 
@@ -218,11 +219,11 @@ void CVNavigationController::updateTitle()
     m_window->setWindowTitle(title);
 }
 
-void CVNavigationController::fitWindow(const CVViewController &screen)
+QSize CVNavigationController::fitWindow(const CVViewController &screen, std::chrono::milliseconds time)
 {
-    m_window->fitToContent(screen.size().expandedTo(screen.view()->minimumSizeHint()),
-                           screen.view()->minimumSizeHint().expandedTo(CVTheme::initialSize()),
-                           screen.isResizable());
+    return m_window->fitToContent(screen.size().expandedTo(screen.view()->minimumSizeHint()),
+                                  screen.view()->minimumSizeHint().expandedTo(CVTheme::initialSize()),
+                                  screen.isResizable(), time);
 }
 
 CVViewController *CVNavigationController::screenOf(const QWidget *view) const
@@ -234,19 +235,23 @@ CVViewController *CVNavigationController::screenOf(const QWidget *view) const
     return nullptr;
 }
 
-// The window has its new size from the first step of the slide on, so the one that comes in shows all of
-// itself, and the one that goes is covered no matter which of the two is larger.
+// The window grows or shrinks with the slide. The one that comes in has the larger of the sizes on both ends,
+// so it shows all of itself and covers the window; the one that goes keeps its own.
 void CVNavigationController::slideAnimationWillStart(QWidget *nextView)
 {
     if (QWidget *focused = m_window->focusWidget();
         !focused || m_window->container()->isAncestorOf(focused) || focused == m_window->container())
         static_cast<CVSlideContainer *>(m_window->container())->holdKeyboard();
-    if (const CVViewController *screen = screenOf(nextView))
-        fitWindow(*screen);
+    const CVViewController *screen = screenOf(nextView);
+    if (!screen)
+        return;
+    const auto time = std::chrono::milliseconds(std::lround(m_slides->speed() * 1000));
+    m_slides->setNextSize(fitWindow(*screen, CVTheme::reducedMotion() ? std::chrono::milliseconds(0) : time));
 }
 
 void CVNavigationController::slideAnimationDidEnd(QWidget *currentView)
 {
+    m_window->finishFitting();
     CVViewController *screen = screenOf(currentView);
     if (!screen)
         return;

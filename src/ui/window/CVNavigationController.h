@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QPointer>
 
+#include <chrono>
 #include <functional>
 
 class CVMainWindow;
@@ -133,7 +134,7 @@ private:
     void giveBars(CVViewController &screen);
     void takeBars();
     void updateTitle();
-    void fitWindow(const CVViewController &screen);
+    QSize fitWindow(const CVViewController &screen, std::chrono::milliseconds time = {});
     CVViewController *screenOf(const QWidget *view) const;
 
     void slideAnimationWillStart(QWidget *nextView) override;

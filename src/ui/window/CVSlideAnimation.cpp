@@ -51,6 +51,13 @@ void CVSlideAnimation::loadView(QWidget *nextView, bool fromRight)
     takeOldest();
 }
 
+void CVSlideAnimation::setNextSize(QSize size)
+{
+    m_nextSize = size;
+    if (m_next)
+        m_next->resize(m_container->size().expandedTo(size));
+}
+
 void CVSlideAnimation::stop()
 {
     m_pending.clear();
@@ -88,6 +95,7 @@ void CVSlideAnimation::fire(QWidget *nextView, bool fromRight)
 {
     m_next = nextView;
     m_fromRight = fromRight;
+    m_nextSize = {};
     place(nextView);
     m_slide = new QParallelAnimationGroup(this);
     if (m_delegate)
@@ -157,7 +165,7 @@ bool CVSlideAnimation::eventFilter(QObject *watched, QEvent *event)
 {
     if (watched == m_container && event->type() == QEvent::Resize) {
         if (m_slide && m_next && m_current && m_slideIn) {
-            m_next->resize(m_container->size());
+            m_next->resize(m_container->size().expandedTo(m_nextSize));
             if (m_slide->state() == QAbstractAnimation::Running)
                 aim();
         } else if (QWidget *view = m_next ? m_next : m_current) {

@@ -13,7 +13,8 @@ class CVSlideAnimationDelegate
 {
 public:
     virtual ~CVSlideAnimationDelegate() = default;
-    /// The view is about to come in; it has the size of the container now.
+    /// The view is about to come in; it has the size of the container now. Where that will grow with the
+    /// slide, setNextSize() says so.
     virtual void slideAnimationWillStart(QWidget *nextView) = 0;
     /// It is the current view, and the one before is hidden.
     virtual void slideAnimationDidEnd(QWidget *currentView) = 0;
@@ -51,6 +52,9 @@ public:
     /// Shows the first view without a slide.
     void setCurrentView(QWidget *view);
     void loadView(QWidget *nextView, bool fromRight);
+    /// From slideAnimationWillStart: the view that comes in is at least that large all the way, so it need
+    /// not lay itself out anew with each step of a container that grows.
+    void setNextSize(QSize size);
     /// Forgets what waits and ends what moves, without a word to the delegate.
     void stop();
 
@@ -72,6 +76,7 @@ private:
     QPointer<QWidget> m_container;
     QPointer<QWidget> m_current;
     QPointer<QWidget> m_next;
+    QSize m_nextSize; ///< at least, while it moves
     CVSlideAnimationDelegate *m_delegate = nullptr;
     float m_speed = 0.5F;
     std::deque<Pending> m_pending; ///< new ones at the front
