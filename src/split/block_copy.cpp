@@ -66,6 +66,11 @@ void BlockCopier::findExtent(std::uint64_t at)
     m_extentStart = at;
     m_extentIsHole = false;
     m_extentEnd = std::numeric_limits<std::uint64_t>::max(); // where the file system knows of no holes
+    // With room for every byte there are none. In memory the search goes through the whole file.
+    struct stat facts;
+    constexpr off_t bytesABlock = 512;
+    if (::fstat(m_from, &facts) == 0 && facts.st_blocks * bytesABlock >= facts.st_size)
+        return;
     off_t data = ::lseek(m_from, from, SEEK_DATA);
     if (data < 0 && errno == ENXIO) { // no more data: a hole, or the end
         data = ::lseek(m_from, 0, SEEK_END);
