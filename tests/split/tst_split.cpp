@@ -10,6 +10,7 @@
 #include "split/split_names.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
+#include "util/LXRemoveTree.h"
 
 #include <QDir>
 #include <QFile>
@@ -290,6 +291,7 @@ void TestSplit::namesThatAreNoText()
         QCOMPARE(::read(back.get(), bytes.data(), 300), 250);
         QCOMPARE(bytes.left(250), data);
     }
+    QVERIFY(removeTree(folder.path())); // QTemporaryDir does not see such names
 }
 
 void TestSplit::adapters()
