@@ -5,7 +5,6 @@
 #include <QStandardPaths>
 
 #include <cerrno>
-#include <mutex>
 
 namespace {
 
@@ -22,18 +21,6 @@ constexpr ToolPackage packages[] = {
     {"uncompress", "gzip"}, {"7za", "p7zip-full"}, {"7z", "p7zip-full"}, {"rar", "rar"},
     {"sh", "dash"},
 };
-
-std::mutex &folderMutex()
-{
-    static std::mutex mutex;
-    return mutex;
-}
-
-QString &givenFolder()
-{
-    static QString folder;
-    return folder;
-}
 
 bool isProgram(const QString &path)
 {
@@ -90,16 +77,7 @@ QString packageOfTool(const QString &name)
 
 QString resourcesFolder()
 {
-    const std::lock_guard lock(folderMutex());
-    if (!givenFolder().isEmpty())
-        return givenFolder();
     return QCoreApplication::applicationDirPath() + QStringLiteral("/../share/corvane/tools");
-}
-
-void setResourcesFolder(const QString &folder)
-{
-    const std::lock_guard lock(folderMutex());
-    givenFolder() = folder;
 }
 
 } // namespace CVToolPaths

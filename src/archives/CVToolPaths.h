@@ -26,7 +26,6 @@ QString packageOfTool(const QString &name);
 /// The folder that is searched before PATH; by default share/corvane/tools beside the folder of the
 /// executable. Any thread.
 QString resourcesFolder();
-void setResourcesFolder(const QString &folder);
 
 constexpr const char *errorDomain = "CVToolPaths";
 

@@ -3,7 +3,6 @@
 #include "util/LXFileName.h"
 
 #include <QCoreApplication>
-#include <QFile>
 #include <QProcessEnvironment>
 #include <QStandardPaths>
 
@@ -733,22 +732,6 @@ void LXChildProcess::interruptRead()
 pid_t LXChildProcess::processId() const
 {
     return d->pid;
-}
-
-std::optional<std::chrono::milliseconds> LXChildProcess::processorTime() const
-{
-    if (d->exit)
-        return std::nullopt;
-    QFile file(QStringLiteral("/proc/%1/stat").arg(d->pid));
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    // The second field is the program's name in brackets and may hold anything.
-    const QByteArray text = file.readAll();
-    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-    if (fields.size() < 13)
-        return std::nullopt;
-    const qint64 ticks = fields[11].toLongLong() + fields[12].toLongLong();
-    return std::chrono::milliseconds(ticks * 1000 / std::max(1L, ::sysconf(_SC_CLK_TCK)));
 }
 
 int LXChildProcess::confinementLevel()

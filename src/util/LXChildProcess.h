@@ -128,9 +128,6 @@ public:
 
     pid_t processId() const;
 
-    /// Processor time used by the child itself until now; nothing when it has ended.
-    std::optional<std::chrono::milliseconds> processorTime() const;
-
     /// The version of the kernel's Landlock; 0 when it has none and `confined` is without effect.
     static int confinementLevel();
 

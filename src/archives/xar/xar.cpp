@@ -145,14 +145,6 @@ xar_file_t xar_file_next(const xar_archive &archive, xar_iter &iterator)
     return iterator.next < files.size() ? &files[iterator.next++] : nullptr;
 }
 
-QByteArray xar_path(const xar_file &file)
-{
-    QByteArray path = file.name;
-    for (xar_file_t folder = file.parent; folder; folder = folder->parent)
-        path = folder->name + '/' + path;
-    return path;
-}
-
 LXResult<void> xar_extract(const xar_archive &archive, const xar_file &file, const xar_receiver &receiver)
 {
     if (!archive.d->reader)

@@ -32,7 +32,7 @@ struct xar_checksum
     QByteArray value; ///< binary
 };
 
-/// One entry of an archive, owned by it. Nothing in it was made safe: see xar_path().
+/// One entry of an archive, owned by it. Nothing in it was made safe.
 struct xar_file
 {
     enum class Type : std::uint8_t { file, directory, symlink, hardlink, special };
@@ -109,9 +109,6 @@ xar_iter_t xar_iter_new();
 /// Null: there is none.
 xar_file_t xar_file_first(const xar_archive &archive, xar_iter &iterator);
 xar_file_t xar_file_next(const xar_archive &archive, xar_iter &iterator);
-
-/// Names from the top joined by "/". Not made safe.
-QByteArray xar_path(const xar_file &file);
 
 /// Takes at most 256 KiB a call; false stops.
 using xar_receiver = std::function<bool(const char *data, std::size_t size)>;

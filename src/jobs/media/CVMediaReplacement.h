@@ -35,7 +35,6 @@ public:
     LXResult<void> open();
 
     int source() const { return m_source.get(); }
-    qint64 sourceSize() const { return m_facts.st_size; }
     /// Lower-case, ASCII letters and digits only.
     QByteArray sourceExtension() const;
     /// For reading and writing.

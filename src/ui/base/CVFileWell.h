@@ -24,7 +24,6 @@ public:
     /// Neither is by default.
     void setDragOutAllowed(bool allowed);
     void setDropAllowed(bool allowed);
-    bool isDropAllowed() const { return acceptDrops(); }
     /// The rounded field is drawn even when nothing hovers over it.
     void setFieldVisible(bool visible);
 

@@ -71,7 +71,6 @@ private:
     void setupFormatButtons();
     void selectButtonOfBinding();
     void select(CVFormatButton *button);
-    void setFinishActionAndBinding();
     void setNewHeight();
 
     void refreshAll();

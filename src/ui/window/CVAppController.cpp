@@ -112,7 +112,6 @@ void CVAppController::finishLaunching()
     m_files.clear();
     m_isLaunchComplete = true;
     main->operationController()->setLaunchComplete();
-    Q_EMIT launchCompleted();
 }
 
 void CVAppController::openFiles(const QStringList &paths)

@@ -49,7 +49,6 @@ public:
     const std::shared_ptr<CVOperationQueue> &queue() const { return m_queue; }
 
 Q_SIGNALS:
-    void launchCompleted();
     void terminated();
 
 private:
