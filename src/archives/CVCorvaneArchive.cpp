@@ -8,6 +8,7 @@
 #include "util/LXChildProcess.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QRegularExpression>
@@ -36,12 +37,6 @@ double countOfItems(const QByteArray &folder)
          !error && it != end; it.increment(error))
         ++count;
     return count;
-}
-
-QString parentOf(const QString &path)
-{
-    const qsizetype slash = path.lastIndexOf(u'/');
-    return slash < 0 ? QString() : path.left(slash);
 }
 
 } // namespace
@@ -373,7 +368,7 @@ void CVCorvaneArchive::buildPreviewFileTree()
     const std::size_t count = m_currentPreviewedFiles.size();
     for (std::size_t i = 0; i < count && !m_isCancelled; ++i) {
         const Nested &nested = m_currentPreviewedFiles[i];
-        const auto parent = m_currentPreviewedFileNodeDirectories.constFind(parentOf(nested.name));
+        const auto parent = m_currentPreviewedFileNodeDirectories.constFind(parentPath(nested.name));
         const bool isFound =
             parent != m_currentPreviewedFileNodeDirectories.constEnd() && *parent != nested.node;
         (isFound ? *parent : m_filePreviews)->appendChild(nested.node);

@@ -2,6 +2,7 @@
 
 #include "archives/reading/CVPasswordValidator.h"
 #include "util/LXReleaseInBackground.h"
+#include "util/path_parts.h"
 
 #include <QLoggingCategory>
 #include <QSet>
@@ -12,12 +13,6 @@ namespace {
 
 // From this many nested entries on, building the tree takes long enough to be worth reporting.
 constexpr std::size_t reportTreeFrom = 5001;
-
-QString parentOf(const QString &path)
-{
-    const qsizetype slash = path.lastIndexOf(u'/');
-    return slash < 0 ? QString() : path.left(slash);
-}
 
 /// The components that count: "./a//b" and "a/b" are the same place.
 QStringList withoutDots(const QString &path)
@@ -162,12 +157,12 @@ void CVXArchive::buildPreviewFileTree(Listing &listing)
     const std::size_t count = listing.files.size();
     for (std::size_t i = 0; i < count && !m_cancelled; ++i) {
         const Listing::Nested &file = listing.files[i];
-        const QString parentPath = parentOf(file.name);
-        std::shared_ptr<CVFileNode> parent = directory(parentPath);
+        const QString above = parentPath(file.name);
+        std::shared_ptr<CVFileNode> parent = directory(above);
         if (parent == m_filePreviews) {
-            parent = CVFileNode::previewDirectoryNodeWithFilename(parentPath);
-            listing.addDirectory(parentPath, parent);
-            made.push_back({parentPath, parent});
+            parent = CVFileNode::previewDirectoryNodeWithFilename(above);
+            listing.addDirectory(above, parent);
+            made.push_back({above, parent});
         }
         parent->appendChild(file.node);
         if (count >= reportTreeFrom)
@@ -175,7 +170,7 @@ void CVXArchive::buildPreviewFileTree(Listing &listing)
     }
     // Only one level is made up: a made folder whose own parent is missing too hangs under the root.
     for (const Listing::Nested &folder : made)
-        directory(parentOf(folder.name))->appendChild(folder.node);
+        directory(parentPath(folder.name))->appendChild(folder.node);
     m_previewFiles.clear();
     for (const auto &child : m_filePreviews->children())
         m_previewFiles.push_back(child);

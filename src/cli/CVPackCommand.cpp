@@ -12,6 +12,7 @@
 #include "engine/model/CVSettings.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QEventLoop>
 #include <QHash>
@@ -27,11 +28,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int usageStatus = 2;
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 /// What is at the path, the link itself where it is one; nothing with errno set.
 std::optional<struct stat> itemAt(const QString &path)

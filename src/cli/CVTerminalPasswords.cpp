@@ -2,6 +2,7 @@
 
 #include "cli/CVTerminal.h"
 #include "util/LXFileDescriptor.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -17,11 +18,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qsizetype longestPassword = 64 * 1024; // a wrong file, a device for instance, ends here
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 LXError passwordError(const QString &reason)
 {

@@ -1,6 +1,7 @@
 #include "filetree/CVFileTreeBuilder.h"
 
 #include "util/LXLog.h"
+#include "util/path_parts.h"
 
 #include <QSet>
 
@@ -23,8 +24,7 @@ void CVFileTreeBuilder::addFiles(const QStringList &paths, CVFileNode &tree, con
         if (stop.stop_requested())
             return;
         if (loaded.contains(path)) {
-            LX_DEBUG(lcBuilder, "File %s already loaded, skipping",
-                     qUtf8Printable(path.mid(path.lastIndexOf(u'/') + 1)));
+            LX_DEBUG(lcBuilder, "File %s already loaded, skipping", qUtf8Printable(lastComponent(path)));
             continue;
         }
         loaded.insert(path);

@@ -6,6 +6,7 @@
 #include "util/LXLog.h"
 #include "util/LXRemoveTree.h"
 #include "util/LXRename.h"
+#include "util/path_parts.h"
 #include "util/unique_destination.h"
 #include "util/unique_string.h"
 
@@ -30,11 +31,6 @@ Q_LOGGING_CATEGORY(lcDelivery, "corvane.jobs.delivery")
 QString tr(const char *text)
 {
     return QCoreApplication::translate("CVArchiveDelivery", text);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 QString folderOf(const QString &path)

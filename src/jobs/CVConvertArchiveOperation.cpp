@@ -8,6 +8,7 @@
 #include "jobs/CVJobFolders.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 
@@ -22,11 +23,6 @@ namespace {
 QString tr(const char *text)
 {
     return QCoreApplication::translate("CVConvertArchiveOperation", text);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 /// With the slash at its end.

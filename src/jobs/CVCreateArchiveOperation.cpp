@@ -12,6 +12,7 @@
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 
@@ -35,11 +36,6 @@ constexpr unsigned long fullDiskBytes = 64 * 1024;
 QString tr(const char *text)
 {
     return QCoreApplication::translate("CVCreateArchiveOperation", text);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 int makeFolder(const QString &path, mode_t mode)

@@ -12,6 +12,7 @@
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXPendingAnswer.h"
+#include "util/path_parts.h"
 #include "util/unique_destination.h"
 
 #include <QCollator>
@@ -39,11 +40,6 @@ Q_LOGGING_CATEGORY(lcExtract, "corvane.jobs.extract")
 QString tr(const char *text)
 {
     return QCoreApplication::translate("CVExtractArchivesOperation", text);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 // At least 1, so that every archive is a part of its batch.

@@ -5,6 +5,7 @@
 #include "util/LXCopyFile.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 #include "util/unique_destination.h"
 
 #include <QCoreApplication>
@@ -37,11 +38,6 @@ QString systemText(int failure)
 QString shown(QByteArrayView path)
 {
     return LXDisplay::displayEscaped(fileNameFromBytes(path));
-}
-
-QByteArray lastComponent(const QByteArray &path)
-{
-    return path.mid(path.lastIndexOf('/') + 1);
 }
 
 QByteArray folderOf(const QByteArray &path)

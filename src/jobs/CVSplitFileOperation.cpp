@@ -7,6 +7,7 @@
 #include "split/split_exceptions.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -23,11 +24,6 @@ namespace {
 QString tr(const char *text)
 {
     return QCoreApplication::translate("CVSplitFileOperation", text);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 QString withoutExtension(const QString &name)

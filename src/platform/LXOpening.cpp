@@ -2,6 +2,7 @@
 
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QMimeDatabase>
 #include <QMimeType>
@@ -101,11 +102,6 @@ bool nameStarts(const QMimeDatabase &types, const QString &name, bool mayBeExecu
     const QList<QMimeType> named = types.mimeTypesForFileName(matchableFileName(name));
     return std::any_of(named.begin(), named.end(),
                        [&](const QMimeType &type) { return starts(type, mayBeExecuted); });
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 QString nameBehindLinks(const QByteArray &path)

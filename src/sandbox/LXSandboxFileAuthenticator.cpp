@@ -3,6 +3,7 @@
 #include "platform/LXSettingsStore.h"
 #include "util/LXLog.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -20,11 +21,6 @@ Q_LOGGING_CATEGORY(lcSandbox, "corvane.sandbox")
 QString text(const char *key)
 {
     return QCoreApplication::translate("LXSandboxFileAuthenticator", key);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 bool covers(const QString &grant, const QString &path)

@@ -12,6 +12,7 @@
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -34,11 +35,6 @@ constexpr std::size_t blockBytes = 1 << 20;
 constexpr std::size_t compressedBlockBytes = 64 << 10;
 // A list of names and sums: a thousand parts take some hundred kilobytes.
 constexpr qint64 longestChecksumFile = 64 << 20;
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 QString text(const char *key)
 {

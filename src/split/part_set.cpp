@@ -3,6 +3,7 @@
 #include "split/block_copy.h"
 #include "split/split_names.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 
@@ -17,11 +18,6 @@ namespace {
 QString text(const char *key)
 {
     return QCoreApplication::translate("CVFileCombiner", key);
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "archives/archive_string.h"
 #include "split/split_exceptions.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QRegularExpression>
 
@@ -13,11 +14,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr quint64 letters = 26;
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 } // namespace
 

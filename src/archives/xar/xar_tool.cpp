@@ -3,6 +3,7 @@
 #include "archives/xar/CVXarListing.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QSet>
 
@@ -186,7 +187,7 @@ int create(const Arguments &arguments)
         QByteArray path = given;
         while (path.size() > 1 && path.endsWith('/'))
             path.chop(1);
-        const QByteArray name = path.mid(path.lastIndexOf('/') + 1);
+        const QByteArray name = lastComponent(path);
         if (arguments.verbose)
             print(CVXarListing::escaped(name));
         xar_file_t entry = nullptr;

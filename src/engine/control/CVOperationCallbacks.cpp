@@ -8,6 +8,7 @@
 #include "platform/LXDesktopFolders.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,11 +17,6 @@ using namespace CVControl;
 using namespace Qt::StringLiterals;
 
 namespace {
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 QString parentOf(const QString &path)
 {

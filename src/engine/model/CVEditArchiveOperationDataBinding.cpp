@@ -6,6 +6,7 @@
 #include "engine/model/CVRarToolStatus.h"
 #include "engine/model/CVSettings.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QMimeDatabase>
@@ -200,7 +201,7 @@ QString CVEditArchiveOperationDataBinding::smartArchiveName() const
     QString path = m_sourcePath;
     while (path.size() > 1 && path.endsWith(u'/'))
         path.chop(1);
-    const QString name = withoutExtension(path.mid(path.lastIndexOf(u'/') + 1));
+    const QString name = withoutExtension(lastComponent(path));
     return name.endsWith(".tar"_L1, Qt::CaseInsensitive) ? withoutExtension(name) : name;
 }
 

@@ -2,6 +2,7 @@
 
 #include "archives/archive_string.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
 
 #include <QSet>
 
@@ -97,7 +98,7 @@ Kind kindOfFile(const QByteArray &path, int imageType, int audioType)
     // As Latin 1, because patterns match nothing in a text with bytes that are no UTF-8; what is looked
     // for is ASCII.
     const QString text = QString::fromLatin1(path);
-    const QString extension = QString::fromLatin1(extensionOfName(path.mid(path.lastIndexOf('/') + 1)));
+    const QString extension = QString::fromLatin1(extensionOfName(lastComponent(path)));
     if (audioType != 0 && extension != audioExtension(audioType) && isAudioFile(text))
         return Kind::Audio;
     static const QSet<QString> images(imageFileTypes().begin(), imageFileTypes().end());

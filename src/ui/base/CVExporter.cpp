@@ -2,6 +2,7 @@
 
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 #include "util/unique_destination.h"
 
 #include <QCoreApplication>
@@ -16,18 +17,13 @@ QString tr(const char *text)
     return QCoreApplication::translate("CVExporter", text);
 }
 
-QString nameOf(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
-
 LXError inWords(LXError error, const QString &path, const QString &folder)
 {
     error.description = tr("“%1” was not moved.").arg(LXDisplay::displayName(path));
     const QString place = LXDisplay::displayName(folder);
     switch (error.code) {
     case EEXIST:
-        error.reason = path == folder + u'/' + nameOf(path)
+        error.reason = path == folder + u'/' + lastComponent(path)
                            ? tr("It is in “%1” already.").arg(place)
                            : tr("“%1” has something of that name already, which was kept.").arg(place);
         break;
@@ -96,7 +92,7 @@ void CVExporter::start(const QStringList &paths, const QString &folder)
         for (const QString &path : paths) {
             if (stop.stop_requested())
                 break;
-            const auto moved = moveToDestination(path, folder, nameOf(path), watch);
+            const auto moved = moveToDestination(path, folder, lastComponent(path), watch);
             if (moved)
                 outcome.moved.append(moved.value());
             else if (moved.error().code != ECANCELED)

@@ -3,6 +3,7 @@
 #include "archives/archive_string.h"
 #include "engine/model/CVSettings.h"
 #include "util/LXDisplay.h"
+#include "util/path_parts.h"
 
 CVConvertArchiveViewController::CVConvertArchiveViewController(CVOptionServices services,
                                                                CVScreenNavigator &navigator, QObject *parent)
@@ -23,7 +24,7 @@ std::shared_ptr<CVConvertOperationDataBinding> CVConvertArchiveViewController::o
 
 QString CVConvertArchiveViewController::suggestedName(const CVFileNode &) const
 {
-    const QString name = binding()->sourcePath().mid(binding()->sourcePath().lastIndexOf(u'/') + 1);
+    const QString name = lastComponent(binding()->sourcePath());
     // "x.part1.rar" and "x.7z.001" are pieces of x.
     return isMultipartArchive(name) ? stringByDeletingArchivePathExtension(name)
                                     : binding()->smartArchiveName();
@@ -34,7 +35,7 @@ QString CVConvertArchiveViewController::nameConflict(const QString &name) const
     const QString &source = binding()->sourcePath();
     const bool sameFolder = CVSettings::integer(CVSettingsKey::extractDestination) ==
                             static_cast<int>(CVExtractDestination::ArchiveFolder);
-    return sameFolder && binding()->chunkSize() == 0 && source.mid(source.lastIndexOf(u'/') + 1) == name
+    return sameFolder && binding()->chunkSize() == 0 && lastComponent(source) == name
                ? tr("This is the archive itself: choose another name or format")
                : QString();
 }

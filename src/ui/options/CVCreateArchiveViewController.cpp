@@ -2,6 +2,7 @@
 
 #include "archives/CVArchiveNameGenerator.h"
 #include "util/LXDisplay.h"
+#include "util/path_parts.h"
 
 #include <QDir>
 #include <QStandardPaths>
@@ -11,16 +12,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-QString parentFolder(const QString &path)
-{
-    return path.left(std::max<qsizetype>(path.lastIndexOf(u'/'), 0));
-}
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 /// Everything lies there at some time; its name says nothing about what is packed.
 bool isEverydayFolder(const QString &folder)
@@ -64,9 +55,9 @@ QString CVCreateArchiveViewController::suggestedName(const CVFileNode &files) co
     }
     if (items.empty())
         return CVArchiveNameGenerator::fallbackName();
-    const QString folder = parentFolder(items.front()->filename());
+    const QString folder = parentPath(items.front()->filename());
     const bool together = std::ranges::all_of(
-        items, [&](const CVFileNode::Pointer &item) { return parentFolder(item->filename()) == folder; });
+        items, [&](const CVFileNode::Pointer &item) { return parentPath(item->filename()) == folder; });
     return together && !isEverydayFolder(folder) ? lastComponent(folder)
                                                  : CVArchiveNameGenerator::fallbackName();
 }

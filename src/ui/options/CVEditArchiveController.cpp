@@ -12,6 +12,7 @@
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QAction>
 #include <QCheckBox>
@@ -323,9 +324,8 @@ void CVEditArchiveController::fileWellHasNewFiles(const QStringList &paths)
 {
     if (m_services.activateApp)
         m_services.activateApp();
-    const auto found = std::ranges::find_if(paths, [](const QString &path) {
-        return path.mid(path.lastIndexOf(u'/') + 1).startsWith("rarosx-"_L1);
-    });
+    const auto found = std::ranges::find_if(
+        paths, [](const QString &path) { return lastComponent(path).startsWith("rarosx-"_L1); });
     if (found != paths.cend() && m_services.installRarFromFile)
         LXMainThread::post([install = m_services.installRarFromFile, path = *found] { install(path); });
 }

@@ -10,6 +10,7 @@
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
+#include "util/path_parts.h"
 
 #include <QAction>
 #include <QCheckBox>
@@ -192,7 +193,7 @@ void CVSplitViewController::setFile(const QString &path)
 {
     m_path = path;
     m_fileSize.reset();
-    const QString name = path.mid(path.lastIndexOf(u'/') + 1);
+    const QString name = lastComponent(path);
     const int icon = CVTheme::scaled(usualIcon);
     m_icon->setPixmap(
         LXFileIcons::iconForName(name, false).pixmap(QSize(icon, icon), view()->devicePixelRatio()));

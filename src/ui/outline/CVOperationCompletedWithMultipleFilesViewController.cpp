@@ -11,6 +11,7 @@
 #include "ui/base/CVTheme.h"
 #include "util/LXMainThread.h"
 #include "util/LXReleaseInBackground.h"
+#include "util/path_parts.h"
 
 #include <QAbstractItemView>
 #include <QAction>
@@ -189,7 +190,7 @@ void CVOperationCompletedWithMultipleFilesViewController::exportEnded(const CVEx
         return;
     }
     // What was moved is shown where it went.
-    const auto nameOf = [](const QString &path) { return path.mid(path.lastIndexOf(u'/') + 1); };
+    const auto nameOf = [](const QString &path) { return lastComponent(path); };
     QStringList paths = m_paths;
     for (const QString &moved : outcome.moved) {
         const auto old = std::ranges::find(paths, nameOf(moved), nameOf);
