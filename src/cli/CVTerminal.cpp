@@ -2,6 +2,7 @@
 
 #include "cli/CVTerminalProgress.h"
 #include "cli/terminal_text.h"
+#include "util/write_all.h"
 
 #include <cerrno>
 #include <memory>
@@ -21,28 +22,6 @@ constexpr auto redrawPeriod = std::chrono::milliseconds(100);
 // A bar for work that is over before it can be read is only a flicker.
 constexpr auto progressDelay = std::chrono::milliseconds(150);
 constexpr qsizetype longestAnswer = 4096;
-
-bool writeAll(int fd, const QByteArray &bytes)
-{
-    const char *at = bytes.constData();
-    qsizetype left = bytes.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, at, static_cast<size_t>(left));
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            if (errno == EAGAIN) {
-                pollfd wait = {fd, POLLOUT, 0};
-                ::poll(&wait, 1, -1);
-                continue;
-            }
-            return false;
-        }
-        at += n;
-        left -= n;
-    }
-    return true;
-}
 
 int columns(int fd)
 {

@@ -2,6 +2,7 @@
 
 #include "util/LXFileDescriptor.h"
 #include "util/LXLog.h"
+#include "util/write_all.h"
 
 #include <QDir>
 #include <QFile>
@@ -143,20 +144,6 @@ struct Stamp
 Stamp stampOf(const struct stat &facts)
 {
     return {facts.st_ino, facts.st_mtim.tv_sec, facts.st_mtim.tv_nsec, facts.st_size};
-}
-
-bool writeAll(int fd, const QByteArray &data)
-{
-    qsizetype written = 0;
-    while (written < data.size()) {
-        const ssize_t n = ::write(fd, data.constData() + written, static_cast<size_t>(data.size() - written));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        written += n;
-    }
-    return true;
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "split/split_names.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
+#include "util/path_parts.h"
 
 #include <QLoggingCategory>
 
@@ -25,11 +26,6 @@ namespace {
 Q_LOGGING_CATEGORY(lcSplitter, "corvane.split.splitter", QtInfoMsg)
 
 constexpr quint64 blockBytes = 1 << 20;
-
-QString lastComponent(const QString &path)
-{
-    return path.mid(path.lastIndexOf(u'/') + 1);
-}
 
 quint64 fileSize(const QString &path)
 {
@@ -217,7 +213,7 @@ void CVFileSplitter::closePart()
 
 void CVFileSplitter::writeData(const char *data, std::size_t size)
 {
-    writeAll(m_outputFile.get(), data, size);
+    writeOrThrow(m_outputFile.get(), data, size);
     tellProgress(size);
 }
 
@@ -247,7 +243,7 @@ void CVFileSplitter::writeChecksumsForDestinationFile(const QString &outputFile)
             throw failure;
         throw FileSplitterIOException("Failed to write checksum");
     }
-    writeAll(file.get(), list.constData(), static_cast<std::size_t>(list.size()));
+    writeOrThrow(file.get(), list.constData(), static_cast<std::size_t>(list.size()));
     if (!file.reset())
         throw LXFileHandleException();
 }

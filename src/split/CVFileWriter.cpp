@@ -20,7 +20,7 @@ constexpr int sequenceError = -1; // libbz2's, for calls in the wrong order
 
 std::uint64_t CVRawFileWriter::writeData(const char *data, std::size_t size)
 {
-    writeAll(m_outputFile, data, size);
+    writeOrThrow(m_outputFile, data, size);
     return size;
 }
 
@@ -36,7 +36,7 @@ void CVBzipFileWriter::open()
     m_decoder = std::make_unique<LXBzip2Decoder>([this](const char *data, std::size_t size) {
         if (m_shouldStop && m_shouldStop())
             throw LXStoppedException();
-        writeAll(m_outputFile, data, size);
+        writeOrThrow(m_outputFile, data, size);
     });
 }
 

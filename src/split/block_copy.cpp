@@ -2,6 +2,7 @@
 
 #include "split/split_exceptions.h"
 #include "util/LXFileName.h"
+#include "util/write_all.h"
 
 #include <algorithm>
 #include <limits>
@@ -14,20 +15,6 @@ namespace {
 
 // Faster than larger ones, which fall out of the processor's cache.
 constexpr std::size_t bufferBytes = 256 * 1024;
-
-void writeAllAt(int file, const char *data, std::size_t size, off_t at)
-{
-    while (size > 0) {
-        const ssize_t written = ::pwrite(file, data, size, at);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            throw LXFileHandleException();
-        data += written;
-        at += written;
-        size -= static_cast<std::size_t>(written);
-    }
-}
 
 } // namespace
 
@@ -47,17 +34,10 @@ LXFileDescriptor openRegularFile(const QString &path)
     return file;
 }
 
-void writeAll(int file, const char *data, std::size_t size)
+void writeOrThrow(int file, const char *data, std::size_t size)
 {
-    while (size > 0) {
-        const ssize_t written = ::write(file, data, size);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            throw LXFileHandleException();
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
+    if (!writeAll(file, data, size))
+        throw LXFileHandleException();
 }
 
 void BlockCopier::findExtent(std::uint64_t at)
@@ -137,7 +117,9 @@ std::uint64_t BlockCopier::copyData(std::uint64_t at, int to, std::uint64_t targ
             throw LXFileHandleException();
         if (count == 0)
             break;
-        writeAllAt(to, m_buffer.data(), static_cast<std::size_t>(count), static_cast<off_t>(target + done));
+        if (!writeAllAt(to, m_buffer.data(), static_cast<std::size_t>(count),
+                        static_cast<off_t>(target + done)))
+            throw LXFileHandleException();
         done += static_cast<std::uint64_t>(count);
     }
     return done;

@@ -13,7 +13,7 @@
 LXFileDescriptor openRegularFile(const QString &path);
 
 /// Writes all of it at the descriptor's position. Raises LXFileHandleException.
-void writeAll(int file, const char *data, std::size_t size);
+void writeOrThrow(int file, const char *data, std::size_t size);
 
 /// Takes ranges out of one file: the kernel moves them where it can, which shares the data on file systems
 /// that know how; else they go through a buffer. What is a hole there becomes one where it goes to, which has

@@ -1,6 +1,7 @@
 #include "util/LXCopyFile.h"
 
 #include "util/LXFileDescriptor.h"
+#include "util/write_all.h"
 
 #include <algorithm>
 #include <array>
@@ -97,15 +98,8 @@ private:
         do {
             n = ::pread(m_from, m_buffer.data(), static_cast<std::size_t>(std::min(end - at, ownBlock)), at);
         } while (n < 0 && errno == EINTR);
-        for (ssize_t written = 0; written < n;) {
-            const ssize_t w = ::pwrite(m_to, m_buffer.data() + written, static_cast<std::size_t>(n - written),
-                                       at + written);
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w < 0)
-                return -1;
-            written += w;
-        }
+        if (n > 0 && !writeAllAt(m_to, m_buffer.data(), static_cast<std::size_t>(n), at))
+            return -1;
         return n;
     }
 

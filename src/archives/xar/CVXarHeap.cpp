@@ -1,5 +1,7 @@
 #include "archives/xar/CVXarHeap.h"
 
+#include "util/write_all.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -47,16 +49,7 @@ int CVXarHeap::append(std::span<const char> data)
 
 int CVXarHeap::writeAt(std::uint64_t offset, std::span<const char> data)
 {
-    while (!data.empty()) {
-        const ssize_t n = ::pwrite(m_fd.get(), data.data(), data.size(), static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n < 0 ? errno : EIO;
-        offset += static_cast<std::uint64_t>(n);
-        data = data.subspan(static_cast<std::size_t>(n));
-    }
-    return 0;
+    return writeAllAt(m_fd.get(), data.data(), data.size(), static_cast<off_t>(offset)) ? 0 : errno;
 }
 
 int CVXarHeap::finish(std::span<const char> front, const std::atomic<bool> &cancelled)

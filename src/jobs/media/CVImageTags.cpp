@@ -1,5 +1,7 @@
 #include "jobs/media/CVImageTags.h"
 
+#include "util/write_all.h"
+
 #include <QLoggingCategory>
 
 #include <exiv2/exiv2.hpp>
@@ -56,20 +58,6 @@ private:
     void *m_data = nullptr;
     std::size_t m_size = 0;
 };
-
-bool writeAll(int descriptor, const unsigned char *data, std::size_t size)
-{
-    off_t at = 0;
-    while (size > 0) {
-        const ssize_t n = ::pwrite(descriptor, data, size, at);
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<std::size_t>(n);
-        at += n;
-    }
-    return ::ftruncate(descriptor, at) == 0;
-}
 
 bool holds(const Exiv2::Image &image, Exiv2::MetadataId what)
 {
@@ -246,7 +234,9 @@ void CVImageTags::write(int descriptor, bool withProfile) const
             const unsigned char *bytes = io.mmap();
             const auto size = static_cast<std::size_t>(io.size());
             // The image's memory may still be the mapping itself; writing that over itself is harmless.
-            if (bytes && size > 0 && !writeAll(descriptor, bytes, size))
+            if (bytes && size > 0 &&
+                (!writeAllAt(descriptor, bytes, size, 0) ||
+                 ::ftruncate(descriptor, static_cast<off_t>(size)) != 0))
                 qCWarning(lcTags) << "the tags could not be written";
             io.munmap();
             return;

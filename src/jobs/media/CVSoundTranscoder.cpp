@@ -1,5 +1,7 @@
 #include "jobs/media/CVSoundTranscoder.h"
 
+#include "util/write_all.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -62,17 +64,8 @@ int readFile(void *opaque, std::uint8_t *buffer, int size)
 
 int writeFile(void *opaque, std::uint8_t *buffer, int size)
 {
-    int done = 0;
-    while (done < size) {
-        const ssize_t n =
-            ::write(*static_cast<int *>(opaque), buffer + done, static_cast<std::size_t>(size - done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n < 0 ? AVERROR(errno) : AVERROR(EIO);
-        done += static_cast<int>(n);
-    }
-    return size;
+    return writeAll(*static_cast<int *>(opaque), buffer, static_cast<std::size_t>(size)) ? size
+                                                                                         : AVERROR(errno);
 }
 
 std::int64_t seekFile(void *opaque, std::int64_t offset, int whence)
