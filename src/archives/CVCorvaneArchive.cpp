@@ -45,16 +45,7 @@ CVCorvaneArchive::CVCorvaneArchive()
     : m_reader(*this)
 {}
 
-CVCorvaneArchive::~CVCorvaneArchive()
-{
-    if (!m_thread.joinable())
-        return;
-    // The thread holds a reference while it works, so it is at its end, or it is what runs this.
-    if (m_thread.get_id() == std::this_thread::get_id())
-        m_thread.detach();
-    else
-        m_thread.join();
-}
+CVCorvaneArchive::~CVCorvaneArchive() = default;
 
 QString CVCorvaneArchive::archiveDescription() const
 {
@@ -69,7 +60,7 @@ void CVCorvaneArchive::createCommand()
     if (m_isCancelled)
         return; // and told
     m_isWriting = true;
-    m_thread = std::thread([this, self = shared_from_this()] { threadedCreateCommand(); });
+    m_thread.start(shared_from_this(), [this] { threadedCreateCommand(); });
 }
 
 void CVCorvaneArchive::threadedCreateCommand()
@@ -135,7 +126,7 @@ void CVCorvaneArchive::cancelCreate()
         if (m_xarArchive)
             xar_cancel(*m_xarArchive);
         // Unless it is told in the middle of the writing, to who hears of its progress.
-        if (std::this_thread::get_id() != m_thread.get_id())
+        if (!m_thread.isCurrent())
             m_changed.wait(lock, [this] { return !m_isWriting; });
     }
     CVArchive::cancelCreate();

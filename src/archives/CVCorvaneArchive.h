@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archives/CVArchive.h"
+#include "archives/CVArchiveThread.h"
 #include "archives/CVFallbackReader.h"
 #include "util/LXResult.h"
 
@@ -9,7 +10,6 @@
 #include <condition_variable>
 #include <mutex>
 #include <stop_token>
-#include <thread>
 
 class xar_archive;
 
@@ -79,7 +79,7 @@ private:
     xar_archive *m_xarArchive = nullptr; ///< while it is written; owned by the thread
     std::stop_source m_stop;             ///< of the child
 
-    std::thread m_thread;
+    CVArchiveThread m_thread;
     CVFallbackReader m_reader;
 
     struct Nested

@@ -45,17 +45,6 @@ int signalOf(const LXChildProcess::Exit &exit)
 
 } // namespace
 
-CVP7ZipArchive::~CVP7ZipArchive()
-{
-    if (!m_thread.joinable())
-        return;
-    // The thread holds a reference while it works, so it is at its end, or it is what runs this.
-    if (m_thread.get_id() == std::this_thread::get_id())
-        m_thread.detach();
-    else
-        m_thread.join();
-}
-
 QString CVP7ZipArchive::archiveDescription() const
 {
     return QCoreApplication::translate("CVArchive", "7-ZIP archive (high compression and encryption)");
@@ -74,7 +63,7 @@ void CVP7ZipArchive::createCommand()
     m_pieces = CVArchivePieces(destination);
     m_running = true;
     // Of its own: the tool ends with the thread that started it.
-    m_thread = std::thread([this, self = shared_from_this()] { threadedCreateCommand(); });
+    m_thread.start(shared_from_this(), [this] { threadedCreateCommand(); });
 }
 
 void CVP7ZipArchive::threadedCreateCommand()

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "archives/CVArchivePieces.h"
+#include "archives/CVArchiveThread.h"
 #include "archives/CVXArchive.h"
 #include "util/LXChildProcess.h"
 
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 /// 7-Zip archives: read like every other archive, written by the tool "7za".
 ///
@@ -19,8 +19,6 @@
 class CVP7ZipArchive : public CVXArchive
 {
 public:
-    ~CVP7ZipArchive() override;
-
     bool canPreview() const override { return false; }
     bool canEncrypt() const override { return true; }
     bool canSetCompressionLevel() const override { return true; }
@@ -53,7 +51,7 @@ private:
     bool m_cancelReported = false;
     LXChildProcess *m_child = nullptr; ///< while it runs; owned by the thread
 
-    std::thread m_thread;
+    CVArchiveThread m_thread;
 };
 
 /// ZIP archives, as far as they are written; they are read by CVXArchive.
