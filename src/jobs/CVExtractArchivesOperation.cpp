@@ -1,19 +1,16 @@
 #include "jobs/CVExtractArchivesOperation.h"
 
 #include "archives/archive_string.h"
-#include "archives/reading/CVSafePath.h"
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVSettings.h"
-#include "engine/model/CVWorkDirectoryManager.h"
+#include "jobs/CVExtractionDelivery.h"
+#include "jobs/CVJobFolders.h"
 #include "platform/LXTrash.h"
 #include "util/LXDisplay.h"
-#include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
-#include "util/LXPendingAnswer.h"
 #include "util/path_parts.h"
-#include "util/unique_destination.h"
 
 #include <QCollator>
 #include <QCoreApplication>
@@ -26,8 +23,6 @@
 #include <cstring>
 #include <exception>
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,50 +46,11 @@ double sizeOfFile(const QString &path)
     return std::max(static_cast<double>(facts.st_size), 1.0);
 }
 
-// The names in a folder, at most `limit` of them: whether there is one or more is all that counts, and
-// there may be a million. Nothing and errno when it cannot be read.
-std::optional<QStringList> namesInFolder(const QString &path, qsizetype limit)
-{
-    struct Closer
-    {
-        void operator()(DIR *dir) const noexcept { ::closedir(dir); }
-    };
-    const std::unique_ptr<DIR, Closer> dir(::opendir(bytesOfFileName(path).constData()));
-    if (!dir)
-        return std::nullopt;
-    QStringList names;
-    while (names.size() < limit) {
-        errno = 0;
-        const dirent *entry = ::readdir(dir.get());
-        if (!entry) {
-            if (errno != 0)
-                return std::nullopt;
-            break;
-        }
-        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-            names.append(fileNameFromBytes(entry->d_name));
-    }
-    return names;
-}
-
 QString withoutLastExtension(const QString &name)
 {
     const qsizetype dot = name.lastIndexOf(u'.');
     // A leading dot hides a file, it does not begin an extension.
     return dot > 0 ? name.left(dot) : name;
-}
-
-// True when `components` lead from `folder` to something that is really there: every step but the last
-// a folder and none of them a link, so that the way cannot lead out of the work directory.
-bool isReachable(const QString &folder, const std::vector<QByteArray> &components)
-{
-    LXFileDescriptor at(::open(bytesOfFileName(folder).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    for (std::size_t i = 0; at.isOpen() && i + 1 < components.size(); ++i)
-        at = LXFileDescriptor(
-            ::openat(at.get(), components[i].constData(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status = {};
-    return at.isOpen() && !components.empty() &&
-           ::fstatat(at.get(), components.back().constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 } // namespace
@@ -162,24 +118,6 @@ QString CVExtractArchivesOperation::sourcePath() const
 {
     const std::lock_guard lock(m_mutex);
     return m_sourcePath;
-}
-
-QString CVExtractArchivesOperation::workDir() const
-{
-    const std::lock_guard lock(m_mutex);
-    return m_workDir;
-}
-
-void CVExtractArchivesOperation::setWorkDir(const QString &path)
-{
-    const std::lock_guard lock(m_mutex);
-    m_workDir = path;
-}
-
-void CVExtractArchivesOperation::addDestinationPath(const QString &path)
-{
-    const std::lock_guard lock(m_mutex);
-    m_destinationPaths.append(path);
 }
 
 QStringList CVExtractArchivesOperation::sourcePathsByFlatteningSourcePaths(const QStringList &paths)
@@ -325,86 +263,42 @@ void CVExtractArchivesOperation::cancel()
 
 void CVExtractArchivesOperation::endAsCancelled()
 {
-    cleanUp();
-    deauthorize();
+    m_folders.reset();
     if (endOnce())
         delegate()->operationWasCancelled(this);
 }
 
 void CVExtractArchivesOperation::endAsFailed(const LXError &error)
 {
-    cleanUp();
-    deauthorize();
+    m_folders.reset();
     if (endOnce())
         delegate()->operationFailedWithError(this, error);
 }
 
-CVExtractArchivesOperation::Folders CVExtractArchivesOperation::workDirectoryMade(LXResult<QString> made)
+LXResult<QString> CVExtractArchivesOperation::makeWorkDirectoryForEntries()
 {
-    if (!made) {
-        endAsFailed(made.error());
-        return Folders::Ended;
-    }
-    if (made.value().isEmpty()) { // nobody allowed it
-        endAsCancelled();
-        return Folders::Ended;
-    }
-    setWorkDir(made.value());
-    return Folders::Ready;
+    return CVOperationHelper(stopToken()).createWorkDirectoryInPath(destinationPath(), fileAuthenticator());
 }
 
-CVExtractArchivesOperation::Folders CVExtractArchivesOperation::chooseFolders()
+LXResult<CVJobFolders::Choice> CVExtractArchivesOperation::chooseFolders()
 {
-    CVOperationHelper helper(stopToken());
-    if (singleFiles()) {
-        if (openingSingleFile()) {
-            setDestinationPath(QDir::tempPath());
-            return workDirectoryMade(CVOperationHelper::createWorkDirectoryInPath(destinationPath()));
-        }
-        return workDirectoryMade(helper.createWorkDirectoryInPath(destinationPath(), fileAuthenticator()));
+    QStringList alsoRead;
+    auto access = CVJobFolders::Access::UnlessChosen;
+    if (isMultipartArchive(sourcePath())) {
+        alsoRead.append(parentPath(sourcePath()));
+        access = CVJobFolders::Access::Always;
     }
-    if (m_keepDestination)
-        return workDirectoryMade(CVOperationHelper::createWorkDirectoryInPath(destinationPath()));
-    const auto folders =
-        CVOperationHelper::setupOutputDirectoryForOperation({.operation = u"Extract"_s,
-                                                             .inputFile = sourcePath(),
-                                                             .fileAuthenticator = fileAuthenticator(),
-                                                             .stop = stopToken()});
-    if (!folders) {
-        endAsFailed(folders.error());
-        return Folders::Ended;
-    }
-    if (!folders.value()) {
-        endAsCancelled();
-        return Folders::Ended;
-    }
-    setDestinationPath(folders.value()->outputDirectory);
-    setWorkDir(folders.value()->workDirectory);
-    return Folders::Ready;
-}
-
-bool CVExtractArchivesOperation::waitForAccess(const std::function<void(AuthorizedHandler)> &ask)
-{
-    struct Answer
-    {
-        bool granted;
-        QString path;
+    const bool isOpening = singleFiles() && openingSingleFile();
+    if (isOpening)
+        setDestinationPath(QDir::tempPath());
+    const auto take = [&](const LXResult<QString> &workDirectory) {
+        return CVJobFolders::take(*this, workDirectory, destinationPath(), alsoRead, access);
     };
-    const auto pending = std::make_shared<LXPendingAnswer<Answer>>();
-    ask([pending](bool granted, const QString &path) { pending->give({granted, path}); });
-    const auto answer = pending->wait(stopToken());
-    if (!answer || !answer->granted)
-        return false;
-    m_authorized = answer->path;
-    startSecurelyAccessing(m_authorized);
-    return true;
-}
-
-void CVExtractArchivesOperation::deauthorize()
-{
-    if (!m_authorized.isEmpty())
-        stopSecurelyAccessing(m_authorized);
-    m_authorized.clear();
+    if (isOpening || (!singleFiles() && m_keepDestination))
+        return take(CVOperationHelper::createWorkDirectoryInPath(destinationPath()));
+    if (singleFiles())
+        return take(makeWorkDirectoryForEntries());
+    return CVJobFolders::choose(*this, u"Extract"_s, sourcePath(), alsoRead, access);
 }
 
 CVExtractArchivesOperation::Next CVExtractArchivesOperation::extract(const Source &source)
@@ -422,51 +316,39 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::extract(const Sourc
     if (m_total > 1)
         delegate()->operationHasReachedArchive(this, batchPosition());
 
-    if (chooseFolders() == Folders::Ended)
+    auto chosen = chooseFolders();
+    if (!chosen) {
+        endAsFailed(chosen.error());
         return Next::Stop;
-    const bool allowed = waitForAccess([&](AuthorizedHandler handler) {
-        if (isMultipartArchive(source.path))
-            runAuthorizedHandler({workDir(), source.path.left(source.path.lastIndexOf(u'/'))},
-                                 std::move(handler));
-        else
-            runAuthorizedHandlerToDestination(workDir(), {workDir()}, std::move(handler));
-    });
-    if (!allowed) {
+    }
+    m_folders = std::move(chosen.value().folders);
+    if (!m_folders) {
         endAsCancelled();
         return Next::Stop;
     }
+    setDestinationPath(m_folders->outputDirectory());
 
     const auto archive = m_archiveMaker(source.path);
     archive->password = source.password;
     const std::int32_t status = runBackEnd(archive);
     const Next next =
         status == CVArchive::Success && !isCancelled() ? succeeded(*archive) : failed(*archive, status);
-    deauthorize();
+    m_folders.reset();
     return next;
 }
 
 std::int32_t CVExtractArchivesOperation::runBackEnd(const std::shared_ptr<CVArchive> &archive)
 {
     QString path;
-    QString folder;
     {
         const std::lock_guard lock(m_mutex);
         path = m_sourcePath;
-        folder = m_workDir;
         archive->singleFilesToBeExtracted = m_singleFiles;
     }
     if (isCancelled())
         archive->setCancelledStatus();
-    return m_backEnd.run(archive, this, path, stopToken(), [&] { archive->open(path, folder); });
-}
-
-bool CVExtractArchivesOperation::sendExtractError(const QString &message, const QString &detail)
-{
-    LX_WARNING(lcExtract, "%s %s", qUtf8Printable(message), qUtf8Printable(detail));
-    LXError error = CVOperationHelper::errorWithMessage(message, tr("Please try again."));
-    error.suggestion = detail;
-    endAsFailed(error);
-    return false;
+    return m_backEnd.run(archive, this, path, stopToken(),
+                         [&] { archive->open(path, m_folders->workDirectory()); });
 }
 
 CVExtractArchivesOperation::Next CVExtractArchivesOperation::succeeded(CVArchive &archive)
@@ -485,8 +367,8 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::succeeded(CVArchive
     if (whole && !openingSingleFile() && skipped.empty() && !isCancelled())
         decideFate();
     ++m_extracted;
-    if (!openingSingleFile())
-        cleanUp();
+    if (openingSingleFile())
+        m_folders->keepWorkDirectory();
     return endStep(m_extracted >= m_total);
 }
 
@@ -494,7 +376,7 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::endStep(bool last)
 {
     if (!last)
         return Next::Archive;
-    deauthorize();
+    m_folders.reset();
     if (endOnce())
         delegate()->operationCompletedWithFilesAtPaths(this, destinationPaths(), true);
     return Next::Stop;
@@ -502,80 +384,21 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::endStep(bool last)
 
 bool CVExtractArchivesOperation::deliver()
 {
-    return singleFiles() ? deliverSingleFiles() : deliverEverything();
-}
-
-bool CVExtractArchivesOperation::deliverSingleFiles()
-{
-    if (!namesInFolder(workDir(), 1))
-        return sendExtractError(tr("Couldn't find working directory"));
-    const QString folder = workDir();
-    const QStringList files = singleFiles().value_or(QStringList());
-
-    // All of them are looked at before the first one moves: nothing or everything arrives.
-    std::vector<std::vector<QByteArray>> items;
-    QSet<QByteArray> chosen;
-    for (const QString &file : files) {
-        const CVSafePath path = CVSafePath::fromName(file, false);
-        if (path.verdict != CVSafePath::Verdict::Write)
-            return sendExtractError(tr("Couldn't copy unpacked files from working directory"),
-                                    u"“%1”: %2"_s.arg(file, path.reason));
-        if (!isReachable(folder, path.components))
-            return sendExtractError(tr("Couldn't copy unpacked files from working directory"),
-                                    tr("There is no “%1” in the archive.").arg(file));
-        if (chosen.contains(path.joined()))
-            continue;
-        chosen.insert(path.joined());
-        items.push_back(path.components);
+    CVExtractionDelivery delivery(*m_folders, openingSingleFile() ? CVExtractionDelivery::Way::Stay
+                                                                  : CVExtractionDelivery::Way::Move);
+    const auto files = singleFiles();
+    const auto result = files ? delivery.deliverEntries(*files)
+                              : delivery.deliverEverything(withoutLastExtension(lastComponent(sourcePath())));
+    {
+        const std::lock_guard lock(m_mutex);
+        m_destinationPaths += delivery.delivered();
     }
-    // What lies in a chosen folder arrives with it.
-    std::erase_if(items, [&chosen](const std::vector<QByteArray> &components) {
-        QByteArray above;
-        for (std::size_t i = 0; i + 1 < components.size(); ++i) {
-            above += (i > 0 ? "/" : "") + components[i];
-            if (chosen.contains(above))
-                return true;
-        }
-        return false;
-    });
-    for (const auto &components : items) {
-        QByteArray relative;
-        for (const QByteArray &component : components)
-            relative += '/' + component;
-        const QString item = folder + QString::fromUtf8(relative);
-        if (openingSingleFile()) {
-            addDestinationPath(item);
-            continue;
-        }
-        const auto moved =
-            moveToUniqueDestination(item, destinationPath(), QString::fromUtf8(components.back()));
-        if (!moved)
-            return sendExtractError(tr("Couldn't copy unpacked files from working directory"),
-                                    moved.error().reason);
-        addDestinationPath(moved.value());
-    }
-    return true;
-}
-
-bool CVExtractArchivesOperation::deliverEverything()
-{
-    const QString folder = workDir();
-    const auto names = namesInFolder(folder, 2);
-    if (!names)
-        return sendExtractError(tr("Couldn't find working directory"));
-    const bool single = names->size() == 1;
-    const QString item = single ? folder + u'/' + names->first() : folder;
-    if (openingSingleFile()) {
-        addDestinationPath(item);
+    if (result)
         return true;
-    }
-    const QString base = single ? names->first() : withoutLastExtension(lastComponent(sourcePath()));
-    const auto moved = moveToUniqueDestination(item, destinationPath(), base);
-    if (!moved)
-        return sendExtractError(tr("Couldn't copy unpacked files from working directory"),
-                                moved.error().reason);
-    addDestinationPath(moved.value());
-    return true;
+    LX_WARNING(lcExtract, "%s %s", qUtf8Printable(result.error().description),
+               qUtf8Printable(result.error().suggestion));
+    endAsFailed(result.error());
+    return false;
 }
 
 void CVExtractArchivesOperation::decideFate()
@@ -624,13 +447,13 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::failed(CVArchive &a
         endAsCancelled();
         return Next::Stop;
     }
-    cleanUp();
     if (status == CVArchive::InvalidPassword) {
         const std::lock_guard lock(m_mutex);
         m_invalidPasswordEntered = true;
         return Next::Again;
     }
-    deauthorize();
+    // Before the person is asked, which may take long.
+    m_folders.reset();
     const LXError error = errorForFailedArchive(archive);
     ++m_extracted;
     if (m_extracted < m_total) {
@@ -648,15 +471,6 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::failed(CVArchive &a
     }
     delegate()->operationNeedsToShowError(this, error);
     return endStep(true);
-}
-
-void CVExtractArchivesOperation::cleanUp()
-{
-    const QString folder = workDir();
-    if (folder.isEmpty())
-        return;
-    setWorkDir({});
-    CVWorkDirectoryManager::discardWorkDir(folder);
 }
 
 void CVExtractArchivesOperation::archiveFinished(CVArchive *)

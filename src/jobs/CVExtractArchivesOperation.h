@@ -4,6 +4,7 @@
 #include "engine/model/CVBatchPosition.h"
 #include "engine/model/CVOperation.h"
 #include "jobs/CVBackEndRun.h"
+#include "jobs/CVJobFolders.h"
 #include "util/LXResult.h"
 
 #include <QString>
@@ -59,26 +60,8 @@ public:
     static QStringList sourcePathsByFlatteningSourcePaths(const QStringList &paths);
 
 protected:
-    enum class Folders {
-        Ready,
-        Ended, ///< the job has ended, and was reported
-    };
-
-    /// Chooses destinationPath() and makes workDir(), or ends the job.
-    virtual Folders chooseFolders();
-    Folders workDirectoryMade(LXResult<QString> made);
-    /// Asks for access; false when it was refused or the job cancelled while asking.
-    bool waitForAccess(const std::function<void(AuthorizedHandler)> &ask);
-
-    void deauthorize();
-
-    /// The job's end, if it is the first one.
-    void endAsCancelled();
-    void endAsFailed(const LXError &error);
-
-    QString sourcePath() const;
-    QString workDir() const;
-    void setWorkDir(const QString &path);
+    /// In destinationPath(), for chosen entries; empty when nobody allowed it.
+    virtual LXResult<QString> makeWorkDirectoryForEntries();
 
 private:
     /// One archive to extract.
@@ -93,21 +76,22 @@ private:
         Stop,    ///< the job has ended
     };
 
+    /// The job's end, if it is the first one.
+    void endAsCancelled();
+    void endAsFailed(const LXError &error);
+
+    QString sourcePath() const;
     Source sourceFromArchive(const std::shared_ptr<CVArchive> &archive) const;
+    LXResult<CVJobFolders::Choice> chooseFolders();
     Next extract(const Source &source);
     std::int32_t runBackEnd(const std::shared_ptr<CVArchive> &archive);
     Next succeeded(CVArchive &archive);
     Next failed(CVArchive &archive, std::int32_t status);
     bool deliver();
-    bool deliverSingleFiles();
-    bool deliverEverything();
     void decideFate();
-    bool sendExtractError(const QString &message, const QString &detail = {});
     LXError errorForFailedArchive(const CVArchive &archive) const;
     QString titleForExtractJob() const;
     CVBatchPosition batchPosition() const;
-    void addDestinationPath(const QString &path);
-    void cleanUp();
     Next endStep(bool last);
 
     void archiveFinished(CVArchive *archive) override;
@@ -124,7 +108,6 @@ private:
     QStringList m_destinationPaths;
     QString m_sourcePath;
     QString m_destinationPath;
-    QString m_workDir;
     bool m_openingSingleFile = false;
     bool m_invalidPasswordEntered = false;
 
@@ -132,8 +115,8 @@ private:
 
     // The worker's own.
     ArchiveMaker m_archiveMaker;
-    QString m_authorized;
-    bool m_keepDestination = false; ///< the folder was chosen already, do not ask once more
+    std::shared_ptr<CVJobFolders> m_folders; ///< of the archive that is being extracted
+    bool m_keepDestination = false;          ///< the folder was chosen already, do not ask once more
     std::size_t m_total = 0;
     std::vector<double> m_shares; ///< of the whole batch, at the end of each archive
     std::size_t m_extracted = 0;

@@ -18,7 +18,8 @@ Q_LOGGING_CATEGORY(lcFolders, "corvane.jobs.folders", QtInfoMsg)
 } // namespace
 
 LXResult<CVJobFolders::Choice> CVJobFolders::choose(CVOperation &operation, const QString &kindOfJob,
-                                                    const QString &inputFile, const QStringList &alsoRead)
+                                                    const QString &inputFile, const QStringList &alsoRead,
+                                                    Access access)
 {
     const auto made = CVOperationHelper::setupOutputDirectoryForOperation(
         {.operation = kindOfJob,
@@ -29,32 +30,48 @@ LXResult<CVJobFolders::Choice> CVJobFolders::choose(CVOperation &operation, cons
         return made.error();
     if (!made.value())
         return Choice{};
-    const std::shared_ptr<CVJobFolders> folders(new CVJobFolders(operation));
-    folders->m_outputDirectory = made.value()->outputDirectory;
-    folders->m_workDirectory = made.value()->workDirectory;
+    return take(operation, made.value()->workDirectory, made.value()->outputDirectory, alsoRead, access);
+}
 
-    struct Answer
-    {
-        bool granted;
-        QString path;
-    };
-    const auto pending = std::make_shared<LXPendingAnswer<Answer>>();
-    operation.runAuthorizedHandlerToDestination(folders->m_workDirectory,
-                                                alsoRead + QStringList{folders->m_workDirectory},
-                                                [pending](bool granted, const QString &path) {
-                                                    pending->give({granted, path});
-                                                });
-    const auto answer = pending->wait(operation.stopToken());
-    if (!answer || !answer->granted)
-        return Choice{.folders = nullptr, .wasRefused = answer.has_value()};
-    folders->m_authorized = answer->path;
-    operation.startSecurelyAccessing(answer->path);
+LXResult<CVJobFolders::Choice> CVJobFolders::take(CVOperation &operation,
+                                                  const LXResult<QString> &workDirectory,
+                                                  const QString &outputDirectory, const QStringList &alsoRead,
+                                                  Access access)
+{
+    if (!workDirectory)
+        return workDirectory.error();
+    if (workDirectory.value().isEmpty())
+        return Choice{};
+    const std::shared_ptr<CVJobFolders> folders(new CVJobFolders(operation));
+    folders->m_outputDirectory = outputDirectory;
+    folders->m_workDirectory = workDirectory.value();
+    const auto grant = askForAccess(operation, folders->m_workDirectory,
+                                    alsoRead + QStringList{folders->m_workDirectory}, access);
+    if (!grant || !grant->granted)
+        return Choice{.folders = nullptr, .wasRefused = grant.has_value()};
+    folders->m_authorized = grant->path;
+    operation.startSecurelyAccessing(grant->path);
     return Choice{.folders = folders};
+}
+
+std::optional<CVJobFolders::Grant> CVJobFolders::askForAccess(CVOperation &operation,
+                                                              const QString &destination,
+                                                              const QStringList &paths, Access access)
+{
+    const auto pending = std::make_shared<LXPendingAnswer<Grant>>();
+    const auto answer = [pending](bool granted, const QString &path) { pending->give({granted, path}); };
+    if (access == Access::Always)
+        operation.runAuthorizedHandler(paths, answer);
+    else
+        operation.runAuthorizedHandlerToDestination(destination, paths, answer);
+    return pending->wait(operation.stopToken());
 }
 
 CVJobFolders::~CVJobFolders()
 {
-    CVWorkDirectoryManager::discardWorkDir(m_workDirectory);
+    // It is gone already when it was delivered itself.
+    if (!m_keepsWorkDirectory)
+        CVWorkDirectoryManager::discardWorkDir(m_workDirectory);
     if (!m_authorized.isEmpty())
         m_operation.stopSecurelyAccessing(m_authorized);
 }
@@ -65,9 +82,14 @@ LXResult<QString> CVJobFolders::deliver(const QString &item, const QString &name
     if (moved)
         return moved;
     LX_WARNING(lcFolders, "moving %s: %s", qUtf8Printable(item), qUtf8Printable(moved.error().reason));
+    return deliveryError(moved.error().reason);
+}
+
+LXError CVJobFolders::deliveryError(const QString &detail)
+{
     LXError error = CVOperationHelper::errorWithMessage(
         QCoreApplication::translate("CVJobFolders", "Couldn't copy unpacked files from working directory"),
         QCoreApplication::translate("CVJobFolders", "Please try again."));
-    error.suggestion = moved.error().reason;
+    error.suggestion = detail;
     return error;
 }

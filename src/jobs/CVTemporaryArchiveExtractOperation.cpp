@@ -2,19 +2,15 @@
 
 #include "engine/model/CVOperationHelper.h"
 
-CVExtractArchivesOperation::Folders CVTemporaryArchiveExtractOperation::chooseFolders()
+LXResult<QString> CVTemporaryArchiveExtractOperation::makeWorkDirectoryForEntries()
 {
-    if (!singleFiles() || openingSingleFile())
-        return CVExtractArchivesOperation::chooseFolders();
     const QString destination = destinationPath();
-    const bool allowed = waitForAccess([&](AuthorizedHandler handler) {
-        runAuthorizedHandlerToDestination(destination, {destination}, std::move(handler));
-    });
-    if (!allowed) {
-        endAsCancelled();
-        return Folders::Ended;
-    }
-    const Folders made = workDirectoryMade(CVOperationHelper::createWorkDirectoryInPath(destination));
-    deauthorize();
+    const auto grant =
+        CVJobFolders::askForAccess(*this, destination, {destination}, CVJobFolders::Access::UnlessChosen);
+    if (!grant || !grant->granted)
+        return QString();
+    startSecurelyAccessing(grant->path);
+    auto made = CVOperationHelper::createWorkDirectoryInPath(destination);
+    stopSecurelyAccessing(grant->path);
     return made;
 }

@@ -7,5 +7,5 @@
 class CVTemporaryArchiveExtractOperation final : public CVExtractArchivesOperation
 {
 protected:
-    Folders chooseFolders() override;
+    LXResult<QString> makeWorkDirectoryForEntries() override;
 };
