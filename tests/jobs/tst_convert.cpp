@@ -1,3 +1,4 @@
+#include "jobs/JobRecorder.h"
 #include "support/ArchiveBytes.h"
 #include "support/RarBytes.h"
 #include "support/TestTree.h"
@@ -5,7 +6,6 @@
 #include "engine/control/CVOperationFactory.h"
 #include "engine/model/CVEditArchiveOperationDataBinding.h"
 #include "engine/model/CVOperation.h"
-#include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
 #include "engine/model/CVWorkDirectoryManager.h"
@@ -19,8 +19,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <mutex>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,30 +27,15 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/// Writes down every call, with the folder of the test as "~".
-class Recorder final : public CVOperationDelegate
+class Recorder final : public JobRecorder
 {
 public:
-    explicit Recorder(const QString &root)
-        : m_root(root)
-    {}
+    using JobRecorder::JobRecorder;
 
     QString input;
-    QStringList passwords; ///< in the order of the questions
     CVAlertResult replace = CVAlertResult::Cancel;
-    std::function<void(const QString &)> onEvent;
     std::function<void(double)> onProgress;
 
-    QStringList events() const
-    {
-        const std::lock_guard lock(m_mutex);
-        return m_events;
-    }
-    LXError error() const
-    {
-        const std::lock_guard lock(m_mutex);
-        return m_error;
-    }
     bool progressWasSteady() const
     {
         const std::lock_guard lock(m_mutex);
@@ -60,7 +43,6 @@ public:
     }
 
     QString operationPathToInputFile(CVOperation *) override { return input; }
-    void operationWorkingOnJob(CVOperation *, const QString &text) override { note(text); }
     void operationHasMadeProgress(CVOperation *, double done, double total) override
     {
         {
@@ -70,52 +52,13 @@ public:
         if (onProgress)
             onProgress(done);
     }
-    std::optional<QString> operationNeedsPasswordForFileAtPath(CVOperation *, const QString &path,
-                                                               bool failed) override
-    {
-        note(u"password? "_s + path + (failed ? u" again"_s : QString()));
-        return passwords.isEmpty() ? std::nullopt : std::optional(passwords.takeFirst());
-    }
     CVAlertResult operationNeedsToAskWhetherToReplaceFileAtPath(CVOperation *, const QString &path) override
     {
         note(u"replace? "_s + path);
         return replace;
     }
-    void operationSkippedEntries(CVOperation *, const QString &path,
-                                 const std::vector<CVSkippedEntry> &entries) override
-    {
-        note(u"left out of "_s + path + u": "_s + entries.at(0).name);
-    }
-    void operationCompletedWithFilesAtPaths(CVOperation *, const QStringList &paths, bool multiple) override
-    {
-        note((multiple ? u"completed folder: "_s : u"completed: "_s) + paths.join(u", "_s));
-    }
-    void operationFailedWithError(CVOperation *, const LXError &error) override
-    {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_error = error;
-        }
-        note(u"failed: "_s + error.description);
-    }
-    void operationWasCancelled(CVOperation *) override { note(u"cancelled"_s); }
 
 private:
-    void note(QString text)
-    {
-        text.replace(m_root, u"~"_s);
-        {
-            const std::lock_guard lock(m_mutex);
-            m_events.append(text);
-        }
-        if (onEvent)
-            onEvent(text);
-    }
-
-    const QString m_root;
-    mutable std::mutex m_mutex;
-    QStringList m_events;
-    LXError m_error;
     bool m_steady = true;
 };
 
@@ -308,7 +251,7 @@ void tst_convert::keepsEverything()
     QFETCH(QString, source);
     QFETCH(QString, format);
     makeSource(source);
-    m_recorder->passwords = {u"wrong"_s, u"pa ss"_s};
+    m_recorder->passwords[QString()] = {u"wrong"_s, u"pa ss"_s};
     const TestTree before = treeFromDisk(m_root->path(), {u"out"_s, u"tmp"_s, u"settings"_s});
 
     convert(source, format);
@@ -317,7 +260,7 @@ void tst_convert::keepsEverything()
     QStringList expected = {
         u"Converting “%1” to “new.%2”"_s.arg(source.endsWith(u".002") ? u"locked.7z.001"_s : source, format)};
     if (source.startsWith(u"locked")) {
-        const QString asked = u"password? ~/"_s + (source.endsWith(u".002") ? u"locked.7z.001"_s : source);
+        const QString asked = u"password? "_s + (source.endsWith(u".002") ? u"locked.7z.001"_s : source);
         expected += {asked, asked + u" again"_s};
     }
     expected += u"completed: ~/out/new."_s + format;
@@ -401,7 +344,7 @@ void tst_convert::encryptsOnlyWhatItShould()
     QFETCH(bool, wanted);
     QFETCH(bool, encrypted);
     makeSource(u"locked.7z"_s);
-    m_recorder->passwords = {u"pa ss"_s};
+    m_recorder->passwords[QString()] = {u"pa ss"_s};
     CVSettings::setValue(CVSettingsKey::shouldEncrypt, wanted);
 
     convert(u"locked.7z"_s, format, [](CVConvertOperationDataBinding &data) {
@@ -460,7 +403,7 @@ void tst_convert::ends()
         makeSource(source);
         QFile::remove(path(u"half.7z.002"_s));
     }
-    m_recorder->passwords = passwords;
+    m_recorder->passwords[QString()] = passwords;
     m_recorder->replace = CVAlertResult::Default;
     if (!end.contains(u"cancelled"))
         CVSettings::setValue(CVSettingsKey::shouldEncrypt, true);
@@ -562,7 +505,7 @@ void tst_convert::cancel()
     if (!older.isEmpty())
         write(u"out/new.zip"_s, older);
     m_recorder->replace = CVAlertResult::Default;
-    m_recorder->passwords = {u"pa ss"_s};
+    m_recorder->passwords[QString()] = {u"pa ss"_s};
     std::atomic<bool> met = false;
     m_recorder->onEvent = [&](const QString &text) {
         if (!event.isEmpty() && text.startsWith(event)) {
@@ -647,7 +590,7 @@ void tst_convert::writesVolumes()
 {
     makeSource(u"x.tar.gz"_s);
     convert(u"x.tar.gz"_s, u"7z"_s, [](CVConvertOperationDataBinding &data) { data.setChunkSize(65536); });
-    QCOMPARE(m_recorder->events().last(), u"completed folder: ~/out/new"_s);
+    QCOMPARE(m_recorder->events().last(), u"completed many: ~/out/new"_s);
     QCOMPARE(outcome(), QStringList{u"new"_s});
     QVERIFY(QFile::exists(path(u"out/new/new.7z.004"_s)));
     unpack(path(u"out/new/new.7z.001"_s), u"back"_s);
@@ -668,7 +611,7 @@ void tst_convert::tellsWhatIsLeftOut()
     convert(u"x.tar"_s, u"tar.gz"_s);
     const QStringList events = m_recorder->events();
     QCOMPARE(events.size(), 3);
-    QVERIFY2(events[1].startsWith(u"left out of ~/x.tar: "), qPrintable(events[1]));
+    QVERIFY2(events[1].startsWith(u"left out of x.tar: "), qPrintable(events[1]));
     QCOMPARE(events[2], u"completed: ~/out/new.tar.gz"_s);
     QCOMPARE(outcome(), QStringList{u"new.tar.gz"_s});
 }

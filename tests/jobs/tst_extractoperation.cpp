@@ -1,10 +1,10 @@
 #include "archives/CVArchive.h"
 #include "engine/control/CVOperationFactory.h"
-#include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
 #include "engine/model/CVWorkDirectoryManager.h"
 #include "jobs/CVExtractArchivesOperation.h"
+#include "jobs/JobRecorder.h"
 #include "platform/LXTrash.h"
 #include "util/LXMainThread.h"
 
@@ -135,40 +135,19 @@ private:
     std::thread m_thread;
 };
 
-/// Writes down every call, with the folder of the test as "~".
-class Recorder final : public CVOperationDelegate
+class Recorder final : public JobRecorder
 {
 public:
-    explicit Recorder(const QString &root)
-        : m_root(root)
-    {}
+    using JobRecorder::JobRecorder;
 
     QStringList inputs;
-    std::map<QString, QStringList> passwords; ///< by file name, in the order of the questions
     CVAlertResult goOn = CVAlertResult::Default;
-    std::function<void(const QString &)> onEvent;
-
-    QStringList events() const
-    {
-        const std::lock_guard lock(m_mutex);
-        return m_events;
-    }
+    std::vector<CVBatchPosition> positions; ///< once the job is over
 
     QStringList operationPathsToInputFiles(CVOperation *) override { return inputs; }
-    void operationWorkingOnJob(CVOperation *, const QString &text) override { note(text); }
     void operationHasReachedArchive(CVOperation *, const CVBatchPosition &position) override
     {
         positions.push_back(position);
-    }
-    std::vector<CVBatchPosition> positions; ///< once the job is over
-    std::optional<QString> operationNeedsPasswordForFileAtPath(CVOperation *, const QString &path,
-                                                               bool failed) override
-    {
-        QStringList &left = passwords[QFileInfo(path).fileName()];
-        note(u"password? "_s + QFileInfo(path).fileName() + (failed ? u" again"_s : QString()));
-        if (left.isEmpty())
-            return std::nullopt;
-        return left.takeFirst();
     }
     CVAlertResult operationNeedsToAskWhetherToContinueAfterArchiveAtPath(CVOperation *, const QString &path,
                                                                          const LXError &error) override
@@ -176,50 +155,6 @@ public:
         note(u"go on? "_s + path + u": "_s + error.description);
         return goOn;
     }
-    void operationNeedsToShowError(CVOperation *, const LXError &error) override
-    {
-        note(u"error: "_s + error.description);
-    }
-    void operationSkippedEntries(CVOperation *, const QString &path,
-                                 const std::vector<CVSkippedEntry> &entries) override
-    {
-        note(u"left out of %1: %2"_s.arg(QFileInfo(path).fileName(), entries.at(0).name));
-    }
-    void operationCompleted(CVOperation *) override { note(u"completed"_s); }
-    void operationCompletedWithFilesAtPaths(CVOperation *, const QStringList &paths, bool multiple) override
-    {
-        note((multiple ? u"completed: "_s : u"completed one: "_s) + paths.join(u", "_s));
-    }
-    void operationFailedWithError(CVOperation *, const LXError &error) override
-    {
-        note(u"failed: "_s + error.description);
-        const std::lock_guard lock(m_mutex);
-        m_error = error;
-    }
-    void operationWasCancelled(CVOperation *) override { note(u"cancelled"_s); }
-
-    LXError error() const
-    {
-        const std::lock_guard lock(m_mutex);
-        return m_error;
-    }
-
-private:
-    void note(QString text)
-    {
-        text.replace(m_root, u"~"_s);
-        {
-            const std::lock_guard lock(m_mutex);
-            m_events.append(text);
-        }
-        if (onEvent)
-            onEvent(text);
-    }
-
-    const QString m_root;
-    mutable std::mutex m_mutex;
-    QStringList m_events;
-    LXError m_error;
 };
 
 class FakeTrash final : public LXTrash
@@ -398,34 +333,34 @@ void tst_extractoperation::wholeArchives_data()
                                      << QStringList{};
     QTest::newRow("one item arrives by itself")
         << QStringList{u"x.zip"_s} << Scripts{{u"x.zip"_s, one}}
-        << QStringList{u"Opening “x.zip”"_s, u"completed: ~/out/docs"_s}
+        << QStringList{u"Opening “x.zip”"_s, u"completed many: ~/out/docs"_s}
         << QStringList{u"docs/"_s, u"docs/a.txt"_s};
     QTest::newRow("a hidden one too")
         << QStringList{u"x.zip"_s} << Scripts{{u"x.zip"_s, {.items = {u".rc"_s}}}}
-        << QStringList{u"Opening “x.zip”"_s, u"completed: ~/out/.rc"_s} << QStringList{u".rc"_s};
+        << QStringList{u"Opening “x.zip”"_s, u"completed many: ~/out/.rc"_s} << QStringList{u".rc"_s};
     QTest::newRow("several in a folder named after the archive")
         << QStringList{u"photos.tar.gz"_s} << Scripts{{u"photos.tar.gz"_s, {.items = {u"a"_s, u"b"_s}}}}
-        << QStringList{u"Opening “photos.tar.gz”"_s, u"completed: ~/out/photos.tar"_s}
+        << QStringList{u"Opening “photos.tar.gz”"_s, u"completed many: ~/out/photos.tar"_s}
         << QStringList{u"photos.tar/"_s, u"photos.tar/a"_s, u"photos.tar/b"_s};
     QTest::newRow("nothing inside") << QStringList{u"e.zip"_s} << Scripts{{u"e.zip"_s, {}}}
-                                    << QStringList{u"Opening “e.zip”"_s, u"completed: ~/out/e"_s}
+                                    << QStringList{u"Opening “e.zip”"_s, u"completed many: ~/out/e"_s}
                                     << QStringList{u"e/"_s};
     QTest::newRow("a dangling link is one item")
         << QStringList{u"x.zip"_s} << Scripts{{u"x.zip"_s, {.items = {u"l -> nowhere"_s}}}}
-        << QStringList{u"Opening “x.zip”"_s, u"completed: ~/out/l"_s} << QStringList{u"l"_s};
+        << QStringList{u"Opening “x.zip”"_s, u"completed many: ~/out/l"_s} << QStringList{u"l"_s};
     QTest::newRow("reports from another thread")
         << QStringList{u"x.zip"_s} << Scripts{{u"x.zip"_s, {.items = {u"a"_s}, .threaded = true}}}
-        << QStringList{u"Opening “x.zip”"_s, u"completed: ~/out/a"_s} << QStringList{u"a"_s};
+        << QStringList{u"Opening “x.zip”"_s, u"completed many: ~/out/a"_s} << QStringList{u"a"_s};
     QTest::newRow("the same name twice")
         << QStringList{u"x.zip"_s, u"y.zip"_s} << Scripts{{u"x.zip"_s, one}, {u"y.zip"_s, one}}
         << QStringList{u"Opening “x.zip” (1 of 2)"_s, u"Opening “y.zip” (2 of 2)"_s,
-                       u"completed: ~/out/docs, ~/out/docs 2"_s}
+                       u"completed many: ~/out/docs, ~/out/docs 2"_s}
         << QStringList{u"docs 2/"_s, u"docs 2/a.txt"_s, u"docs/"_s, u"docs/a.txt"_s};
     QTest::newRow("wrong password, then the right one")
         << QStringList{u"wrong then right.zip"_s} << Scripts{{u"wrong then right.zip"_s, locked}}
         << QStringList{u"Opening “wrong then right.zip”"_s, u"password? wrong then right.zip"_s,
                        u"Opening “wrong then right.zip”"_s, u"password? wrong then right.zip again"_s,
-                       u"completed: ~/out/secret"_s}
+                       u"completed many: ~/out/secret"_s}
         << QStringList{u"secret"_s};
     QTest::newRow("no password") << QStringList{u"x.zip"_s} << Scripts{{u"x.zip"_s, locked}}
                                  << QStringList{u"Opening “x.zip”"_s, u"password? x.zip"_s, u"cancelled"_s}
@@ -436,7 +371,7 @@ void tst_extractoperation::wholeArchives_data()
     QTest::newRow("one fails, go on")
         << QStringList{u"x.zip"_s, u"y.zip"_s} << Scripts{{u"x.zip"_s, bad}, {u"y.zip"_s, one}}
         << QStringList{u"Opening “x.zip” (1 of 2)"_s, u"go on? x.zip: "_s + notOpened.arg(u"x.zip"_s),
-                       u"Opening “y.zip” (2 of 2)"_s, u"completed: ~/out/docs"_s}
+                       u"Opening “y.zip” (2 of 2)"_s, u"completed many: ~/out/docs"_s}
         << QStringList{u"docs/"_s, u"docs/a.txt"_s};
     QTest::newRow("one fails, stop") << QStringList{u"stop.zip"_s, u"y.zip"_s}
                                      << Scripts{{u"stop.zip"_s, bad}, {u"y.zip"_s, one}}
@@ -447,7 +382,7 @@ void tst_extractoperation::wholeArchives_data()
     QTest::newRow("the last one fails")
         << QStringList{u"x.zip"_s, u"y.zip"_s} << Scripts{{u"x.zip"_s, one}, {u"y.zip"_s, bad}}
         << QStringList{u"Opening “x.zip” (1 of 2)"_s, u"Opening “y.zip” (2 of 2)"_s,
-                       u"error: "_s + notOpened.arg(u"y.zip"_s), u"completed: ~/out/docs"_s}
+                       u"error: "_s + notOpened.arg(u"y.zip"_s), u"completed many: ~/out/docs"_s}
         << QStringList{u"docs/"_s, u"docs/a.txt"_s};
     QTest::newRow("all fail") << QStringList{u"x.zip"_s, u"y.zip"_s}
                               << Scripts{{u"x.zip"_s, bad}, {u"y.zip"_s, bad}}
@@ -458,7 +393,7 @@ void tst_extractoperation::wholeArchives_data()
                               << QStringList{};
     QTest::newRow("something is left out")
         << QStringList{u"x.zip"_s} << Scripts{{u"x.zip"_s, {.items = {u"a"_s}, .skippedEntry = u"../b"_s}}}
-        << QStringList{u"Opening “x.zip”"_s, u"left out of x.zip: ../b"_s, u"completed: ~/out/a"_s}
+        << QStringList{u"Opening “x.zip”"_s, u"left out of x.zip: ../b"_s, u"completed many: ~/out/a"_s}
         << QStringList{u"a"_s};
     QTest::newRow("the file is gone by then")
         << QStringList{u"gone.zip"_s} << Scripts{}
@@ -537,7 +472,7 @@ void tst_extractoperation::chosenEntries()
     sorted.sort();
     QCOMPARE(tree(u"out"_s), sorted);
     QCOMPARE(m_recorder->events().last().section(u':', 0, 0),
-             delivered.isEmpty() ? u"failed"_s : u"completed"_s);
+             delivered.isEmpty() ? u"failed"_s : u"completed many"_s);
     QCOMPARE(tree(u"settings"_s), settingsBefore);
     QVERIFY(QFile::exists(path(u"x.zip"_s))); // a part was delivered, so the archive stays
     QVERIFY(CVWorkDirectoryManager::workDirs().isEmpty());
