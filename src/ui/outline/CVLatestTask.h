@@ -1,16 +1,14 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <stop_token>
 #include <thread>
 
 /// One thread with one task: a new one stops and replaces the one before. What a task gives for the main
 /// thread is dropped when another task was started meanwhile, or this is gone. Main thread; going away waits
-/// for a task that was told to stop.
+/// for nothing: a task that was told to stop ends by itself, and must not need what goes away.
 class CVLatestTask
 {
 public:
@@ -28,17 +26,12 @@ public:
     void cancelAndWait();
 
 private:
-    void run(const std::stop_token &stop);
-    bool isCurrent(std::uint64_t generation);
+    /// What the thread needs, for it may outlive this.
+    struct State;
+    static void run(const std::shared_ptr<State> &state, const std::stop_token &stop);
 
     /// Read and written on the main thread only; null once this is gone.
     std::shared_ptr<CVLatestTask *> m_alive;
-    std::mutex m_mutex; // what follows
-    std::condition_variable_any m_wake;
-    std::condition_variable m_idle;
-    std::stop_source m_current;
-    Task m_task;
-    std::uint64_t m_generation = 0;
-    bool m_isWorking = false;
-    std::jthread m_thread;
+    std::shared_ptr<State> m_state;
+    std::jthread m_thread; ///< from the first task on
 };

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
+#include <mutex>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -37,24 +39,23 @@ MainThreadWatch::MainThreadWatch()
 {
     const QByteArray path = "/proc/self/task/" + QByteArray::number(::gettid()) + "/schedstat";
     const auto schedule = std::make_shared<LXFileDescriptor>(::open(path.constData(), O_RDONLY | O_CLOEXEC));
+    // No lock is shared with the main thread: it would wait for it while this thread has no processor.
     m_thread = std::jthread([shared = m_shared, schedule](const std::stop_token &stop) {
-        std::unique_lock lock(shared->mutex);
+        std::mutex mutex;
+        std::condition_variable_any pause;
+        std::unique_lock lock(mutex);
         while (!stop.stop_requested()) {
-            if (!shared->isOnWay) {
-                shared->isOnWay = true;
-                shared->sent = Clock::now();
-                shared->queuedWhenSent = queuedTime(schedule->get());
-                LXMainThread::post([shared, schedule] {
-                    const std::lock_guard arrival(shared->mutex);
-                    shared->isOnWay = false;
-                    const double took = inMilliseconds(Clock::now() - shared->sent);
-                    const auto queued = queuedTime(schedule->get()) - shared->queuedWhenSent;
-                    Stall &worst = shared->worst;
-                    worst.milliseconds = std::max(worst.milliseconds, took);
-                    worst.own = std::max(worst.own, took - inMilliseconds(queued));
-                });
+            if (!shared->isOnWay.exchange(true)) {
+                LXMainThread::post(
+                    [shared, schedule, sent = Clock::now(), queued = queuedTime(schedule->get())] {
+                        const double took = inMilliseconds(Clock::now() - sent);
+                        const double waited = inMilliseconds(queuedTime(schedule->get()) - queued);
+                        shared->worst.milliseconds = std::max(shared->worst.milliseconds, took);
+                        shared->worst.own = std::max(shared->worst.own, took - waited);
+                        shared->isOnWay = false;
+                    });
             }
-            shared->change.wait_for(lock, stop, beatPause, [] { return false; });
+            pause.wait_for(lock, stop, beatPause, [] { return false; });
         }
     });
 }
@@ -68,13 +69,11 @@ MainThreadWatch::~MainThreadWatch()
 void MainThreadWatch::reset()
 {
     QCoreApplication::processEvents();
-    const std::lock_guard lock(m_shared->mutex);
     m_shared->worst = {};
 }
 
 MainThreadWatch::Stall MainThreadWatch::worst()
 {
     QCoreApplication::processEvents();
-    const std::lock_guard lock(m_shared->mutex);
     return m_shared->worst;
 }

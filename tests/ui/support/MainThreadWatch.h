@@ -1,9 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 /// Measures how long the main thread keeps its events waiting: a thread sends it a beat every millisecond,
@@ -30,12 +29,8 @@ private:
     using Clock = std::chrono::steady_clock;
     struct Shared
     {
-        std::mutex mutex;
-        std::condition_variable_any change;
-        bool isOnWay = false;
-        Clock::time_point sent;
-        std::chrono::nanoseconds queuedWhenSent{};
-        Stall worst;
+        std::atomic<bool> isOnWay = false;
+        Stall worst; ///< of the main thread
     };
     std::shared_ptr<Shared> m_shared;
     std::jthread m_thread;
