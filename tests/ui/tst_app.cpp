@@ -87,6 +87,33 @@ private Q_SLOTS:
         QCOMPARE(driver.app().queue()->width(), 1);
     }
 
+    void firstLaunchTakesOverEarlierSettings_data()
+    {
+        QTest::addColumn<int>("launchedBefore");
+        QTest::addColumn<int>("destination");
+        QTest::newRow("first") << 0 << 2;
+        QTest::newRow("later") << 7 << 0;
+    }
+
+    void firstLaunchTakesOverEarlierSettings()
+    {
+        QFETCH(int, launchedBefore);
+        const WindowDriver driver; // its folders
+        const QString earlier = driver.path(u"earlier.conf"_s);
+        LXSettingsStore(earlier).setValue(CVSettingsKey::extractDestination, 2);
+        if (launchedBefore > 0)
+            CVSettings::setValue(CVSettingsKey::lastLaunchedVersion, launchedBefore);
+        CVAppController app;
+        app.setVersion(9, earlier);
+        app.start({});
+        QTRY_VERIFY(app.isLaunchComplete());
+        QTEST(static_cast<int>(CVSettings::integer(CVSettingsKey::extractDestination)), "destination");
+        QCOMPARE(CVSettings::integer(CVSettingsKey::lastLaunchedVersion), 9);
+        QSignalSpy terminated(&app, &CVAppController::terminated);
+        app.terminate();
+        QVERIFY(terminated.count() == 1 || terminated.wait());
+    }
+
     void endsWithAJobUnderWay_data()
     {
         QTest::addColumn<QString>("by");

@@ -1,6 +1,7 @@
 #include "ui/window/CVAppController.h"
 
 #include "engine/control/CVOperationController.h"
+#include "engine/model/CVOldPreferencesImporter.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
@@ -81,9 +82,17 @@ void CVAppController::setApplicationBus(std::unique_ptr<LXApplicationBus> bus)
             });
 }
 
+void CVAppController::setVersion(int number, const QString &earlierSettings)
+{
+    m_version = number;
+    m_earlierSettings = earlierSettings;
+}
+
 void CVAppController::start(const QStringList &files)
 {
     m_files = files;
+    if (!m_earlierSettings.isEmpty())
+        CVOldPreferencesImporter(m_earlierSettings).importSettingsFromOldVersion();
     applyAppearance();
     CVMainWindow *window = openMainWindow()->window();
     connect(window, &CVMainWindow::firstPainted, this, &CVAppController::finishLaunching);
@@ -112,6 +121,9 @@ void CVAppController::finishLaunching()
     m_files.clear();
     m_isLaunchComplete = true;
     main->operationController()->setLaunchComplete();
+    // Only now: it is written to disk.
+    if (m_version > 0 && CVSettings::integer(CVSettingsKey::lastLaunchedVersion) != m_version)
+        CVSettings::setValue(CVSettingsKey::lastLaunchedVersion, m_version);
 }
 
 void CVAppController::openFiles(const QStringList &paths)

@@ -31,6 +31,9 @@ public:
     /// What later starts send; before start(). Let go when the end begins, so that what is started from then
     /// on does not come to a process that is about to go.
     void setApplicationBus(std::unique_ptr<LXApplicationBus> bus);
+    /// Before start(). The number, above 0, is stored with each launch; a person's first one takes over the
+    /// settings in the file of an earlier program, which need not exist.
+    void setVersion(int number, const QString &earlierSettings = {});
     /// Shows the first window. Its other screens and the files follow when it has been painted.
     void start(const QStringList &files);
     /// Nothing that was given at start waits any more.
@@ -72,6 +75,8 @@ private:
     std::unique_ptr<LXApplicationBus> m_bus;
     std::vector<std::unique_ptr<CVWindowController>> m_windows; ///< in the order of opening
     QStringList m_files;                                        ///< given before the launch was complete
+    QString m_earlierSettings;
+    int m_version = 0; ///< 0 when not known
     int m_widthObserver = 0;
     bool m_isLaunchComplete = false;
     bool m_isTerminating = false;

@@ -7,6 +7,8 @@
 #include "util/LXMainThread.h"
 
 #include <QApplication>
+#include <QStandardPaths>
+#include <QVersionNumber>
 
 #include <clocale>
 #include <csignal>
@@ -23,6 +25,21 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr QLatin1StringView applicationId("org.corvane.Corvane");
+
+int versionNumber()
+{
+    const QVersionNumber version = QVersionNumber::fromString(QLatin1StringView(CORVANE_VERSION));
+    return (version.majorVersion() * 100 + version.minorVersion()) * 100 + version.microVersion();
+}
+
+/// Of the program that this one replaces, where who packages it names one.
+QString earlierSettings()
+{
+    const QString file = QStringLiteral(CORVANE_EARLIER_SETTINGS);
+    return file.isEmpty()
+               ? file
+               : QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + u'/' + file;
+}
 
 // File names are UTF-8 on every desktop of today; in the C locale Qt and the readers would otherwise
 // take them for ASCII.
@@ -94,6 +111,7 @@ int run(int argc, char **argv)
                      Qt::QueuedConnection);
     const CVTerminationSignals signalsToTerminate([&controller] { controller.terminate(); });
 
+    controller.setVersion(versionNumber(), earlierSettings());
     controller.start(files);
     return QApplication::exec();
 }
