@@ -6,23 +6,34 @@
 #include <QAbstractFileIconProvider>
 #include <QApplication>
 #include <QCheckBox>
+#include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QHeaderView>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSplitter>
 #include <QStandardPaths>
+#include <QToolButton>
 #include <QTreeView>
 
 #include <array>
 #include <memory>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr QSize panelSize(760, 480);
+constexpr int sidebarWidth = 140;
 constexpr std::array columnWidths{80, 90, 140}; // size, type, date
+constexpr std::array<std::pair<const char *, const char *>, 5> navigationIcons{
+    {{"backButton", "tool/back"},
+     {"forwardButton", "tool/forward"},
+     {"toParentButton", "tool/up"},
+     {"listModeButton", "tool/grid"},
+     {"detailModeButton", "tool/list"}}};
 constexpr int typeColumn = 2;
 
 /// Answers with nothing if nobody has answered when its last owner goes.
@@ -117,6 +128,21 @@ void furnish(QFileDialog *panel)
     static IconsByName icons;
     panel->setIconProvider(&icons);
     panel->resize(CVTheme::scaled(panelSize.width()), CVTheme::scaled(panelSize.height()));
+    // Without an icon theme these would be the only glossy pictures in the program.
+    for (auto *buttonBox : panel->findChildren<QDialogButtonBox *>()) {
+        for (QAbstractButton *button : buttonBox->buttons())
+            button->setIcon({});
+    }
+    for (const auto &[name, icon] : navigationIcons) {
+        if (auto *button = panel->findChild<QToolButton *>(QLatin1StringView(name)))
+            button->setIcon(CVTheme::icon(QLatin1StringView(icon)));
+    }
+    if (auto *newFolder = panel->findChild<QToolButton *>(u"newFolderButton"_s))
+        newFolder->hide(); // what is chosen here is there already
+    if (auto *splitter = panel->findChild<QSplitter *>(u"splitter"_s)) {
+        const int wide = CVTheme::scaled(sidebarWidth);
+        splitter->setSizes({wide, CVTheme::scaled(panelSize.width()) - wide});
+    }
     if (auto *list = panel->findChild<QTreeView *>(u"treeView"_s)) {
         // Not by their contents: that would measure every file of a large folder.
         QHeaderView *header = list->header();
