@@ -246,6 +246,8 @@ void TestBadSets::refusedSets_data()
                                          << none << u"The part “m.b.split” has not the size of the others."_s;
     QTest::newRow("last one longer") << QStringList{u"m.a.split 10"_s, u"m.b.split 11"_s} << none
                                      << u"The part “m.b.split” has not the size of the others."_s;
+    QTest::newRow("last one empty") << QStringList{u"m.a.split 10"_s, u"m.b.split 0"_s} << none
+                                    << u"The part “m.b.split” has not the size of the others."_s;
     QTest::newRow("two widths") << QStringList{u"m.a.split 10"_s, u"m.ab.split 10"_s} << none
                                 << u"The part “m.ab.split” does not belong to the same set as the others."_s;
     QTest::newRow("of no name") << QStringList{u".a.split"_s} << none
