@@ -2,16 +2,16 @@
 
 #include "archives/reading/CVArjVolumes.h"
 #include "archives/reading/CVSevenZipArchive.h"
+#include "archives/reading/CVSevenZipExtraction.h"
 #include "archives/reading/CVSevenZipFormats.h"
+#include "archives/reading/CVSevenZipNames.h"
+#include "archives/reading/CVSevenZipPeek.h"
 
-#include <QFileInfo>
 #include <QLoggingCategory>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <clocale>
-#include <mutex>
 #include <string_view>
 #include <thread>
 
@@ -25,8 +25,6 @@ Q_LOGGING_CATEGORY(lcSevenZipEngine, "corvane.reading.sevenzip.engine")
 namespace {
 
 constexpr qint64 mebibyte = 1024 * 1024;
-/// What a writer takes at once: a cancel takes effect within it.
-constexpr std::uint32_t maximumBlock = std::uint32_t(mebibyte);
 /// Below this, opening the archive a second time costs more than a second worker saves.
 constexpr qint64 minimumParallelBytes = 4 * mebibyte;
 /// A worker's share of a zip: small enough to even out, large enough that asking for it costs nothing.
@@ -40,8 +38,6 @@ constexpr qint64 plausibleRatio = 100;
 constexpr qint64 maximumDirectoryBytes = 256 * mebibyte;
 /// 100 ns units between 1601 and 1970.
 constexpr std::int64_t unixEpochTicks = 116444736000000000;
-/// The module gives bytes that are not UTF-8 as characters from here on: 0xEF80 for 0x80.
-constexpr wchar_t escapedByteBase = 0xEF00;
 
 /// The module decodes names by the locale of the thread; in UTF-8 it keeps foreign bytes recoverable.
 class Utf8Locale
@@ -68,52 +64,6 @@ private:
     locale_t m_previous = nullptr;
 };
 
-/// A name in bytes; `raw` when some of them did not decode.
-struct NameBytes
-{
-    QByteArray bytes;
-    bool raw = false;
-};
-
-NameBytes nameBytes(std::wstring_view name)
-{
-    NameBytes result;
-    result.bytes.reserve(qsizetype(name.size()));
-    for (wchar_t wide : name) {
-        auto c = std::uint32_t(wide);
-        if (c < 0x80) {
-            result.bytes += char(c);
-        } else if (wide >= escapedByteBase + 0x80 && wide <= escapedByteBase + 0xFF) {
-            result.bytes += char(c & 0xFF);
-            result.raw = true;
-        } else {
-            if ((c >= 0xD800 && c < 0xE000) || c > 0x10FFFF)
-                c = 0xFFFD;
-            if (c < 0x800) {
-                result.bytes += char(0xC0 | (c >> 6));
-            } else {
-                if (c < 0x10000) {
-                    result.bytes += char(0xE0 | (c >> 12));
-                } else {
-                    result.bytes += char(0xF0 | (c >> 18));
-                    result.bytes += char(0x80 | ((c >> 12) & 0x3F));
-                }
-                result.bytes += char(0x80 | ((c >> 6) & 0x3F));
-            }
-            result.bytes += char(0x80 | (c & 0x3F));
-        }
-    }
-    return result;
-}
-
-/// Formats whose names are bytes in whatever charset their writer had.
-bool keepsNamesAsBytes(const QByteArray &format)
-{
-    constexpr std::array names{"zip", "Cab", "Arj",      "Lzh", "tar",    "Cpio", "Ar",
-                               "Rpm", "Iso", "SquashFS", "Ext", "CramFS", "Nsis"};
-    return std::any_of(names.begin(), names.end(), [&](const char *name) { return format == name; });
-}
-
 qint64 unixNanoseconds(const Variant &value)
 {
     if (value.type != VariantFileTime || value.u8 == 0)
@@ -134,102 +84,8 @@ qint64 decoderMemoryLimit(qint64 archiveBytes)
     return std::max(leastDecoderMemory, std::min(machine / 4, archiveBytes * plausibleRatio));
 }
 
-/// The output of one compressed file is called after the archive.
-QString nameOfContents(const QStringList &paths)
-{
-    QString name = QFileInfo(paths.first()).fileName();
-    if (paths.size() > 1)
-        name.truncate(name.lastIndexOf(u'.'));
-    const qsizetype dot = name.lastIndexOf(u'.');
-    if (dot <= 0)
-        return name;
-    const QString extension = name.mid(dot + 1).toLower();
-    const QString stem = name.left(dot);
-    constexpr std::array tars{"tgz", "tpz", "tbz", "tbz2", "tb2", "txz", "tlz", "taz", "tz", "tzst"};
-    const bool isTar = std::any_of(tars.begin(), tars.end(),
-                                   [&](const char *tar) { return extension == QLatin1String(tar); });
-    return isTar ? stem + QStringLiteral(".tar") : stem;
-}
-
-bool beginsAsTar(const QByteArray &data)
-{
-    constexpr qsizetype blockSize = 512;
-    constexpr qsizetype sumAt = 148;
-    constexpr qsizetype sumSize = 8;
-    if (data.size() < blockSize)
-        return false;
-    unsigned sum = 0;
-    for (qsizetype i = 0; i < blockSize; ++i)
-        sum += i >= sumAt && i < sumAt + sumSize ? unsigned(' ') : quint8(data[i]);
-    bool isNumber = false;
-    const QByteArray stored = data.mid(sumAt, sumSize);
-    const unsigned wanted =
-        stored
-            .left(std::max<qsizetype>(
-                0, std::min(stored.indexOf('\0') < 0 ? sumSize : stored.indexOf('\0'), sumSize)))
-            .trimmed()
-            .toUInt(&isNumber, 8);
-    return isNumber && wanted == sum;
-}
-
-bool beginsAsArchive(const QByteArray &data)
-{
-    return beginsAsTar(data) || data.startsWith("070701") || data.startsWith("070702") ||
-           data.startsWith("070707") || data.startsWith("Rar!\x1a\x07");
-}
-
-/// Catches the first bytes of the first item, then ends the extraction.
-class PeekCallback final : public ExtractCallback, public SequentialOutStream
-{
-public:
-    PeekCallback() = default;
-    PeekCallback(const PeekCallback &) = delete;
-    PeekCallback &operator=(const PeekCallback &) = delete;
-    virtual ~PeekCallback() = default;
-
-    const QByteArray &bytes() const { return m_bytes; }
-
-    Result QueryInterface(const Guid &iid, void **out) override
-    {
-        *out = nullptr;
-        if (iid == SequentialOutStream::id)
-            *out = static_cast<SequentialOutStream *>(this);
-        else if (iid == IdUnknown || iid == ExtractCallback::id || iid == Progress::id)
-            *out = static_cast<ExtractCallback *>(this);
-        return *out ? Ok : NoInterface;
-    }
-    std::uint32_t AddRef() override { return 1; }
-    std::uint32_t Release() override { return 1; }
-    Result SetTotal(std::uint64_t) override { return Ok; }
-    Result SetCompleted(const std::uint64_t *) override { return Ok; }
-    Result GetStream(std::uint32_t, SequentialOutStream **stream, std::int32_t askMode) override
-    {
-        *stream = askMode == AskExtract ? this : nullptr;
-        return Ok;
-    }
-    Result PrepareOperation(std::int32_t) override { return Ok; }
-    Result SetOperationResult(std::int32_t) override { return Ok; }
-    Result Write(const void *data, std::uint32_t size, std::uint32_t *processed) override
-    {
-        m_bytes.append(static_cast<const char *>(data), std::min<qsizetype>(size, wanted - m_bytes.size()));
-        if (processed)
-            *processed = size;
-        return m_bytes.size() < wanted ? Ok : Abort;
-    }
-
-private:
-    static constexpr qsizetype wanted = 512;
-    QByteArray m_bytes;
-};
-
-struct Failure
-{
-    XADErrorCode code = XADErrorCode::None;
-    QString text;
-};
-
 /// What the module says about the archive as a whole.
-Failure archiveFailure(const CVSevenZipLibrary &library, InArchive &archive)
+CVSevenZipFailure archiveFailure(const CVSevenZipLibrary &library, InArchive &archive)
 {
     CVSevenZipValue value(library);
     std::uint64_t flags = 0;
@@ -251,46 +107,6 @@ Failure archiveFailure(const CVSevenZipLibrary &library, InArchive &archive)
     return {};
 }
 
-class SevenZipEngine;
-
-/// What the workers of one extraction share.
-struct ExtractionRun
-{
-    SevenZipEngine &engine;
-    CVEntrySink &sink;
-    std::optional<QString> password;
-    std::vector<char> wanted;    ///< per entry
-    std::vector<char> delivered; ///< per entry; each is written by one worker only
-    std::vector<std::vector<std::uint32_t>> shares;
-    std::atomic<std::size_t> nextShare = 0;
-    std::atomic<bool> stopped = false;
-    std::atomic<bool> failed = false;
-    std::atomic<bool> passwordFits = false; ///< an encrypted entry has come out right
-    std::mutex mutex;
-    CVReadingEngine::Outcome outcome;
-
-    ExtractionRun(SevenZipEngine &e, CVEntrySink &s)
-        : engine(e)
-        , sink(s)
-    {}
-
-    void stop() { stopped = true; }
-    bool isOver() const { return stopped || failed; }
-    void fail(XADErrorCode code, const QString &detail)
-    {
-        const std::lock_guard lock(mutex);
-        if (outcome.code == XADErrorCode::None)
-            outcome = {code, detail};
-        failed = true;
-    }
-    bool follow(CVEntryWriter::Flow flow)
-    {
-        if (flow == CVEntryWriter::Flow::Stop)
-            stop();
-        return flow != CVEntryWriter::Flow::Stop;
-    }
-};
-
 class SevenZipEngine final : public CVReadingEngine
 {
 public:
@@ -302,7 +118,7 @@ public:
     {}
 
     /// The outcome of trying one guess. None: open.
-    Failure open(const CVSevenZipGuess &guess);
+    CVSevenZipFailure open(const CVSevenZipGuess &guess);
 
     QString formatName() const override { return m_formatName; }
     const std::vector<XADEntry> &entries() const override { return m_entries; }
@@ -312,30 +128,19 @@ public:
     bool compressedProgress(qint64 &done, qint64 &total) const override;
     QStringList volumePaths() const override { return m_archive->callback().volumePaths(); }
 
-    const CVSevenZipLibrary &library() const { return m_library; }
-    const XADEntry &entry(int index) const { return m_entries[std::size_t(index)]; }
-    int entryOfItem(std::uint32_t item) const
-    {
-        return item < m_entryOfItem.size() ? m_entryOfItem[item] : -1;
-    }
-    /// The format keeps a checksum of every entry, so one without cannot be trusted.
-    bool checksumsAreCertain() const { return m_format == "7z"; }
-    bool isZip() const { return m_format == "zip"; }
-    bool headersWereEncrypted() const { return m_headersEncrypted; }
-    void setProgress(std::uint64_t done) { m_progress.store(qint64(done), std::memory_order_relaxed); }
-
 private:
-    Failure readEntries();
+    bool isZip() const { return m_format == "zip"; }
+    CVSevenZipFailure readEntries();
     bool readEntry(InArchive &archive, std::uint32_t item, XADEntry &entry);
     bool isPseudoEntry(InArchive &archive, std::uint32_t item, const XADEntry &entry);
     void peekInside();
-    Failure unsupportedVariant();
+    CVSevenZipFailure unsupportedVariant();
 
-    Outcome run(ExtractionRun &extraction);
-    void failLocked(ExtractionRun &extraction);
-    void makeShares(ExtractionRun &extraction);
-    void work(ExtractionRun &extraction, CVSevenZipArchive &archive);
-    void reportMissing(ExtractionRun &extraction, const std::vector<std::uint32_t> &share);
+    Outcome run(CVSevenZipRun &extraction);
+    void failLocked(CVSevenZipRun &extraction);
+    void makeShares(CVSevenZipRun &extraction);
+    void work(CVSevenZipRun &extraction, CVSevenZipArchive &archive);
+    void reportMissing(CVSevenZipRun &extraction, const std::vector<std::uint32_t> &share);
     QString blockTooLarge(std::uint32_t item, qint64 unpackedBytes);
     std::uint64_t blockOf(std::uint32_t item);
 
@@ -349,199 +154,11 @@ private:
     std::vector<XADEntry> m_entries;
     std::vector<std::uint32_t> m_itemOfEntry;
     std::vector<int> m_entryOfItem; ///< -1 for items that are no entries
-    Failure m_archiveFailure;
+    CVSevenZipFailure m_archiveFailure;
     std::atomic<qint64> m_progress = 0;
     bool m_isEncrypted = false;
     bool m_headersEncrypted = false;
     bool m_entryIsArchive = false;
-};
-
-/// Takes what one worker's archive object gives and passes it to the sink.
-class Extraction final : public ExtractCallback, public CryptoGetTextPassword, public SequentialOutStream
-{
-public:
-    Extraction(ExtractionRun &run, InArchive &archive)
-        : m_run(run)
-        , m_archive(archive)
-    {}
-    Extraction(const Extraction &) = delete;
-    Extraction &operator=(const Extraction &) = delete;
-    virtual ~Extraction() = default;
-
-    /// After a call that failed in the middle of an entry.
-    void abandon(const QString &why)
-    {
-        if (m_writer)
-            m_run.follow(m_writer->finish(XADErrorCode::Damaged, why));
-        m_writer.reset();
-    }
-
-    Result QueryInterface(const Guid &iid, void **out) override
-    {
-        *out = nullptr;
-        if (iid == IdUnknown || iid == ExtractCallback::id || iid == Progress::id)
-            *out = static_cast<ExtractCallback *>(this);
-        else if (iid == CryptoGetTextPassword::id)
-            *out = static_cast<CryptoGetTextPassword *>(this);
-        else if (iid == SequentialOutStream::id)
-            *out = static_cast<SequentialOutStream *>(this);
-        return *out ? Ok : NoInterface;
-    }
-    std::uint32_t AddRef() override { return 1; }
-    std::uint32_t Release() override { return 1; }
-
-    Result SetTotal(std::uint64_t) override { return Ok; }
-
-    Result SetCompleted(const std::uint64_t *completed) override
-    {
-        if (completed)
-            m_run.engine.setProgress(*completed);
-        return checkStop();
-    }
-
-    Result GetStream(std::uint32_t item, SequentialOutStream **stream, std::int32_t askMode) override
-    {
-        *stream = nullptr;
-        abandon(QStringLiteral("The entry did not end."));
-        if (const Result result = checkStop(); result != Ok)
-            return result;
-        const int index = m_run.engine.entryOfItem(item);
-        m_index = -1;
-        if (index < 0 || !m_run.wanted[std::size_t(index)] || m_run.delivered[std::size_t(index)])
-            return Ok;
-        m_index = index;
-        m_item = item;
-        // Behind damage the module only names the entries that are lost with it, in another mode.
-        if (askMode != AskExtract)
-            return Ok;
-        m_run.delivered[std::size_t(index)] = 1;
-        m_received = 0;
-        m_skipping = false;
-        m_writer = m_run.sink.beginEntry(index);
-        if (m_writer)
-            *stream = this;
-        return Ok;
-    }
-
-    Result PrepareOperation(std::int32_t) override { return Ok; }
-
-    Result SetOperationResult(std::int32_t result) override
-    {
-        if (!m_writer && m_index >= 0 && result != OperationOk && !m_run.delivered[std::size_t(m_index)]) {
-            m_run.delivered[std::size_t(m_index)] = 1;
-            const Failure failure = failureOf(result);
-            return m_run.follow(m_run.sink.entryFailed(m_index, failure.code, failure.text)) ? Ok : Abort;
-        }
-        if (!m_writer)
-            return checkStop();
-        const auto writer = std::move(m_writer);
-        const XADEntry &entry = m_run.engine.entry(m_index);
-        Failure failure = m_skipping ? Failure{} : failureOf(result);
-        if (failure.code == XADErrorCode::None && !m_skipping) {
-            if (m_received > 0 && m_run.engine.checksumsAreCertain() && !hasChecksum())
-                failure = {XADErrorCode::Damaged, QStringLiteral("The entry has no checksum.")};
-            else if (entry.encrypted && m_received > 0)
-                m_run.passwordFits = true;
-        }
-        return m_run.follow(writer->finish(failure.code, failure.text)) ? Ok : Abort;
-    }
-
-    Result GetTextPassword(ModuleString *password) override
-    {
-        if (!m_run.password)
-            m_run.fail(XADErrorCode::Password, QStringLiteral("A password is needed."));
-        return cvSevenZipGivePassword(m_run.engine.library(), m_run.password, password);
-    }
-
-    Result Write(const void *data, std::uint32_t size, std::uint32_t *processed) override
-    {
-        if (processed)
-            *processed = size;
-        m_received += size;
-        if (!m_writer || m_skipping)
-            return checkStop();
-        const char *next = static_cast<const char *>(data);
-        for (std::uint32_t left = size; left > 0;) {
-            const std::uint32_t block = std::min(left, maximumBlock);
-            switch (m_writer->write(next, block)) {
-            case CVEntryWriter::Flow::Go:
-                break;
-            case CVEntryWriter::Flow::SkipEntry:
-                m_skipping = true;
-                return Ok;
-            case CVEntryWriter::Flow::Stop:
-                m_run.stop();
-                return Abort;
-            }
-            next += block;
-            left -= block;
-        }
-        return m_run.isOver() ? Abort : Ok;
-    }
-
-private:
-    Result checkStop()
-    {
-        if (!m_run.isOver() && m_run.sink.shouldStop())
-            m_run.stop();
-        return m_run.isOver() ? Abort : Ok;
-    }
-
-    bool hasChecksum()
-    {
-        CVSevenZipValue crc(m_run.engine.library());
-        return m_archive.GetProperty(m_item, PropertyCrc, crc.out()) == Ok && !crc.isEmpty();
-    }
-
-    /// Zip with AES checks the password before the data.
-    bool passwordWasChecked()
-    {
-        CVSevenZipValue method(m_run.engine.library());
-        return m_run.engine.isZip() && m_archive.GetProperty(m_item, PropertyMethod, method.out()) == Ok &&
-               method.string().startsWith(QLatin1String("AES"));
-    }
-
-    Failure failureOf(std::int32_t result)
-    {
-        switch (result) {
-        case OperationOk:
-            return {};
-        case OperationUnsupportedMethod:
-            return {XADErrorCode::NotSupported, QStringLiteral("The compression method is not supported.")};
-        case OperationWrongPassword:
-            return {XADErrorCode::Password, QStringLiteral("The password is wrong.")};
-        case OperationMemoryError:
-            return {XADErrorCode::NotSupported,
-                    QStringLiteral("There is not enough memory to unpack the entry.")};
-        case OperationDataError:
-        case OperationCrcError:
-            if (m_run.engine.entry(m_index).encrypted && !m_run.engine.headersWereEncrypted() &&
-                !m_run.passwordFits && !passwordWasChecked())
-                return {XADErrorCode::Password,
-                        QStringLiteral("The password is wrong, or the data is damaged.")};
-            return {XADErrorCode::Damaged, result == OperationCrcError
-                                               ? QStringLiteral("The checksum does not fit.")
-                                               : QStringLiteral("The data is damaged.")};
-        case OperationUnavailable:
-            return {XADErrorCode::Damaged, QStringLiteral("The data is not there; a volume may be missing.")};
-        case OperationUnexpectedEnd:
-            return {XADErrorCode::Damaged, QStringLiteral("The data ends too early.")};
-        case OperationDataAfterEnd:
-            return {XADErrorCode::Damaged, QStringLiteral("There is more data than there should be.")};
-        case OperationHeadersError:
-            return {XADErrorCode::Damaged, QStringLiteral("The header of the entry is damaged.")};
-        default:
-            return {XADErrorCode::Damaged, QStringLiteral("The data cannot be read.")};
-        }
-    }
-
-    ExtractionRun &m_run;
-    InArchive &m_archive;
-    std::unique_ptr<CVEntryWriter> m_writer;
-    int m_index = -1;
-    std::uint32_t m_item = 0;
-    std::uint64_t m_received = 0;
-    bool m_skipping = false; ///< the sink has given the entry up
 };
 
 unsigned availableCores()
@@ -549,7 +166,7 @@ unsigned availableCores()
     return std::max(1U, std::thread::hardware_concurrency());
 }
 
-Failure SevenZipEngine::open(const CVSevenZipGuess &guess)
+CVSevenZipFailure SevenZipEngine::open(const CVSevenZipGuess &guess)
 {
     m_guess = guess;
     const auto &format = m_library.formats()[std::size_t(guess.format)];
@@ -569,7 +186,7 @@ Failure SevenZipEngine::open(const CVSevenZipGuess &guess)
         return {XADErrorCode::NotSupported,
                 QStringLiteral("There is not enough memory to open the archive.")};
     if (result != Ok) {
-        const Failure failure = archiveFailure(m_library, m_archive->top());
+        const CVSevenZipFailure failure = archiveFailure(m_library, m_archive->top());
         if (failure.code != XADErrorCode::None)
             return failure;
         return {XADErrorCode::Damaged, QStringLiteral("The archive is damaged or incomplete.")};
@@ -588,16 +205,16 @@ Failure SevenZipEngine::open(const CVSevenZipGuess &guess)
     if (m_archiveFailure.code != XADErrorCode::None && !callback.missingVolume().isEmpty())
         m_archiveFailure.text = QStringLiteral("The volume \"%1\" is missing.").arg(callback.missingVolume());
 
-    if (Failure failure = readEntries(); failure.code != XADErrorCode::None)
+    if (CVSevenZipFailure failure = readEntries(); failure.code != XADErrorCode::None)
         return failure;
-    if (Failure failure = unsupportedVariant(); failure.code != XADErrorCode::None)
+    if (CVSevenZipFailure failure = unsupportedVariant(); failure.code != XADErrorCode::None)
         return failure;
     peekInside();
     return {};
 }
 
 /// Where another reader can do what this one cannot, it must hear of it before anything is shown.
-Failure SevenZipEngine::unsupportedVariant()
+CVSevenZipFailure SevenZipEngine::unsupportedVariant()
 {
     if (m_format != "Arj")
         return {};
@@ -606,7 +223,7 @@ Failure SevenZipEngine::unsupportedVariant()
     return {};
 }
 
-Failure SevenZipEngine::readEntries()
+CVSevenZipFailure SevenZipEngine::readEntries()
 {
     InArchive &archive = m_archive->top();
     std::uint32_t count = 0;
@@ -638,20 +255,21 @@ bool SevenZipEngine::readEntry(InArchive &archive, std::uint32_t item, XADEntry 
         return archive.GetProperty(item, which, value.out()) == Ok && !value.isEmpty();
     };
     const auto text = [&] {
-        return nameBytes(value.isString() ? std::wstring_view(value.get().string) : std::wstring_view());
+        return cvSevenZipNameBytes(value.isString() ? std::wstring_view(value.get().string)
+                                                    : std::wstring_view());
     };
 
     const bool isSingle = cvSevenZipIsSingleStream(m_format);
-    NameBytes name;
+    CVSevenZipName name;
     if (!isSingle && property(PropertyPath))
         name = text();
     else if (isSingle || m_format == "7z") // elsewhere a missing name is the archive's own doing
-        name.bytes = nameOfContents(m_source->paths()).toUtf8();
+        name.bytes = cvSevenZipNameOfContents(m_source->paths()).toUtf8();
     entry.name = std::move(name.bytes);
     entry.nameEncoding = CVNameEncoding::Utf8;
     if (name.raw)
         entry.nameEncoding = CVNameEncoding::Unmarked;
-    else if (!isSingle && keepsNamesAsBytes(m_format)) {
+    else if (!isSingle && cvSevenZipKeepsNamesAsBytes(m_format)) {
         const bool marked =
             isZip() && property(PropertyCharacteristics) && value.string().contains(QLatin1String("UTF8"));
         entry.nameEncoding = marked ? CVNameEncoding::Utf8 : CVNameEncoding::Unmarked;
@@ -738,10 +356,7 @@ void SevenZipEngine::peekInside()
     }
     if (!cvSevenZipIsSingleStream(m_format))
         return;
-    PeekCallback peek;
-    const std::uint32_t item = m_itemOfEntry[0];
-    (void)m_archive->top().Extract(&item, 1, 0, &peek);
-    m_entryIsArchive = beginsAsArchive(peek.bytes());
+    m_entryIsArchive = cvSevenZipItemIsArchive(m_archive->top(), m_itemOfEntry[0]);
 }
 
 bool SevenZipEngine::compressedProgress(qint64 &done, qint64 &total) const
@@ -757,7 +372,14 @@ CVReadingEngine::Outcome SevenZipEngine::extract(std::span<const int> indices, b
 {
     const Utf8Locale locale;
     try {
-        ExtractionRun extraction(*this, sink);
+        CVSevenZipRun extraction{.library = m_library,
+                                 .entries = m_entries,
+                                 .entryOfItem = m_entryOfItem,
+                                 .checksumsAreCertain = m_format == "7z",
+                                 .isZip = isZip(),
+                                 .headersAreEncrypted = m_headersEncrypted,
+                                 .progress = m_progress,
+                                 .sink = sink};
         extraction.wanted.assign(m_entries.size(), all ? 1 : 0);
         extraction.delivered.assign(m_entries.size(), 0);
         for (const int index : indices)
@@ -772,7 +394,7 @@ CVReadingEngine::Outcome SevenZipEngine::extract(std::span<const int> indices, b
     }
 }
 
-CVReadingEngine::Outcome SevenZipEngine::run(ExtractionRun &extraction)
+CVReadingEngine::Outcome SevenZipEngine::run(CVSevenZipRun &extraction)
 {
     m_progress = 0;
     failLocked(extraction);
@@ -819,7 +441,7 @@ CVReadingEngine::Outcome SevenZipEngine::run(ExtractionRun &extraction)
 }
 
 /// Without a password the encrypted entries fail, and the others still come out.
-void SevenZipEngine::failLocked(ExtractionRun &extraction)
+void SevenZipEngine::failLocked(CVSevenZipRun &extraction)
 {
     const auto isLocked = [&](std::size_t i) { return extraction.wanted[i] && m_entries[i].encrypted; };
     bool any = m_headersEncrypted;
@@ -861,7 +483,7 @@ QString SevenZipEngine::blockTooLarge(std::uint32_t item, qint64 unpackedBytes)
 }
 
 /// Divides the work: blocks of 7z and runs of zip entries can be unpacked independently.
-void SevenZipEngine::makeShares(ExtractionRun &extraction)
+void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
 {
     const bool byBlock = m_format == "7z";
     qint64 total = 0;
@@ -924,9 +546,9 @@ void SevenZipEngine::makeShares(ExtractionRun &extraction)
     }
 }
 
-void SevenZipEngine::work(ExtractionRun &extraction, CVSevenZipArchive &archive)
+void SevenZipEngine::work(CVSevenZipRun &extraction, CVSevenZipArchive &archive)
 {
-    Extraction callback(extraction, archive.top());
+    CVSevenZipExtraction callback(extraction, archive.top());
     while (!extraction.isOver()) {
         const std::size_t next = extraction.nextShare.fetch_add(1);
         if (next >= extraction.shares.size())
@@ -952,7 +574,7 @@ void SevenZipEngine::work(ExtractionRun &extraction, CVSevenZipArchive &archive)
 }
 
 /// The module passes over some entries without a word (folders of some formats, lost data).
-void SevenZipEngine::reportMissing(ExtractionRun &extraction, const std::vector<std::uint32_t> &share)
+void SevenZipEngine::reportMissing(CVSevenZipRun &extraction, const std::vector<std::uint32_t> &share)
 {
     for (const std::uint32_t item : share) {
         const auto index = std::size_t(m_entryOfItem[item]);
@@ -1002,9 +624,10 @@ CVEngineDescriptor::OpenOutcome openArjVolumes(const CVSevenZipLibrary &library,
     for (const QString &volumePath : cvArjVolumePaths(path)) {
         const auto source = CVSevenZipSource::open({volumePath});
         auto engine = source ? std::make_unique<SevenZipEngine>(library, host, source) : nullptr;
-        const Failure failure = engine ? engine->open(guess)
-                                       : Failure{XADErrorCode::Damaged,
-                                                 QStringLiteral("A volume of the archive cannot be read.")};
+        const CVSevenZipFailure failure =
+            engine ? engine->open(guess)
+                   : CVSevenZipFailure{XADErrorCode::Damaged,
+                                       QStringLiteral("A volume of the archive cannot be read.")};
         if (failure.code != XADErrorCode::None)
             return {nullptr, failure.code, failure.text};
         const CVArjDivision division = cvArjDivision(*source, guess.offset);
@@ -1040,10 +663,10 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
                 division.isVolume)
                 return openArjVolumes(*library, guesses.front(), probe.path, host);
         }
-        Failure first;
+        CVSevenZipFailure first;
         for (const CVSevenZipGuess &guess : guesses) {
             auto engine = std::make_unique<SevenZipEngine>(*library, host, source);
-            const Failure failure = engine->open(guess);
+            const CVSevenZipFailure failure = engine->open(guess);
             switch (failure.code) {
             case XADErrorCode::None:
                 return {std::move(engine), XADErrorCode::None, {}};
