@@ -6,9 +6,8 @@
 #include "ui/base/CVFileWell.h"
 #include "ui/base/CVTheme.h"
 #include "ui/completed/CVOperationCompletedViewController.h"
-#include "ui/support/ScreenStage.h"
+#include "ui/support/ScreenTest.h"
 #include "util/LXFileName.h"
-#include "util/LXMainThread.h"
 
 #include <QDir>
 #include <QFile>
@@ -73,22 +72,13 @@ CVSkippedInArchive skipped(const QString &archive, int count)
 
 } // namespace
 
-class tst_completed : public QObject
+class tst_completed : public ScreenTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        LXMainThread::install();
-        CVTheme::setReducedMotion(true);
-        // One for all: the offscreen platform does not always activate a second one.
-        m_stage = std::make_unique<ScreenStage>();
-        QVERIFY(QTest::qWaitForWindowActive(&m_stage->window));
-    }
     void init();
     void cleanup();
-    void cleanupTestCase() { m_stage.reset(); }
 
     void showsTheResult();
     void nameThatIsNotText();
@@ -114,8 +104,6 @@ private:
         m_screen->setFolderChooser([folder](QWidget *, const auto &chosen) { chosen(folder); });
     }
 
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<ScreenStage> m_stage;
     std::unique_ptr<CVOperationCompletedViewController> m_screen;
     std::shared_ptr<Viewer> m_viewer;
     std::shared_ptr<Sound> m_sound;
@@ -123,11 +111,9 @@ private:
 
 void tst_completed::init()
 {
-    m_dir = std::make_unique<QTemporaryDir>();
-    CVSettings::setStore(std::make_shared<LXSettingsStore>(path(u"settings"_s)));
+    ScreenTest::init();
     LXFileViewer::setShared(m_viewer = std::make_shared<Viewer>());
     LXSystemSound::setShared(m_sound = std::make_shared<Sound>());
-    m_stage->requests.clear();
     m_screen = std::make_unique<CVOperationCompletedViewController>(*m_stage);
     QVERIFY(QDir(m_dir->path()).mkpath(u"to"_s));
     write(path(u"result.zip"_s), QByteArray(1500, 'r'));
@@ -136,10 +122,9 @@ void tst_completed::init()
 void tst_completed::cleanup()
 {
     m_screen.reset();
-    m_stage->clear();
+    ScreenTest::cleanup();
     LXFileViewer::setShared(nullptr);
     LXSystemSound::setShared(nullptr);
-    CVSettings::setStore(nullptr);
 }
 
 void tst_completed::showsTheResult()

@@ -1,49 +1,24 @@
-#include "engine/model/CVSettings.h"
 #include "ui/base/CVFileWell.h"
-#include "ui/base/CVTheme.h"
 #include "ui/progress/CVProgressController.h"
 #include "ui/progress/CVProgressText.h"
 #include "ui/progress/CVProgressView.h"
-#include "ui/support/ScreenStage.h"
-#include "util/LXMainThread.h"
+#include "ui/support/ScreenTest.h"
 
 #include <QDropEvent>
-#include <QLabel>
 #include <QMimeData>
 #include <QProgressBar>
 #include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <algorithm>
 #include <thread>
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-QStringList labelTexts(const QWidget *view)
-{
-    QStringList texts;
-    for (const QLabel *label : view->findChildren<QLabel *>()) {
-        if (!label->text().isEmpty() && label->isVisibleTo(view))
-            texts.append(label->text());
-    }
-    return texts;
-}
-
-} // namespace
-
-class tst_progress_screens : public QObject
+class tst_progress_screens : public ScreenTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void cleanupTestCase() { m_stage.reset(); }
-
     void barShowsTheShare_data();
     void barShowsTheShare();
     void onlyBytesAreShownAsBytes();
@@ -55,33 +30,7 @@ private Q_SLOTS:
     void reportsOutliveTheScreen();
     void dropsReachTheWindow();
     void timeLeftIsNotSpokenAllTheTime();
-
-private:
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<ScreenStage> m_stage;
 };
-
-void tst_progress_screens::initTestCase()
-{
-    LXMainThread::install();
-    CVTheme::setReducedMotion(true);
-    // One for all: the offscreen platform does not always activate a second one.
-    m_stage = std::make_unique<ScreenStage>();
-    QVERIFY(QTest::qWaitForWindowActive(&m_stage->window));
-}
-
-void tst_progress_screens::init()
-{
-    m_dir = std::make_unique<QTemporaryDir>();
-    CVSettings::setStore(std::make_shared<LXSettingsStore>(m_dir->filePath(u"settings"_s)));
-    m_stage->requests.clear();
-}
-
-void tst_progress_screens::cleanup()
-{
-    m_stage->clear();
-    CVSettings::setStore(nullptr);
-}
 
 void tst_progress_screens::barShowsTheShare_data()
 {

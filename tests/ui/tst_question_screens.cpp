@@ -3,16 +3,12 @@
 #include "ui/progress/CVAlertViewController.h"
 #include "ui/progress/CVPasswordViewController.h"
 #include "ui/progress/CVProgressController.h"
-#include "ui/support/ScreenStage.h"
-#include "util/LXMainThread.h"
+#include "ui/support/ScreenTest.h"
 
 #include <QCheckBox>
-#include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScrollBar>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <algorithm>
 #include <future>
@@ -20,16 +16,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-QStringList labelTexts(const QWidget *view)
-{
-    QStringList texts;
-    for (const QLabel *label : view->findChildren<QLabel *>()) {
-        if (!label->text().isEmpty() && label->isVisibleTo(view))
-            texts.append(label->text());
-    }
-    return texts;
-}
 
 /// A job's thread that asks for a password.
 class Asker
@@ -76,16 +62,11 @@ public:
 
 } // namespace
 
-class tst_question_screens : public QObject
+class tst_question_screens : public ScreenTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void cleanupTestCase() { m_stage.reset(); }
-
     void passwordEndsOnce_data();
     void passwordEndsOnce();
     void passwordOfAStoppedJob();
@@ -100,33 +81,7 @@ private Q_SLOTS:
     void alertEndsOnce();
     void alertThatIsReplaced();
     void alertHeight();
-
-private:
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<ScreenStage> m_stage;
 };
-
-void tst_question_screens::initTestCase()
-{
-    LXMainThread::install();
-    CVTheme::setReducedMotion(true);
-    // One for all: the offscreen platform does not always activate a second one.
-    m_stage = std::make_unique<ScreenStage>();
-    QVERIFY(QTest::qWaitForWindowActive(&m_stage->window));
-}
-
-void tst_question_screens::init()
-{
-    m_dir = std::make_unique<QTemporaryDir>();
-    CVSettings::setStore(std::make_shared<LXSettingsStore>(m_dir->filePath(u"settings"_s)));
-    m_stage->requests.clear();
-}
-
-void tst_question_screens::cleanup()
-{
-    m_stage->clear();
-    CVSettings::setStore(nullptr);
-}
 
 void tst_question_screens::passwordEndsOnce_data()
 {
