@@ -51,6 +51,11 @@ void LXProgressRate::measureFrom(double done, Clock::time_point now)
 void LXProgressRate::update(double done, double total, LXProgressUnit unit, Clock::time_point now)
 {
     const int stage = stageOf(done, total, unit);
+    // One half may count files and the other bytes.
+    if (unit == LXProgressUnit::Share) {
+        done = total > 0 ? done / total : 0;
+        total = total > 0 ? 1 : 0;
+    }
     if (done < m_done || stage != m_stage)
         measureFrom(done, now);
     m_stage = stage;

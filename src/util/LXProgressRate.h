@@ -22,7 +22,7 @@ public:
     /// speed. Numbers that go back, and another stage of a job that counts shares, begin a new measurement.
     void update(double done, double total, LXProgressUnit unit, Clock::time_point now);
 
-    /// Units a second; 0 when not known yet.
+    /// Bytes a second, or the share of the whole; 0 when not known yet.
     double perSecond() const { return m_rate; }
     /// From the mean of the last quarter of a minute, the pauses included. Nothing in the first seconds, for a
     /// job that has stood still for long, and for what nobody wants to wait for.

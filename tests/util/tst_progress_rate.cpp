@@ -57,6 +57,16 @@ private Q_SLOTS:
         }
     }
 
+    void sharesMayBeCountedAnew()
+    {
+        rate.update(1, 2, Unit::Share, now);
+        total = 2'000'000;
+        done = 1'000'000;
+        run(10'000, 5s, Unit::Share); // a million in 100 seconds
+        QVERIFY2(*rate.secondsLeft() > 80 && *rate.secondsLeft() < 120,
+                 qPrintable(QString::number(*rate.secondsLeft())));
+    }
+
     void timeOfAQuestionDoesNotCount()
     {
         run(100, 4s);
