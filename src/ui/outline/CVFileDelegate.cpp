@@ -58,6 +58,23 @@ void drawTriangle(QPainter *painter, const QRect &rect, bool isOpen, bool isMirr
     painter->restore();
 }
 
+// A folder in the colour of the selection would be lost in it.
+void drawEdge(QPainter *painter, const QRect &rect, const QIcon &icon, const QColor &color)
+{
+    QPixmap shape = icon.pixmap(rect.size(), painter->device()->devicePixelRatioF());
+    if (shape.isNull())
+        return;
+    {
+        QPainter fill(&shape);
+        fill.setCompositionMode(QPainter::CompositionMode_SourceIn);
+        fill.fillRect(QRect(QPoint(), rect.size()), color);
+    }
+    const QSizeF size = shape.deviceIndependentSize();
+    const QPointF corner = QRectF(rect).center() - QPointF(size.width() / 2, size.height() / 2);
+    for (const QPointF offset : {QPointF(-1, 0), QPointF(1, 0), QPointF(0, -1), QPointF(0, 1)})
+        painter->drawPixmap(corner + offset, shape);
+}
+
 // In two lines at most, the second cut in the middle, so that endings stay in sight.
 void drawName(QPainter *painter, const QRect &rect, const QString &name, const QFont &font,
               Qt::LayoutDirection direction)
@@ -122,8 +139,10 @@ void CVFileListDelegate::paint(QPainter *painter, const QStyleOptionViewItem &gi
         };
         take(indent - gap);
         const QRect place = take(icon);
-        option.icon.paint(painter, QRect(place.left(), place.center().y() - icon / 2, icon, icon),
-                          Qt::AlignCenter, fileIconMode(option));
+        const QRect picture(place.left(), place.center().y() - icon / 2, icon, icon);
+        if (option.state & QStyle::State_Selected)
+            drawEdge(painter, picture, option.icon, color);
+        option.icon.paint(painter, picture, Qt::AlignCenter, fileIconMode(option));
         take(CVTheme::unit);
         if (index.data(CVFileNodeModel::IsEncryptedRole).toBool()) {
             const int size = icon * 3 / 4;
