@@ -8,6 +8,7 @@
 #include "ui/outline/CVFileListView.h"
 #include "ui/outline/CVQuickLookPanel.h"
 #include "ui/support/ScreenStage.h"
+#include "util/LXBackground.h"
 #include "util/LXMainThread.h"
 
 #include <QAction>
@@ -19,7 +20,6 @@
 #include <QPlainTextEdit>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThreadPool>
 #include <QTimer>
 #include <QToolButton>
 
@@ -297,7 +297,7 @@ private Q_SLOTS:
         QVERIFY(extraction->delivered().isEmpty());
         // Its job writes until it says that it does no more; a folder that went before would come back.
         extraction.reset();
-        QThreadPool::globalInstance()->waitForDone();
+        waitForBackground();
         QVERIFY(QFileInfo::exists(screen.engine.destinations.last()));
         screen.engine.held = {};
         QTRY_VERIFY(!QFileInfo::exists(screen.engine.destinations.last()));

@@ -6,6 +6,7 @@
 #include "ui/base/CVTheme.h"
 #include "ui/options/CVChunkSizeField.h"
 #include "ui/options/CVFormatButton.h"
+#include "util/LXBackground.h"
 #include "util/LXBytesValueTransformer.h"
 #include "util/LXDisplay.h"
 #include "util/LXFileName.h"
@@ -20,7 +21,6 @@
 #include <QLabel>
 #include <QLocale>
 #include <QSignalBlocker>
-#include <QThreadPool>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -200,7 +200,7 @@ void CVSplitViewController::setFile(const QString &path)
     m_icon->setAccessibleName(tr("File"));
     m_fileName->setText(LXDisplay::displayEscaped(name));
     refresh();
-    QThreadPool::globalInstance()->start([this, path, alive = std::weak_ptr<int>(m_alive)] {
+    runInBackground([this, path, alive = std::weak_ptr<int>(m_alive)] {
         struct stat facts;
         if (::stat(bytesOfFileName(path).constData(), &facts) != 0 || !S_ISREG(facts.st_mode))
             return;

@@ -1,12 +1,12 @@
 #include "ui/outline/CVFileKinds.h"
 
 #include "filetree/CVFileNode.h"
+#include "util/LXBackground.h"
 #include "util/LXFileName.h"
 
 #include <QCoreApplication>
 #include <QHash>
 #include <QMimeDatabase>
-#include <QThreadPool>
 
 #include <algorithm>
 #include <mutex>
@@ -60,7 +60,7 @@ QMimeType typeOf(QStringView name)
 void CVFileKinds::prepare()
 {
     static std::once_flag once;
-    std::call_once(once, [] { QThreadPool::globalInstance()->start([] { typeOf(u"a.txt"); }); });
+    std::call_once(once, [] { runInBackground([] { typeOf(u"a.txt"); }); });
 }
 
 QString CVFileKinds::kind(QStringView name, bool isFolder)

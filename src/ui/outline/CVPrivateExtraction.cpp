@@ -3,12 +3,12 @@
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVWorkDirectoryManager.h"
 #include "platform/LXDesktopFolders.h"
+#include "util/LXBackground.h"
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
 #include "util/unique_string.h"
 
 #include <QPointer>
-#include <QThreadPool>
 
 namespace {
 
@@ -47,8 +47,7 @@ public:
         if (!m_isMade)
             return;
         // The end of the program waits for it.
-        QThreadPool::globalInstance()->start(
-            [path = m_path] { CVWorkDirectoryManager::discardWorkDir(path); });
+        runInBackground([path = m_path] { CVWorkDirectoryManager::discardWorkDir(path); });
     }
     Folder(const Folder &) = delete;
     Folder &operator=(const Folder &) = delete;
@@ -74,9 +73,8 @@ std::shared_ptr<CVPrivateExtraction> CVPrivateExtraction::start(const CVArchiveP
 {
     const std::shared_ptr<CVPrivateExtraction> extraction(new CVPrivateExtraction);
     extraction->m_folder = std::make_shared<Folder>();
-    QThreadPool::globalInstance()->start([folder = extraction->m_folder, weak = std::weak_ptr(extraction),
-                                          extract = services.extractFiles, entryPaths, archivePath,
-                                          guard = QPointer(owner)] {
+    runInBackground([folder = extraction->m_folder, weak = std::weak_ptr(extraction),
+                     extract = services.extractFiles, entryPaths, archivePath, guard = QPointer(owner)] {
         const int failure = folder->make();
         LXMainThread::post([=] {
             const auto self = weak.lock();
