@@ -229,8 +229,8 @@ void CVFileListView::currentChanged(const QModelIndex &current, const QModelInde
     // The frame of the current row spans the columns, which Qt does not draw again by itself.
     for (const QModelIndex &index : {current, previous}) {
         if (index.isValid())
-            viewport()->update(0, rowViewportPosition(index.row()), viewport()->width(),
-                               rowHeight(index.row()));
+            viewport()->update(0, rowViewportPosition(index.row()) - 1, viewport()->width(),
+                               rowHeight(index.row()) + 2); // at 135 % an edge is shared by two rows
     }
 }
 
