@@ -4,14 +4,12 @@
 #include "engine/model/CVSettings.h"
 #include "platform/desktop/LXApplicationBus.h"
 #include "ui/base/CVTheme.h"
-#include "ui/base/CVToolbar.h"
 #include "ui/support/WindowDriver.h"
 #include "ui/window/CVMainWindow.h"
 #include "ui/window/CVNavigationController.h"
 #include "util/LXMainThread.h"
 
 #include <QApplication>
-#include <QDir>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
@@ -288,60 +286,6 @@ private Q_SLOTS:
         QVERIFY(driver.waitForScreen(u"dropBox"_s));
         QVERIFY(driver.navigation().previousViewControllers().isEmpty());
         QVERIFY(driver.end());
-    }
-
-    void closesFromEveryScreen_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<QStringList>("clicks");
-        QTest::addColumn<QString>("screen");
-        QTest::newRow("choice") << "folder" << QStringList() << "options";
-        QTest::newRow("create") << "folder" << QStringList{"archive"} << "create";
-        QTest::newRow("contents") << "good.zip" << QStringList() << "preview";
-        QTest::newRow("convert") << "good.zip" << QStringList{"convert"} << "convert";
-        QTest::newRow("split") << "good.zip" << QStringList{"split"} << "split";
-        QTest::newRow("result") << "good.zip" << QStringList{"extract"} << "multipleDone";
-        QTest::newRow("password") << "secret.7z" << QStringList() << "password";
-        QTest::newRow("alert") << "broken.zip" << QStringList() << "alert";
-    }
-
-    void closesFromEveryScreen()
-    {
-        QFETCH(QString, file);
-        QFETCH(QStringList, clicks);
-        QFETCH(QString, screen);
-        for (const bool duringTheSlide : {false, true}) {
-            WindowDriver driver(duringTheSlide ? WindowDriver::Motion::Full : WindowDriver::Motion::Reduced);
-            driver.makeFile(u"folder/note.txt"_s, "words");
-            driver.makeFile(u"broken.zip"_s, "PK\x03\x04 and nothing that follows it");
-            QVERIFY(driver.runTool(u"zip"_s, {u"-qr"_s, u"good.zip"_s, u"folder"_s}));
-            QVERIFY(
-                driver.runTool(u"7z"_s, {u"a"_s, u"-psesame"_s, u"-mhe=on"_s, u"secret.7z"_s, u"folder"_s}));
-            QVERIFY(driver.start());
-            QVERIFY(driver.drop({driver.path(file)}));
-            for (const QString &identifier : std::as_const(clicks)) {
-                QVERIFY(QTest::qWaitFor([&] {
-                    return driver.mainWindow()->toolbar()->item(identifier) &&
-                           driver.navigation().slideAnimation()->isIdle();
-                }));
-                QVERIFY(driver.click(identifier));
-            }
-            if (duringTheSlide) {
-                QVERIFY(QTest::qWaitFor(
-                    [&] { return driver.navigation().currentViewController() == driver.screen(screen); }));
-            } else {
-                QVERIFY(driver.waitForScreen(screen));
-                driver.picture(screen);
-            }
-            QSignalSpy terminated(&driver.app(), &CVAppController::terminated);
-            driver.mainWindow()->close();
-            QVERIFY(terminated.wait(30000));
-            QVERIFY(driver.end());
-            QVERIFY(QFile::exists(driver.path(u"folder/note.txt"_s)));
-            const QStringList left =
-                QDir(driver.folder()).entryList({u".corvane-*"_s}, QDir::AllEntries | QDir::Hidden);
-            QCOMPARE(left, QStringList());
-        }
     }
 
     void laterStartReachesTheFirst()
