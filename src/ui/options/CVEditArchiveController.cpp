@@ -53,7 +53,6 @@ CVEditArchiveController::CVEditArchiveController(CVOptionServices services, CVSc
     , m_view(new CVEditArchiveView)
 {
     setView(m_view);
-    connect(m_view, &QObject::destroyed, this, [this] { m_view = nullptr; });
 }
 
 CVEditArchiveController::~CVEditArchiveController()
@@ -63,6 +62,11 @@ CVEditArchiveController::~CVEditArchiveController()
         CVSettings::removeObserver(id);
     if (m_view)
         m_view->formatBar->setDelegate(nullptr);
+}
+
+CVEditArchiveView *CVEditArchiveController::editView() const
+{
+    return m_view;
 }
 
 void CVEditArchiveController::setUp()

@@ -5,6 +5,8 @@
 #include "ui/options/CVFormatButtonBarView.h"
 #include "ui/options/CVOptionServices.h"
 
+#include <QPointer>
+
 #include <memory>
 #include <vector>
 
@@ -36,7 +38,7 @@ public:
 
     /// Selects the button and its format.
     void changeArchiveType(CVFormatButton *button) override;
-    CVEditArchiveView *editView() const { return m_view; }
+    CVEditArchiveView *editView() const;
     CVFormatButton *selectedButton() const { return m_selectedButton; }
     /// The tag of the button that was selected before; -1 for none.
     int previousFormat() const { return m_previousFormat; }
@@ -90,7 +92,7 @@ private:
 
     const CVOptionServices m_services;
     CVScreenNavigator &m_navigator;
-    CVEditArchiveView *m_view;
+    QPointer<CVEditArchiveView> m_view; // goes before or after this
     std::shared_ptr<CVEditArchiveOperationDataBinding> m_binding;
     CVFormatButton *m_selectedButton = nullptr;
     int m_previousFormat = -1;
