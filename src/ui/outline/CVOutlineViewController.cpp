@@ -396,8 +396,9 @@ QString CVOutlineViewController::statusText() const
     qint64 selected = 0;
     for (const QItemSelectionRange &range : activeView()->selectionModel()->selection())
         selected += range.left() == 0 ? range.height() : 0;
-    const auto total = m_mode == ListMode ? model.totalCount() : std::optional<qint64>(model.rowCount());
-    const QString shown = locale.toString(total.value_or(model.rowCount()));
+    // What is on the disk is counted as it is opened.
+    const qint64 total = (m_mode == ListMode ? model.totalCount() : std::nullopt).value_or(model.rowCount());
+    const QString shown = locale.toString(total);
     if (selected > 0)
         return tr("%1 of %2 selected").arg(locale.toString(selected), shown);
     return total == 1 ? tr("1 item") : tr("%1 items").arg(shown);
