@@ -24,8 +24,8 @@ public:
 
     /// Bytes a second, or the share of the whole; 0 when not known yet.
     double perSecond() const { return m_rate; }
-    /// From the mean of the last quarter of a minute, the pauses included. Nothing in the first seconds, for a
-    /// job that has stood still for long, and for what nobody wants to wait for.
+    /// From the mean of the last quarter of a minute, the pauses included. Nothing in the first seconds, for
+    /// a job that has stood still for long, and for what nobody wants to wait for.
     std::optional<double> secondsLeft() const;
 
 private:
