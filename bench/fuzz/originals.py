@@ -70,7 +70,7 @@ def make_tree(root):
 
 
 def tool(words, folder, stdin=None):
-    environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(folder)}
+    environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(folder.parent / "home")}
     subprocess.run(words, cwd=folder, input=stdin, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=environment)
 
 

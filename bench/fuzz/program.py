@@ -5,9 +5,11 @@ import pwd
 import resource
 import select
 import signal
+import stat
 import subprocess
 import time
 from dataclasses import dataclass
+from pathlib import Path
 
 PR_SET_CHILD_SUBREAPER = 36
 FILE_LIMIT = 3 << 30
@@ -24,6 +26,10 @@ class Run:
     left_running: list  # the names of processes that outlived it
 
 
+def all_may_reach(path):
+    return all(os.stat(folder).st_mode & stat.S_IXOTH for folder in [path, *Path(path).parents])
+
+
 class Program:
     """One for each process that runs things: it takes over the processes that the program leaves behind."""
 
@@ -35,7 +41,7 @@ class Program:
         resource.setrlimit(resource.RLIMIT_FSIZE, (FILE_LIMIT, FILE_LIMIT))  # inherited
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         # Whatever gets out of its folder does so with the rights of nobody.
-        self.user = pwd.getpwnam("nobody") if os.geteuid() == 0 else None
+        self.user = pwd.getpwnam("nobody") if os.geteuid() == 0 and all_may_reach(path) else None
         self.environment = {"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "TZ": "UTC", "QT_QPA_PLATFORM": "offscreen", "HOME": str(home)}
         for name, folder in (("XDG_CONFIG_HOME", "config"), ("XDG_CACHE_HOME", "cache"), ("XDG_DATA_HOME", "data"),
                              ("XDG_STATE_HOME", "state"), ("XDG_RUNTIME_DIR", "runtime"), ("TMPDIR", "tmp")):

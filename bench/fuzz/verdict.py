@@ -84,6 +84,8 @@ def about_listing(run, listed, out_tree):
             return
         if path:
             names[path] = entry
+    if not names:
+        return  # an empty folder is what nothing becomes
     tops = {path.split("/")[0] for path in names}
     prefix = b"" if len(tops) <= 1 else None
     if prefix is None:

@@ -17,6 +17,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <new>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -46,6 +49,29 @@ void writeLog(QtMsgType type, const QMessageLogContext &, const QString &text)
         logTerminal->message(shown);
     if (type == QtFatalMsg)
         std::abort();
+}
+
+/// Without memory or threads a job cannot be ended in order. What it has made lies in its work folder, which
+/// "corvane clean" takes away, as after a kill; only the words are ours.
+[[noreturn]] void endWithoutMeans()
+{
+    const char *words = nullptr;
+    try {
+        if (const auto thrown = std::current_exception())
+            std::rethrow_exception(thrown);
+    } catch (const std::bad_alloc &) {
+        words = "corvane: stopped: there is not enough memory\n";
+    } catch (const std::system_error &error) {
+        if (error.code() == std::errc::resource_unavailable_try_again)
+            words = "corvane: stopped: the system starts no further thread\n";
+    } catch (...) {
+    }
+    if (!words)
+        std::abort();
+    if (logTerminal)
+        logTerminal->restoreEcho();
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, words, std::strlen(words));
+    ::_exit(1);
 }
 
 // File names are UTF-8 on every desktop of today; in the C locale Qt and the readers would otherwise
@@ -173,6 +199,7 @@ int main(int argc, char **argv)
     useUtf8Locale();
     // A reader of our output that goes away must not take the clean-up with it.
     std::signal(SIGPIPE, SIG_IGN);
+    std::set_terminate(endWithoutMeans);
 
     CVTerminal terminal;
     logTerminal = &terminal;
