@@ -62,6 +62,7 @@ bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
                            : XADArchive::openFile(path, this, &error, &detail);
     if (!m_xadarchive) {
         m_failureReason = detail;
+        m_isUnknown = error == XADErrorCode::NotSupported;
         if (m_cancelled)
             setCancelledStatus();
         else if (isAboutPassword(error))

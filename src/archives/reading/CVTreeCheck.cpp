@@ -1,12 +1,15 @@
 #include "archives/reading/CVTreeCheck.h"
 
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 
 #include <QFile>
 #include <QStringDecoder>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,6 +26,9 @@ namespace {
 constexpr std::size_t maxDepth = 200;
 // As many links as the kernel follows in one path.
 constexpr int maxLinksFollowed = 40;
+// Counting what was written may take a twentieth of the time.
+constexpr auto shortestPause = std::chrono::milliseconds(100);
+constexpr int pausePerCost = 20;
 
 struct CloseDirectory
 {
@@ -38,9 +44,8 @@ struct Level
 class Walk
 {
 public:
-    Walk(const QSet<QByteArray> *writtenFolders, const std::function<bool()> &shouldStop)
-        : m_writtenFolders(writtenFolders)
-        , m_shouldStop(shouldStop)
+    explicit Walk(const std::function<bool()> &shouldStop)
+        : m_shouldStop(shouldStop)
     {}
 
     QString run(const QString &folder);
@@ -53,7 +58,6 @@ private:
     std::optional<std::string> resolved(const std::string &link);
     bool object(const std::string &path, const char *why);
 
-    const QSet<QByteArray> *m_writtenFolders;
     const std::function<bool()> &m_shouldStop;
     QString m_reason;
     LXFileDescriptor m_root;
@@ -207,10 +211,6 @@ std::optional<std::string> Walk::resolved(const std::string &link)
 
 bool Walk::lookAtLinks()
 {
-    std::vector<QByteArray> written;
-    if (m_writtenFolders && !m_links.empty())
-        written.assign(m_writtenFolders->begin(), m_writtenFolders->end());
-    std::sort(written.begin(), written.end());
     for (const auto &[path, target] : m_links) {
         if (m_shouldStop())
             return object(path, "stopped");
@@ -220,16 +220,9 @@ bool Walk::lookAtLinks()
         struct stat info;
         const bool exists =
             ::fstatat(m_root.get(), end->empty() ? "." : end->c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
-        if (!exists || !S_ISDIR(info.st_mode))
-            continue;
-        // A link to a folder: something may have been unpacked through it, which the reader never does.
-        if (!m_writtenFolders)
+        // Something may have been unpacked through it, which the reader never does.
+        if (exists && S_ISDIR(info.st_mode))
             return object(path, "a link to a folder");
-        const QByteArray link = QByteArray::fromStdString(path);
-        const QByteArray inLink = QByteArray::fromStdString(path + '/');
-        const auto below = std::lower_bound(written.begin(), written.end(), inLink);
-        if (m_writtenFolders->contains(link) || (below != written.end() && below->startsWith(inLink)))
-            return object(path, "written through a link");
     }
     return true;
 }
@@ -267,9 +260,31 @@ QString Walk::run(const QString &folder)
 
 } // namespace
 
-CVTreeCheck CVTreeCheck::check(const QString &folder, const QSet<QByteArray> *writtenFolders,
-                               const std::function<bool()> &shouldStop)
+CVTreeCheck CVTreeCheck::check(const QString &folder, const std::function<bool()> &shouldStop)
 {
-    const QString reason = Walk(writtenFolders, shouldStop).run(folder);
+    const QString reason = Walk(shouldStop).run(folder);
     return {reason.isEmpty(), reason};
+}
+
+qint64 CVTreeCheck::Growth::bytes()
+{
+    const auto start = std::chrono::steady_clock::now();
+    if (start < m_due)
+        return m_bytes;
+    namespace fs = std::filesystem;
+    qint64 bytes = 0;
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(bytesOfFileName(m_folder).toStdString(),
+                                             fs::directory_options::skip_permission_denied, error),
+         end;
+         !error && it != end; it.increment(error)) {
+        struct stat info;
+        constexpr qint64 blockBytes = 512;
+        if (::lstat(it->path().c_str(), &info) == 0)
+            bytes += static_cast<qint64>(info.st_blocks) * blockBytes;
+    }
+    m_bytes = bytes;
+    const auto now = std::chrono::steady_clock::now();
+    m_due = now + std::max<std::chrono::steady_clock::duration>(shortestPause, pausePerCost * (now - start));
+    return m_bytes;
 }
