@@ -2,8 +2,8 @@
 
 #include "archives/CVToolPaths.h"
 #include "archives/reading/CVDestination.h"
-#include "archives/reading/CVSafeWriter.h"
 #include "archives/reading/CVTreeCheck.h"
+#include "archives/reading/CVWriteLimits.h"
 #include "archives/shell_line.h"
 #include "util/LXChildProcess.h"
 #include "util/LXDisplay.h"
@@ -326,7 +326,7 @@ std::optional<QByteArray> CVTarArchive::extractWithTool()
                    QFileDevice::DontCloseHandle))
         return QByteArray("it cannot be opened");
     CVDestination folder(bytesOfFileName(extractDestination));
-    if (!folder.isOpen() || !folder.topLevelNames(1).empty())
+    if (!folder.isOpen() || !folder.isEmpty())
         return QByteArray("the destination is not an empty folder");
     std::optional<QByteArray> complaint = runTool(file, info.st_size);
     if (complaint)
@@ -374,8 +374,8 @@ std::optional<QByteArray> CVTarArchive::runTool(QFile &file, qint64 fileSize)
         const qint64 left = freeBytes(extractDestination);
         const qint64 written = growth.bytes();
         if (!complaint &&
-            ((left >= 0 && left < CVSafeWriter::reservedFreeBytes) ||
-             (written > CVSafeWriter::bombFloorBytes && written / CVSafeWriter::bombRatio > fileSize)))
+            ((left >= 0 && left < CVWriteLimits::reservedFreeBytes) ||
+             (written > CVWriteLimits::bombFloorBytes && written / CVWriteLimits::bombRatio > fileSize)))
             complaint = "it unpacks to too much";
     };
 

@@ -1,5 +1,7 @@
 #include "archives/reading/CVTreeCheck.h"
 
+#include "archives/reading/CVLinkPaths.h"
+#include "util/LXDirectory.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 
@@ -10,13 +12,10 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <memory>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -24,20 +23,13 @@ namespace {
 
 // Each level of nesting holds a descriptor open. What is deeper is the reader's to judge.
 constexpr std::size_t maxDepth = 200;
-// As many links as the kernel follows in one path.
-constexpr int maxLinksFollowed = 40;
 // Counting what was written may take a twentieth of the time.
 constexpr auto shortestPause = std::chrono::milliseconds(100);
 constexpr int pausePerCost = 20;
 
-struct CloseDirectory
-{
-    void operator()(DIR *directory) const noexcept { ::closedir(directory); }
-};
-
 struct Level
 {
-    std::unique_ptr<DIR, CloseDirectory> directory;
+    LXDirectory directory;
     std::string path; ///< relative to the root, "" for it
 };
 
@@ -55,7 +47,6 @@ private:
     bool look(const Level &level, const char *name);
     bool lookAtName(const char *name, bool atTop);
     bool lookAtLinks();
-    std::optional<std::string> resolved(const std::string &link);
     bool object(const std::string &path, const char *why);
 
     const std::function<bool()> &m_shouldStop;
@@ -65,7 +56,8 @@ private:
     bool m_groupInherited = false;
     std::vector<Level> m_levels;
     std::vector<std::string> m_top;
-    std::unordered_map<std::string, std::string> m_links;
+    CVLinkPaths m_links;
+    std::vector<std::string> m_linkNames;
     struct Names
     {
         nlink_t all = 0;
@@ -73,19 +65,6 @@ private:
     };
     std::unordered_map<ino_t, Names> m_linked;
 };
-
-std::vector<std::string> componentsOf(const std::string &path)
-{
-    std::vector<std::string> result;
-    std::size_t start = 0;
-    while (start <= path.size()) {
-        const std::size_t end = std::min(path.find('/', start), path.size());
-        if (end > start && path.compare(start, end - start, ".") != 0)
-            result.push_back(path.substr(start, end - start));
-        start = end + 1;
-    }
-    return result;
-}
 
 bool Walk::object(const std::string &path, const char *why)
 {
@@ -114,10 +93,9 @@ bool Walk::enter(LXFileDescriptor fd, std::string path)
 {
     if (m_levels.size() >= maxDepth)
         return object(path, "too deep");
-    std::unique_ptr<DIR, CloseDirectory> directory(::fdopendir(fd.get()));
+    LXDirectory directory = readDirectory(std::move(fd));
     if (!directory)
         return object(path, "cannot be read");
-    [[maybe_unused]] const int owned = fd.release();
     m_levels.push_back({std::move(directory), std::move(path)});
     return true;
 }
@@ -140,7 +118,8 @@ bool Walk::look(const Level &level, const char *name)
         const ssize_t size = ::readlinkat(parent, name, target, sizeof target - 1);
         if (size <= 0)
             return object(path, "cannot be looked at");
-        m_links.emplace(path, std::string(target, static_cast<std::size_t>(size)));
+        m_links.set(path, std::string(target, static_cast<std::size_t>(size)));
+        m_linkNames.push_back(path);
         return true;
     }
     const bool isFolder = S_ISDIR(info.st_mode);
@@ -165,61 +144,19 @@ bool Walk::look(const Level &level, const char *name)
     return fd.isOpen() ? enter(std::move(fd), path) : object(path, "cannot be read");
 }
 
-/// Where a link ends after all links on the way, relative to the root; nothing when it leaves what is
-/// delivered or never ends.
-std::optional<std::string> Walk::resolved(const std::string &link)
-{
-    std::vector<std::string> done = componentsOf(link);
-    std::vector<std::string> waiting; // the next one last
-    int followed = 0;
-    // A folder that is alone in the root is delivered without the root around it.
-    const bool single = m_top.size() == 1 && !m_links.contains(m_top.front());
-    const auto follow = [&](const std::string &from) {
-        const std::string &target = m_links.at(from);
-        if (target.starts_with('/') || ++followed > maxLinksFollowed)
-            return false;
-        std::vector<std::string> parts = componentsOf(target);
-        waiting.insert(waiting.end(), parts.rbegin(), parts.rend());
-        done.pop_back();
-        return true;
-    };
-    const auto joined = [&] {
-        std::string path;
-        for (const std::string &part : done)
-            path += path.empty() ? part : '/' + part;
-        return path;
-    };
-    if (!follow(link))
-        return std::nullopt;
-    while (!waiting.empty()) {
-        const std::string part = std::move(waiting.back());
-        waiting.pop_back();
-        if (part == "..") {
-            if (done.size() <= (single ? 1U : 0U))
-                return std::nullopt;
-            done.pop_back();
-            continue;
-        }
-        done.push_back(part);
-        if (single && done.front() != m_top.front())
-            return std::nullopt;
-        if (const std::string path = joined(); m_links.contains(path) && !follow(path))
-            return std::nullopt;
-    }
-    return joined();
-}
-
 bool Walk::lookAtLinks()
 {
-    for (const auto &[path, target] : m_links) {
+    // A folder that is alone in the root is delivered without the root around it.
+    const bool isSingle = m_top.size() == 1 && !m_links.contains(m_top.front());
+    for (const std::string &path : m_linkNames) {
         if (m_shouldStop())
             return object(path, "stopped");
-        const std::optional<std::string> end = resolved(path);
-        if (!end)
+        const CVLinkPaths::Way way = m_links.follow(path, isSingle ? m_top.front() : std::string());
+        if (way.end == CVLinkPaths::End::Outside)
             return object(path, "a link that leads out or nowhere");
         struct stat info;
-        const bool exists =
-            ::fstatat(m_root.get(), end->empty() ? "." : end->c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
+        const bool exists = ::fstatat(m_root.get(), way.place.empty() ? "." : way.place.c_str(), &info,
+                                      AT_SYMLINK_NOFOLLOW) == 0;
         // Something may have been unpacked through it, which the reader never does.
         if (exists && S_ISDIR(info.st_mode))
             return object(path, "a link to a folder");
