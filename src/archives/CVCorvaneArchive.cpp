@@ -150,7 +150,7 @@ void CVCorvaneArchive::extractCommand()
         extractDidFinish();
         return;
     }
-    if (folder.isEmpty()) {
+    if (folder.topLevelNames(1).empty()) {
         switch (extractWithTool()) {
         case ToolResult::Done:
             setStatus(Success);

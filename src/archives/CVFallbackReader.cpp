@@ -11,7 +11,6 @@ std::shared_ptr<CVXArchive> CVFallbackReader::begin()
     const std::lock_guard lock(m_mutex);
     if (m_cancelled)
         return nullptr;
-    m_hasEnded = false;
     m_reader = reader;
     return reader;
 }
@@ -24,21 +23,15 @@ CVFallbackReader::Result CVFallbackReader::end(const CVXArchive &reader)
         m_reader.reset();
     }
     m_owner.password = reader.password;
-    if (!m_hasEnded) // an archive that is gone is only logged
-        return {.status = CVArchive::InvalidFile};
-    return {.status = reader.status(),
-            .isUnknown = reader.isUnknown(),
-            .skipped = reader.skippedEntries(),
-            .failureReason = reader.failureReason(),
-            .systemError = reader.systemError(),
-            .root = reader.filePreviewsNode()};
+    return {reader.status(), reader.skippedEntries(), reader.failureReason(), reader.systemError(),
+            reader.filePreviewsNode()};
 }
 
 CVFallbackReader::Result CVFallbackReader::extract()
 {
     const auto reader = begin();
     if (!reader)
-        return {.status = CVArchive::Cancelled};
+        return {CVArchive::Cancelled, {}, {}, 0, nullptr};
     reader->open(m_owner.extractFile, m_owner.extractDestination);
     return end(*reader);
 }
@@ -47,7 +40,7 @@ CVFallbackReader::Result CVFallbackReader::list()
 {
     const auto reader = begin();
     if (!reader)
-        return {.status = CVArchive::Cancelled};
+        return {CVArchive::Cancelled, {}, {}, 0, nullptr};
     reader->openForPreview(m_owner.sourcePath);
     return end(*reader);
 }

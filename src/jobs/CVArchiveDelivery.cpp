@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <dirent.h>
@@ -67,8 +68,9 @@ bool isVolume(const QByteArray &candidate, const QByteArray &name)
                                [](char c) { return c >= '0' && c <= '9'; });
 }
 
-/// Names in the folder, by number.
-std::vector<QByteArray> volumesIn(const QString &folder, const QByteArray &name)
+/// Names in the folder, by number. Nothing, and errno, when it cannot be read to its end: a list in which
+/// some are missing would pass for a set.
+std::optional<std::vector<QByteArray>> volumesIn(const QString &folder, const QByteArray &name)
 {
     struct Closer
     {
@@ -76,10 +78,15 @@ std::vector<QByteArray> volumesIn(const QString &folder, const QByteArray &name)
     };
     std::vector<QByteArray> volumes;
     const std::unique_ptr<DIR, Closer> dir(::opendir(bytesOfFileName(folder).constData()));
-    while (const dirent *entry = dir ? ::readdir(dir.get()) : nullptr) {
+    if (!dir)
+        return std::nullopt;
+    errno = 0;
+    while (const dirent *entry = ::readdir(dir.get())) {
         if (isVolume(entry->d_name, name))
             volumes.emplace_back(entry->d_name);
     }
+    if (errno != 0)
+        return std::nullopt;
     std::ranges::sort(volumes, [](const QByteArray &a, const QByteArray &b) {
         return a.size() != b.size() ? a.size() < b.size() : a < b;
     });
@@ -170,7 +177,10 @@ QString CVArchiveDelivery::stagedPath() const
 
 bool CVArchiveDelivery::hasStagedVolumes() const
 {
-    return !volumesIn(m_staging, bytesOfFileName(lastComponent(m_destination))).empty();
+    if (isThere(bytesOfFileName(stagedPath())))
+        return false;
+    const auto volumes = volumesIn(m_staging, bytesOfFileName(lastComponent(m_destination)));
+    return !volumes || !volumes->empty(); // what cannot be read is told by the delivery
 }
 
 QStringList CVArchiveDelivery::itemsInTheWay(const QString &destination, bool volumes)
@@ -181,7 +191,8 @@ QStringList CVArchiveDelivery::itemsInTheWay(const QString &destination, bool vo
     if (!volumes)
         return items;
     const QString folder = folderOf(destination);
-    for (const QByteArray &name : volumesIn(folder, bytesOfFileName(lastComponent(destination))))
+    const auto found = volumesIn(folder, bytesOfFileName(lastComponent(destination)));
+    for (const QByteArray &name : found.value_or(std::vector<QByteArray>()))
         items.append(fileNameFromBytes(joined(folder, name)));
     return items;
 }
@@ -250,7 +261,10 @@ CVArchiveDelivery::Result CVArchiveDelivery::deliverVolumes(bool mayReplace) con
     const QByteArray collectedBytes = bytesOfFileName(collected);
     if (::mkdir(collectedBytes.constData(), 0777) != 0)
         return volumesError(QString::fromLocal8Bit(std::strerror(errno)));
-    for (const QByteArray &volume : volumesIn(m_staging, archive)) {
+    const auto volumes = volumesIn(m_staging, archive);
+    if (!volumes || volumes->empty())
+        return volumesError(QString::fromLocal8Bit(std::strerror(volumes ? ENOENT : errno)));
+    for (const QByteArray &volume : *volumes) {
         if (const int failure =
                 renameWithoutReplacing(joined(m_staging, volume), collectedBytes + '/' + volume))
             return volumesError(QString::fromLocal8Bit(std::strerror(failure)));

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -37,8 +38,18 @@ public:
         }
         std::vector<std::jthread> workers;
         m_working = threads;
-        for (unsigned i = 0; i < threads; ++i)
-            workers.emplace_back([this] { workBeside(); });
+        try {
+            for (unsigned i = 0; i < threads; ++i)
+                workers.emplace_back([this] { workBeside(); });
+        } catch (const std::system_error &) {
+            // No further thread: those that there are do all the work.
+            const std::lock_guard lock(m_mutex);
+            m_working -= threads - static_cast<unsigned>(workers.size());
+        }
+        if (workers.empty()) {
+            work(m_copy.tell);
+            return;
+        }
         try {
             tellUntilDone();
         } catch (...) {

@@ -11,6 +11,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
@@ -44,6 +45,7 @@ private Q_SLOTS:
     void keepsWhatCannotBeReplaced_data();
     void keepsWhatCannotBeReplaced();
     void reportsWhatCannotBeMoved();
+    void reportsWhatCannotBeListed();
     void namesOfFolders_data();
     void namesOfFolders();
 
@@ -193,6 +195,22 @@ void TestArchiveDelivery::reportsWhatCannotBeMoved()
     QCOMPARE(error->reason, u"Please try again."_s);
     QCOMPARE(readFile(disk + u"/a.7z.001"_s), "data");
     QCOMPARE(namesIn(disk), QStringList({u"a.7z.001"_s, u"staging"_s}));
+}
+
+void TestArchiveDelivery::reportsWhatCannotBeListed()
+{
+    QVERIFY(writeFile(at(u"staging/a.7z.001"_s), "data"));
+    rlimit limit = {};
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(lowest);
+    const rlimit none = {rlim_t(lowest), limit.rlim_max};
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto result = CVArchiveDelivery(at(u"staging"_s), at(u"a.7z"_s)).deliverVolumes(true);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    QVERIFY(std::holds_alternative<LXError>(result));
+    // An empty folder would pass for the set, and the volumes go with the staging folder.
+    QVERIFY(!QFileInfo::exists(at(u"a"_s)));
 }
 
 void TestArchiveDelivery::namesOfFolders_data()

@@ -3,8 +3,6 @@
 #include "archives/reading/CVNameDecoder.h"
 #include "archives/reading/CVSafeWriter.h"
 #include "util/LXFileName.h"
-#include "util/LXSaturatingSum.h"
-#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -251,8 +249,9 @@ std::unique_ptr<XADArchive> XADArchive::openEntry(XADArchive &outer, int entry, 
     QString inner;
     if (code == XADErrorCode::None) {
         const CVDestination destination(QFile::encodeName(place->path()));
-        if (const auto names = destination.topLevelNames(2); names && names->size() == 1)
-            inner = place->filePath(fileNameFromBytes(names->front()));
+        const std::vector<QByteArray> names = destination.topLevelNames(2);
+        if (names.size() == 1)
+            inner = place->filePath(QFile::decodeName(names[0]));
     }
     if (inner.isEmpty()) {
         if (error)
@@ -351,7 +350,10 @@ QString XADArchive::nameOfEntry(int index) const
 {
     d->observeAllNames();
     const XADEntry &e = entry(index);
-    return canonicalPath(d->decode(e.name, e.nameEncoding));
+    QString name = d->decode(e.name, e.nameEncoding);
+    while (name.size() > 1 && name.endsWith(u'/'))
+        name.chop(1);
+    return name;
 }
 
 QString XADArchive::linkTargetOfEntry(int index) const
@@ -439,7 +441,7 @@ XADErrorCode XADArchive::extractIndices(const std::vector<int> &indices, bool al
         return XADErrorCode::Damaged;
     }
     // Only what this extraction made may be thrown away for another try.
-    const bool ownsContents = destination.isEmpty();
+    const bool ownsContents = destination.topLevelNames(1).empty();
     if (!all || !ownsContents)
         d->observeAllNames();
 
@@ -504,7 +506,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
         }
         if (total <= 0)
             for (const int index : wanted)
-                total = saturatingSum(total, std::max<qint64>(entry(index).size, 0));
+                total += std::max<qint64>(entry(index).size, 0);
     }
 
     CVSafeWriter::Callbacks callbacks;
@@ -554,7 +556,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
 
     const auto free = static_cast<qint64>(
         std::min<std::uint64_t>(destination.freeBytes(), std::uint64_t(std::numeric_limits<qint64>::max())));
-    if (total > free - CVWriteLimits::reservedFreeBytes) {
+    if (total > free - CVSafeWriter::reservedFreeBytes) {
         const QString explanation =
             text("The archive says that it unpacks to %1 bytes, but only %2 bytes are free.")
                 .arg(total)
