@@ -23,7 +23,7 @@ target_link_libraries(corvane_flags INTERFACE Threads::Threads)
 if(CORVANE_SANITIZE)
     # The sanitizers' own code makes GCC see uninitialised values where there are none.
     target_compile_options(corvane_flags INTERFACE -fsanitize=${CORVANE_SANITIZE} -fno-omit-frame-pointer -O1
-        -Wno-maybe-uninitialized)
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized> $<$<BOOL:${CORVANE_FUZZ}>:-fsanitize=fuzzer-no-link>)
     target_link_options(corvane_flags INTERFACE -fsanitize=${CORVANE_SANITIZE})
 endif()
 

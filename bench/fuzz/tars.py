@@ -52,8 +52,9 @@ def extended(rng):
 
 
 def change(data, rng):
-    members = [bytearray(data[start:end]) for start, end in blocks(data)]
-    tail = data[blocks(data)[-1][1]:]
+    found = blocks(data)
+    members = [bytearray(data[start:end]) for start, end in found] or [header(b"x", 0, 0x30)]
+    tail = data[found[-1][1] if found else 0:]
     for _ in range(rng.choice([1, 1, 2, 3])):
         at = rng.randrange(len(members))
         member = members[at]
