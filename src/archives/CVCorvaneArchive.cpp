@@ -150,7 +150,7 @@ void CVCorvaneArchive::extractCommand()
         extractDidFinish();
         return;
     }
-    if (folder.topLevelNames(1).empty()) {
+    if (folder.isEmpty()) {
         switch (extractWithTool()) {
         case ToolResult::Done:
             setStatus(Success);

@@ -11,6 +11,7 @@ std::shared_ptr<CVXArchive> CVFallbackReader::begin()
     const std::lock_guard lock(m_mutex);
     if (m_cancelled)
         return nullptr;
+    m_hasEnded = false;
     m_reader = reader;
     return reader;
 }
@@ -23,15 +24,21 @@ CVFallbackReader::Result CVFallbackReader::end(const CVXArchive &reader)
         m_reader.reset();
     }
     m_owner.password = reader.password;
-    return {reader.status(), reader.skippedEntries(), reader.failureReason(), reader.systemError(),
-            reader.filePreviewsNode()};
+    if (!m_hasEnded) // an archive that is gone is only logged
+        return {.status = CVArchive::InvalidFile};
+    return {.status = reader.status(),
+            .isUnknown = reader.isUnknown(),
+            .skipped = reader.skippedEntries(),
+            .failureReason = reader.failureReason(),
+            .systemError = reader.systemError(),
+            .root = reader.filePreviewsNode()};
 }
 
 CVFallbackReader::Result CVFallbackReader::extract()
 {
     const auto reader = begin();
     if (!reader)
-        return {CVArchive::Cancelled, {}, {}, 0, nullptr};
+        return {.status = CVArchive::Cancelled};
     reader->open(m_owner.extractFile, m_owner.extractDestination);
     return end(*reader);
 }
@@ -40,7 +47,7 @@ CVFallbackReader::Result CVFallbackReader::list()
 {
     const auto reader = begin();
     if (!reader)
-        return {CVArchive::Cancelled, {}, {}, 0, nullptr};
+        return {.status = CVArchive::Cancelled};
     reader->openForPreview(m_owner.sourcePath);
     return end(*reader);
 }

@@ -6,9 +6,8 @@
 
 class CVXArchive;
 
-/// Lets our own reader do what a tool did not do well enough, for a back end that uses both: with the back
-/// end's archive, entries and password, and with its delegate for progress and questions. The end is the
-/// back end's to tell.
+/// Our own reader on behalf of a back end that also has a tool: with the back end's archive, entries and
+/// password, and with its delegate for progress and questions. The end is the back end's to tell.
 /// Thread: one at a time, cancel() from any. The back end is borrowed.
 class CVFallbackReader final : private CVArchiveDelegate
 {
@@ -20,10 +19,11 @@ public:
     struct Result
     {
         std::int32_t status = CVArchive::Success;
-        std::vector<CVSkippedEntry> skipped;
-        QString failureReason;
+        bool isUnknown = false; ///< no reader knows what the file is; nothing was written
+        std::vector<CVSkippedEntry> skipped = {};
+        QString failureReason = {};
         int systemError = 0;
-        std::shared_ptr<CVFileNode> root; ///< of a listing
+        std::shared_ptr<CVFileNode> root = {}; ///< of a listing
     };
 
     Result extract();
@@ -40,9 +40,9 @@ private:
     Result end(const CVXArchive &reader);
 
     // CVArchiveDelegate
-    void archiveFinished(CVArchive *) override {}
-    void archiveFailed(CVArchive *, std::int32_t) override {}
-    void archiveCancelled(CVArchive *) override {}
+    void archiveFinished(CVArchive *) override { m_hasEnded = true; }
+    void archiveFailed(CVArchive *, std::int32_t) override { m_hasEnded = true; }
+    void archiveCancelled(CVArchive *) override { m_hasEnded = true; }
     void archiveHasMadeProgress(CVArchive *archive, double done, double total) override;
     std::optional<QString> archiveWantsPassword(CVArchive *archive) override;
     bool archiveMayExceedLimit(CVArchive *archive, const QString &explanation) override;
@@ -51,4 +51,5 @@ private:
     std::mutex m_mutex; // what follows
     std::shared_ptr<CVXArchive> m_reader;
     bool m_cancelled = false;
+    std::atomic<bool> m_hasEnded = false;
 };

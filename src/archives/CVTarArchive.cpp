@@ -2,16 +2,16 @@
 
 #include "archives/CVToolPaths.h"
 #include "archives/reading/CVDestination.h"
-#include "archives/reading/CVSafeWriter.h"
 #include "archives/reading/CVTreeCheck.h"
+#include "archives/reading/CVWriteLimits.h"
 #include "archives/shell_line.h"
 #include "util/LXChildProcess.h"
 #include "util/LXDisplay.h"
+#include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -78,45 +78,6 @@ qint64 freeBytes(const QString &folder)
         return -1;
     return static_cast<qint64>(space.f_bavail) * static_cast<qint64>(space.f_frsize);
 }
-
-/// The folders of the members that tar names while it unpacks them, one a line.
-class MemberFolders
-{
-public:
-    void add(const QByteArray &text)
-    {
-        qsizetype start = 0;
-        for (qsizetype end; (end = text.indexOf('\n', start)) >= 0; start = end + 1) {
-            m_rest += text.mid(start, end - start);
-            line(m_rest);
-            m_rest.clear();
-        }
-        m_rest += text.mid(start);
-    }
-
-    /// Null when a name could not be understood.
-    const QSet<QByteArray> *folders() const { return m_odd ? nullptr : &m_folders; }
-
-private:
-    void line(QByteArray name)
-    {
-        m_odd = m_odd || name.contains('\\');
-        while (name.endsWith('/'))
-            name.chop(1);
-        name.truncate(std::max<qsizetype>(0, name.lastIndexOf('/')));
-        if (name == m_last)
-            return;
-        m_last = name;
-        QByteArrayList parts = name.split('/');
-        parts.removeIf([](const QByteArray &part) { return part.isEmpty() || part == "."; });
-        m_folders.insert(parts.join('/'));
-    }
-
-    QSet<QByteArray> m_folders;
-    QByteArray m_last = "/";
-    QByteArray m_rest;
-    bool m_odd = false;
-};
 
 } // namespace
 
@@ -304,17 +265,12 @@ std::optional<QString> CVTarArchive::compressionFlagForHead(const QByteArray &he
     return std::nullopt;
 }
 
-QString CVTarArchive::extractShellCommand(const std::optional<QString> &flag,
-                                          const std::optional<QStringList> &entries)
+QString CVTarArchive::extractShellCommand(const std::optional<QString> &flag)
 {
     QString command = tool("tar") + u' ';
     if (flag)
         command += *flag + u' ';
-    command += QStringLiteral("-xC \"$DESTINATION\" ");
-    if (entries)
-        for (const QString &entry : *entries)
-            command += inShellQuotes(entry) + u' ';
-    return command;
+    return command + QStringLiteral("-xC \"$DESTINATION\" ");
 }
 
 std::stop_token CVTarArchive::freshStopToken()
@@ -339,186 +295,128 @@ void CVTarArchive::extractCommand()
 {
     m_isCancelled = false;
     m_reader.reset();
-    m_skippedEntries.clear();
-    m_failureReason.clear();
-    m_systemError = 0;
-    m_toolStatus = 0;
+    CVFallbackReader::Result result = m_reader.extract();
+    if (!m_isCancelled && result.isUnknown && !singleFilesToBeExtracted) {
+        const std::optional<QByteArray> complaint = extractWithTool();
+        if (complaint)
+            LX_WARNING(lcTar, "tar does not unpack %s: %s",
+                       qUtf8Printable(LXDisplay::displayEscaped(extractFile)), complaint->constData());
+        else
+            result = {};
+    }
+    m_skippedEntries = std::move(result.skipped);
+    m_failureReason = std::move(result.failureReason);
+    m_systemError = result.systemError;
+    if (m_isCancelled)
+        return; // the cancel tells the delegate
+    // A name of the tar family promises an archive, so one that nobody can read is a bad one.
+    setStatus(result.isUnknown ? InvalidFile : result.status);
+    extractDidFinish();
+}
 
+std::optional<QByteArray> CVTarArchive::extractWithTool()
+{
     // Not by its name, which need not be text.
     QFile file;
-    const int descriptor =
-        ::open(bytesOfFileName(extractFile).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    LXFileDescriptor descriptor(
+        ::open(bytesOfFileName(extractFile).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat info = {};
-    if (descriptor < 0 || ::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode) ||
-        !file.open(descriptor, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
-        m_failureReason = QString::fromLocal8Bit(std::strerror(errno));
-        LX_WARNING(lcTar, "error opening %s: %s", qUtf8Printable(LXDisplay::displayEscaped(extractFile)),
-                   qUtf8Printable(m_failureReason));
-        if (descriptor >= 0)
-            ::close(descriptor);
-        setStatus(InvalidFile);
-        return;
-    }
+    if (!descriptor.isOpen() || ::fstat(descriptor.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        !file.open(descriptor.get(), QIODevice::ReadOnly | QIODevice::Unbuffered,
+                   QFileDevice::DontCloseHandle))
+        return QByteArray("it cannot be opened");
+    CVDestination folder(bytesOfFileName(extractDestination));
+    if (!folder.isOpen() || !folder.isEmpty())
+        return QByteArray("the destination is not an empty folder");
+    std::optional<QByteArray> complaint = runTool(file, info.st_size);
+    if (complaint)
+        folder.empty();
+    return complaint;
+}
+
+std::optional<QByteArray> CVTarArchive::runTool(QFile &file, qint64 fileSize)
+{
+    using Kind = LXChildProcess::Chunk::Kind;
+    const std::stop_token stop = freshStopToken();
+    if (m_isCancelled)
+        return "cancelled";
 
     std::optional<QString> flag = m_compressionFlag;
     if (!flag) {
         flag = compressionFlagForHead(file.read(512));
         file.seek(0);
     }
-    // tar takes an archive without its end mark in silence; the reader says that something may be missing.
-    const bool mayBeEmptied =
-        (flag || endsWithMark(file)) &&
-        QDir(extractDestination)
-            .isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-    if (mayBeEmptied) {
-        switch (extractWithTool(extractShellCommand(flag, singleFilesToBeExtracted), file, info.st_size)) {
-        case ToolResult::Done:
-            setStatus(Success);
-            extractDidFinish();
-            return;
-        case ToolResult::Cancelled:
-            return; // the cancel tells the delegate
-        case ToolResult::Odd:
-            break;
-        }
-        CVDestination(bytesOfFileName(extractDestination)).empty();
-    }
-    file.close();
-    extractWithReader();
-}
-
-bool CVTarArchive::endsWithMark(QFile &file)
-{
-    constexpr qint64 blockBytes = 512;
-    const qint64 size = file.size();
-    if (size < blockBytes || !file.seek(size - blockBytes))
-        return false;
-    const QByteArray last = file.read(blockBytes);
-    file.seek(0);
-    return last.count('\0') == last.size();
-}
-
-CVTarArchive::ToolResult CVTarArchive::extractWithTool(const QString &command, QFile &file, qint64 fileSize)
-{
-    using Kind = LXChildProcess::Chunk::Kind;
-    const std::stop_token stop = freshStopToken();
-    if (m_isCancelled)
-        return ToolResult::Cancelled;
-
     LXChildOptions options;
     options.program = QStringLiteral("/bin/sh");
-    options.arguments = {QStringLiteral("-c"), command};
+    options.arguments = {QStringLiteral("-c"), extractShellCommand(flag)};
     options.environment = {
         {QStringLiteral("DESTINATION"), extractDestination},
-        // Owners and special bits are never restored, not even for root. The names it unpacks are for
-        // our check; escaped, so that none of them spans lines.
-        {QStringLiteral("TAR_OPTIONS"),
-         QStringLiteral("--no-same-owner --no-same-permissions --verbose --quoting-style=escape")},
+        // Owners and special bits are never restored, not even for root.
+        {QStringLiteral("TAR_OPTIONS"), QStringLiteral("--no-same-owner --no-same-permissions")},
     };
     options.input = LXChildOptions::Stream::Pipe;
     options.confined = true;
     options.writableFolders = {extractDestination};
     auto started = LXChildProcess::start(options);
-    if (!started) {
-        LX_WARNING(lcTar, "error running tar command: %s", qUtf8Printable(command));
-        return ToolResult::Odd;
-    }
+    if (!started)
+        return "it cannot be run";
     LXChildProcess &child = *started.value();
 
-    MemberFolders members;
-    QByteArray complaint;
-    const qint64 freeBefore = freeBytes(extractDestination);
+    std::optional<QByteArray> complaint;
     const auto take = [&](const LXChildProcess::Chunk &chunk) {
-        if (chunk.kind == Kind::Output)
-            members.add(chunk.data);
-        else if (chunk.kind == Kind::Error && complaint.isEmpty())
-            complaint = chunk.data;
+        if (chunk.kind == Kind::Error && !complaint)
+            complaint = chunk.data.trimmed();
     };
-    // The reader asks the person about an absurd growth and reports a full disk; here both only end the try.
-    const auto isWithinLimits = [&] {
-        const qint64 now = freeBytes(extractDestination);
-        if (freeBefore < 0 || now < 0)
-            return true;
-        const qint64 written = freeBefore - now;
-        return now >= CVSafeWriter::reservedFreeBytes &&
-               (written <= CVSafeWriter::bombFloorBytes || written / CVSafeWriter::bombRatio <= fileSize);
+    // The reader asks the person about an absurd growth; here it only ends the try. What was written is
+    // counted in the destination, since the free space of the disk is also moved by others.
+    CVTreeCheck::Growth growth(extractDestination);
+    const auto watch = [&] {
+        const qint64 left = freeBytes(extractDestination);
+        const qint64 written = growth.bytes();
+        if (!complaint &&
+            ((left >= 0 && left < CVWriteLimits::reservedFreeBytes) ||
+             (written > CVWriteLimits::bombFloorBytes && written / CVWriteLimits::bombRatio > fileSize)))
+            complaint = "it unpacks to too much";
     };
 
     QByteArray block(blockBytes, Qt::Uninitialized);
     qint64 total = 0;
     qint64 got = 0;
-    while (complaint.isEmpty() && !m_isCancelled && (got = file.read(block.data(), blockBytes)) > 0) {
-        const LXChildProcess::WriteResult result = child.write(block.constData(), got, stop);
-        if (result == LXChildProcess::WriteResult::Stopped)
+    while (!complaint && !m_isCancelled && (got = file.read(block.data(), blockBytes)) > 0) {
+        // Broken: also how it tells that it has seen the archive's end mark and needs no more.
+        if (child.write(block.constData(), got, stop) != LXChildProcess::WriteResult::Written)
             break;
-        if (result == LXChildProcess::WriteResult::Broken) {
-            // Also how it tells that it has seen the archive's end mark and needs no more.
-            LX_DEBUG(lcTar, "error writing to command");
-            break;
-        }
         total += got;
         hasMadeProgress(static_cast<double>(total), static_cast<double>(fileSize));
-        for (LXChildProcess::Chunk chunk = child.read(stop, 0ms);; chunk = child.read(stop, 0ms)) {
-            if (chunk.kind != Kind::Output && chunk.kind != Kind::Error)
-                break;
+        for (LXChildProcess::Chunk chunk = child.read(stop, 0ms);
+             chunk.kind == Kind::Output || chunk.kind == Kind::Error; chunk = child.read(stop, 0ms))
             take(chunk);
-        }
-        if (!isWithinLimits())
-            complaint = "it unpacks to too much";
+        watch();
     }
     if (got < 0)
         complaint = "the archive cannot be read";
     child.closeInput();
-    while (complaint.isEmpty() && !m_isCancelled) {
+    while (!complaint && !m_isCancelled) {
         const LXChildProcess::Chunk chunk = child.read(stop, watchPeriod);
         if (chunk.kind == Kind::Closed || chunk.kind == Kind::Stopped)
             break;
         take(chunk);
-        if (chunk.kind == Kind::TimedOut && !isWithinLimits())
-            complaint = "it unpacks to too much";
+        watch();
     }
-    if (m_isCancelled) {
+    if (m_isCancelled)
+        complaint = "cancelled";
+    if (complaint) {
         child.terminate();
-        return ToolResult::Cancelled;
-    }
-    if (!complaint.isEmpty()) {
-        child.terminate();
-        m_toolStatus = 1;
-        LX_DEBUG(lcTar, "tar is odd about %s: %s", qUtf8Printable(extractFile), complaint.constData());
-        return ToolResult::Odd;
+        return complaint;
     }
     const std::optional<LXChildProcess::Exit> exit = child.wait(stop);
     if (!exit) {
         child.terminate();
-        return ToolResult::Cancelled;
+        return "cancelled";
     }
-    m_toolStatus = exit->normal ? exit->status : 128 + exit->status;
     if (!exit->succeeded())
-        return ToolResult::Odd;
-    const CVTreeCheck tree =
-        CVTreeCheck::check(extractDestination, child.hasLostOutput() ? nullptr : members.folders(),
-                           [&] { return m_isCancelled.load(); });
-    if (m_isCancelled)
-        return ToolResult::Cancelled;
-    if (!tree.clean)
-        LX_DEBUG(lcTar, "%s is left to the reader: %s", qUtf8Printable(extractFile),
-                 qUtf8Printable(tree.reason));
-    return tree.clean ? ToolResult::Done : ToolResult::Odd;
-}
-
-void CVTarArchive::extractWithReader()
-{
-    CVFallbackReader::Result result = m_reader.extract();
-    m_skippedEntries = std::move(result.skipped);
-    m_failureReason = std::move(result.failureReason);
-    m_systemError = result.systemError;
-    if (m_isCancelled)
-        return;
-    if (result.status != Success && m_toolStatus != 0) {
-        LX_WARNING(lcTar, "tar exited abnormally with status %d", m_toolStatus);
-        if (result.status == Unsupported)
-            result.status = InvalidFile;
-    }
-    setStatus(result.status);
-    extractDidFinish();
+        return "tar exited abnormally with status " +
+               QByteArray::number(exit->normal ? exit->status : 128 + exit->status);
+    const CVTreeCheck tree = CVTreeCheck::check(extractDestination, [&] { return m_isCancelled.load(); });
+    return tree.clean ? std::nullopt : std::optional(tree.reason.toUtf8());
 }

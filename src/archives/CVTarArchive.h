@@ -5,22 +5,18 @@
 #include "archives/CVTarOutput.h"
 #include "archives/LXTaskHelper.h"
 
-#include <QSet>
-
 #include <mutex>
 #include <stop_token>
 
 /// Tar archives, plain or compressed, by the system's own tools. The extension says how the archive is
 /// compressed; where it does not, the first bytes do.
 ///
-/// Extraction. The tool is the fastest way to unpack an ordinary tar, but it has rules of its own for the
-/// odd ones. So it runs confined to the destination, and what it made is used only when nothing
-/// in it could have come out differently from our own reader: it ended with status 0 and had nothing
-/// to say, and CVTreeCheck finds nothing that the reader would have refused, changed or reported. In every
-/// other case (also: the tool or its decompressor is missing, the output grows absurdly or the disk
-/// runs full) the destination is emptied and the reader unpacks the archive, with an outcome for each entry.
-/// The same happens without the tool where the destination is not empty, because then it could not be
-/// emptied. So all archives follow one set of rules, and the ordinary ones cost no more than the tool.
+/// Extraction. The reader unpacks tar like everything else, so one set of rules decides what is written, for
+/// whole archives and for chosen entries. Only a whole archive that no reader knows is handed to the tool,
+/// confined to the destination, which has to be empty. Its result counts where it ended with status 0 and had
+/// nothing to say, and CVTreeCheck finds nothing that the reader would have refused, changed or reported;
+/// otherwise the destination is emptied again and the archive has failed. No name of an entry ever reaches
+/// the tool: tar takes names for options, wildcards and commands.
 ///
 /// Creation. The status says nothing about the tools; createdWhole() does. Towards the delegate a failed tar
 /// ends like a good one.
@@ -47,8 +43,7 @@ public:
     static std::optional<QString> compressionFlagForHead(const QByteArray &head);
 
     /// What is run through the shell, with DESTINATION in its environment.
-    static QString extractShellCommand(const std::optional<QString> &flag,
-                                       const std::optional<QStringList> &entries);
+    static QString extractShellCommand(const std::optional<QString> &flag);
 
 protected:
     void createCommand() override;
@@ -60,12 +55,9 @@ private:
     bool judgeCreated(std::int32_t status);
     void explainCreated(std::int32_t status);
 
-    /// How the tool got on with the archive.
-    enum class ToolResult { Done, Odd, Cancelled };
-    /// An uncompressed tar ends in blocks of zeros. Leaves the file at its start.
-    static bool endsWithMark(class QFile &file);
-    ToolResult extractWithTool(const QString &command, class QFile &file, qint64 fileSize);
-    void extractWithReader();
+    /// Nothing, or why the tool did not unpack the archive; then the destination is empty.
+    std::optional<QByteArray> extractWithTool();
+    std::optional<QByteArray> runTool(class QFile &file, qint64 fileSize);
     std::stop_token freshStopToken();
 
     // LXTaskDelegate
@@ -75,7 +67,6 @@ private:
     std::optional<QString> m_compressionFlag;
     const char *m_description; ///< the text and its key
     std::atomic<bool> m_isCancelled = false;
-    int m_toolStatus = 0;
     // What follows: of the main thread, until the end is told.
     CVTarOutput m_output;
     bool m_readingBack = false;

@@ -14,17 +14,13 @@ namespace {
 // From this many nested entries on, building the tree takes long enough to be worth reporting.
 constexpr std::size_t reportTreeFrom = 5001;
 
-/// The components that count: "./a//b" and "a/b" are the same place.
-QStringList withoutDots(const QString &path)
-{
-    QStringList components = path.split(u'/', Qt::SkipEmptyParts);
-    components.removeAll(QStringLiteral("."));
-    return components;
-}
+// Made-up folders of a preview: a path of a few kilobytes has thousands of them, so a small archive could
+// fill the memory. Ordinary archives of a million entries need a tenth of this.
+constexpr qsizetype maxMadeUpBytes = qsizetype(256) << 20;
 
-qsizetype componentCount(QStringView path)
+QStringList componentsOf(const QString &path)
 {
-    return path.split(u'/', Qt::SkipEmptyParts).size();
+    return canonicalPath(path).split(u'/', Qt::SkipEmptyParts);
 }
 
 bool isAboutPassword(XADErrorCode code)
@@ -43,9 +39,36 @@ struct CVXArchive::Listing
         QString name;
         std::shared_ptr<CVFileNode> node;
     };
-    std::vector<Nested> files;
+    std::vector<Nested> entries; ///< all, in the archive's order
     // The first folder node of a path wins, as a search from the front would find it.
     QHash<QString, std::shared_ptr<CVFileNode>> directories;
+    qsizetype madeUpBytes = 0;
+
+    /// The folder with this path; where it has no entry of its own it is made up, with all above it.
+    std::shared_ptr<CVFileNode> directory(QString path, const std::shared_ptr<CVFileNode> &root)
+    {
+        std::shared_ptr<CVFileNode> wanted, below;
+        const auto place = [&](const std::shared_ptr<CVFileNode> &node) {
+            if (below)
+                node->appendChild(below);
+            below = node;
+            if (!wanted)
+                wanted = node;
+        };
+        while (!path.isEmpty()) {
+            if (const auto it = directories.constFind(path); it != directories.constEnd()) {
+                place(*it);
+                return wanted;
+            }
+            const auto made = CVFileNode::previewDirectoryNodeWithFilename(path);
+            addDirectory(path, made);
+            place(made);
+            madeUpBytes += path.size() * qsizetype(sizeof(QChar)) + qsizetype(sizeof(CVFileNode));
+            path = madeUpBytes < maxMadeUpBytes ? parentPath(path) : QString();
+        }
+        place(root);
+        return wanted;
+    }
 
     void addDirectory(const QString &path, const std::shared_ptr<CVFileNode> &node)
     {
@@ -62,6 +85,7 @@ bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
                            : XADArchive::openFile(path, this, &error, &detail);
     if (!m_xadarchive) {
         m_failureReason = detail;
+        m_isUnknown = error == XADErrorCode::NotSupported;
         if (m_cancelled)
             setCancelledStatus();
         else if (isAboutPassword(error))
@@ -131,8 +155,8 @@ void CVXArchive::retrieveFileNamesAndSizes(Listing &listing)
             m_xadarchive = std::move(inner);
     for (int index = 0; index < m_xadarchive->numberOfEntries() && !m_cancelled; ++index) {
         const QString name = m_xadarchive->nameOfEntry(index);
-        if (name == u".")
-            continue;
+        if (name.isEmpty() && m_xadarchive->entryIsDirectory(index))
+            continue; // the folder that all others lie in
         std::shared_ptr<CVFileNode> node;
         if (m_xadarchive->entryIsDirectory(index)) {
             node = CVFileNode::previewDirectoryNodeWithFilename(name);
@@ -140,37 +164,19 @@ void CVXArchive::retrieveFileNamesAndSizes(Listing &listing)
         } else {
             node = CVFileNode::previewRegularFileNodeWithFilename(name, sizeForArchive(index).toLongLong());
         }
-        if (componentCount(name) < 2)
-            m_filePreviews->appendChild(node);
-        else
-            listing.files.push_back({name, node});
+        listing.entries.push_back({name, node});
     }
 }
 
 void CVXArchive::buildPreviewFileTree(Listing &listing)
 {
-    std::vector<Listing::Nested> made;
-    const auto directory = [&](const QString &path) {
-        const auto it = listing.directories.constFind(path);
-        return it == listing.directories.constEnd() ? m_filePreviews : *it;
-    };
-    const std::size_t count = listing.files.size();
+    const std::size_t count = listing.entries.size();
     for (std::size_t i = 0; i < count && !m_cancelled; ++i) {
-        const Listing::Nested &file = listing.files[i];
-        const QString above = parentPath(file.name);
-        std::shared_ptr<CVFileNode> parent = directory(above);
-        if (parent == m_filePreviews) {
-            parent = CVFileNode::previewDirectoryNodeWithFilename(above);
-            listing.addDirectory(above, parent);
-            made.push_back({above, parent});
-        }
-        parent->appendChild(file.node);
+        const Listing::Nested &entry = listing.entries[i];
+        listing.directory(parentPath(entry.name), m_filePreviews)->appendChild(entry.node);
         if (count >= reportTreeFrom)
             hasMadeProgress(static_cast<double>(i), static_cast<double>(count));
     }
-    // Only one level is made up: a made folder whose own parent is missing too hangs under the root.
-    for (const Listing::Nested &folder : made)
-        directory(parentPath(folder.name))->appendChild(folder.node);
     m_previewFiles.clear();
     for (const auto &child : m_filePreviews->children())
         m_previewFiles.push_back(child);
@@ -203,7 +209,7 @@ void CVXArchive::extractIndividualFiles()
     QSet<QString> requested;
     bool everything = false;
     for (const QString &path : *singleFilesToBeExtracted) {
-        const QString clean = withoutDots(path).join(u'/');
+        const QString clean = componentsOf(path).join(u'/');
         everything = everything || clean.isEmpty();
         requested.insert(clean);
     }
@@ -212,7 +218,7 @@ void CVXArchive::extractIndividualFiles()
     for (int index = 0; index < count; ++index) {
         bool take = everything;
         QString prefix;
-        for (const QString &component : withoutDots(m_xadarchive->nameOfEntry(index))) {
+        for (const QString &component : componentsOf(m_xadarchive->nameOfEntry(index))) {
             if (take)
                 break;
             prefix += prefix.isEmpty() ? component : u'/' + component;

@@ -17,6 +17,9 @@ public:
 
     XADArchive *xadarchive() const { return m_xadarchive.get(); }
 
+    /// No installed reader knows what the file is; nothing was listed or written.
+    bool isUnknown() const { return m_isUnknown; }
+
     /// True when the requested path is the entry itself or one of its folders: compared by components.
     static bool pathIsParentOrIsPathOfTarget(const QString &path, const QString &target);
 
@@ -46,5 +49,6 @@ private:
     bool archiveExtractionMayExceedLimit(XADArchive &archive, const QString &explanation) override;
 
     std::atomic<bool> m_cancelled = false;
+    bool m_isUnknown = false;
     std::unique_ptr<XADArchive> m_xadarchive;
 };

@@ -4,6 +4,7 @@
 #include "cli/CVTerminalPasswords.h"
 #include "cli/terminal_text.h"
 #include "util/LXBytesValueTransformer.h"
+#include "util/LXSaturatingSum.h"
 
 #include <QFile>
 
@@ -234,10 +235,15 @@ bool CVListCommand::print(const QString &path, XADArchive &archive)
     }
     qint64 bytes = 0;
     qint64 folders = 0;
+    qint64 shown = 0;
     for (int i = 0; i < count; ++i) {
+        // An entry for the folder that all others lie in says nothing.
+        if (archive.entryIsDirectory(i) && archive.nameOfEntry(i).isEmpty())
+            continue;
+        ++shown;
         switch (m_form) {
         case Form::Json:
-            if (i > 0)
+            if (shown > 1)
                 m_buffer.append(',');
             appendJsonEntry(archive, i);
             break;
@@ -246,7 +252,7 @@ bool CVListCommand::print(const QString &path, XADArchive &archive)
             if (archive.entryIsDirectory(i))
                 ++folders;
             else
-                bytes += std::max<qint64>(archive.uncompressedSizeOfEntry(i), 0);
+                bytes = saturatingSum(bytes, std::max<qint64>(archive.uncompressedSizeOfEntry(i), 0));
             break;
         case Form::Paths:
             appendTerminalText(m_buffer, archive.nameOfEntry(i));
@@ -265,7 +271,7 @@ bool CVListCommand::print(const QString &path, XADArchive &archive)
             return QByteArray::number(n) + ' ' + (n == 1 ? one : more);
         };
         m_buffer.append(LXBytesValueTransformer::formatBytes(bytes).toUtf8());
-        m_buffer.append(" in " + counted(count - folders, "file", "files"));
+        m_buffer.append(" in " + counted(shown - folders, "file", "files"));
         m_buffer.append(" and " + counted(folders, "folder", "folders") + "\n");
     }
     return flush(0);

@@ -1,21 +1,24 @@
 #include "jobs/CVExtractionDelivery.h"
 
+#include "archives/reading/CVLinkPaths.h"
 #include "archives/reading/CVSafePath.h"
 #include "engine/model/CVOperationHelper.h"
 #include "jobs/CVJobFolders.h"
+#include "util/LXDirectory.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
+#include "util/path_parts.h"
+#include "util/unique_destination.h"
+#include "util/unique_string.h"
 
 #include <QCoreApplication>
 #include <QSet>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <optional>
+#include <filesystem>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -34,30 +37,43 @@ LXError noWorkDirectory()
                                                tr("Please try again."));
 }
 
-// The names in a folder, at most `limit` of them: whether there is one or more is all that counts, and
-// there may be a million. Nothing and errno when it cannot be read.
-std::optional<QStringList> namesInFolder(const QString &path, qsizetype limit)
+LXFileDescriptor openFolder(const QString &path)
 {
-    struct Closer
-    {
-        void operator()(DIR *dir) const noexcept { ::closedir(dir); }
-    };
-    const std::unique_ptr<DIR, Closer> dir(::opendir(bytesOfFileName(path).constData()));
-    if (!dir)
-        return std::nullopt;
-    QStringList names;
-    while (names.size() < limit) {
-        errno = 0;
-        const dirent *entry = ::readdir(dir.get());
-        if (!entry) {
-            if (errno != 0)
-                return std::nullopt;
-            break;
-        }
-        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-            names.append(fileNameFromBytes(entry->d_name));
+    return LXFileDescriptor(::open(bytesOfFileName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+bool isRealFolder(const QString &path)
+{
+    struct stat status = {};
+    return ::lstat(bytesOfFileName(path).constData(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Whether a link in the folder leads back into it by the folder's own name.
+bool needsItsName(const QString &folder)
+{
+    namespace fs = std::filesystem;
+    const QByteArray path = bytesOfFileName(folder);
+    const std::string name = lastComponent(path).toStdString();
+    CVLinkPaths links;
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(path.toStdString(), fs::directory_options::none, error), end;
+         !error && it != end; it.increment(error)) {
+        std::error_code ignored;
+        if (it->is_symlink(ignored))
+            links.set(name + it->path().native().substr(static_cast<std::size_t>(path.size())),
+                      fs::read_symlink(it->path(), ignored).native());
     }
-    return names;
+    // Where not all of it can be read, the name stays to be sure.
+    return error || links.needTheName(name);
+}
+
+// An entry can only be moved out of a folder that may be written to; what stays in this one is removed.
+void makeWritable(const QString &folder)
+{
+    struct stat status = {};
+    const LXFileDescriptor fd = openFolder(folder);
+    if (fd.isOpen() && ::fstat(fd.get(), &status) == 0)
+        ::fchmod(fd.get(), (status.st_mode & 0777) | S_IRWXU);
 }
 
 // True when `components` lead from `folder` to something that is really there: every step but the last
@@ -81,7 +97,25 @@ LXResult<void> CVExtractionDelivery::deliver(const QString &item, const QString 
         m_delivered.append(item);
         return {};
     }
-    const auto moved = m_folders.deliver(item, name);
+    QString source = item;
+    if (item != m_folders.workDirectory() && isRealFolder(item)) {
+        // Under another name its links would lead to what has the name already. So it keeps the name, in a
+        // folder that takes the other one.
+        const auto moved = moveToDestination(item, m_folders.outputDirectory(), name);
+        if (moved) {
+            m_delivered.append(moved.value());
+            return {};
+        }
+        if (moved.error().code == EEXIST && needsItsName(item)) {
+            const QString around = m_folders.workDirectory() + u"/.corvane-"_s + uniqueString();
+            if (::mkdir(bytesOfFileName(around).constData(), 0777) == 0 &&
+                moveToDestination(item, around, name))
+                source = around;
+            else
+                return CVJobFolders::deliveryError(QString::fromLocal8Bit(std::strerror(errno)));
+        }
+    }
+    const auto moved = m_folders.deliver(source, name);
     if (!moved)
         return moved.error();
     m_delivered.append(moved.value());
@@ -91,7 +125,7 @@ LXResult<void> CVExtractionDelivery::deliver(const QString &item, const QString 
 LXResult<void> CVExtractionDelivery::deliverEntries(const QStringList &entries)
 {
     const QString &folder = m_folders.workDirectory();
-    if (!namesInFolder(folder, 1))
+    if (!openFolder(folder).isOpen())
         return noWorkDirectory();
     std::vector<std::vector<QByteArray>> items;
     QSet<QByteArray> chosen;
@@ -119,7 +153,10 @@ LXResult<void> CVExtractionDelivery::deliverEntries(const QStringList &entries)
         QByteArray relative;
         for (const QByteArray &component : components)
             relative += '/' + component;
-        auto delivered = deliver(folder + QString::fromUtf8(relative), QString::fromUtf8(components.back()));
+        const QString item = folder + fileNameFromBytes(relative);
+        if (m_way == Way::Move && components.size() > 1)
+            makeWritable(parentPath(item));
+        auto delivered = deliver(item, fileNameFromBytes(components.back()));
         if (!delivered)
             return delivered;
     }
@@ -129,10 +166,12 @@ LXResult<void> CVExtractionDelivery::deliverEntries(const QStringList &entries)
 LXResult<void> CVExtractionDelivery::deliverEverything(const QString &nameForSeveral)
 {
     const QString &folder = m_folders.workDirectory();
-    const auto names = namesInFolder(folder, 2);
+    const auto names = namesInDirectory(openFolder(folder), 2);
     if (!names)
         return noWorkDirectory();
-    if (names->size() == 1)
-        return deliver(folder + u'/' + names->first(), names->first());
+    if (names->size() == 1) {
+        const QString only = fileNameFromBytes(names->front());
+        return deliver(folder + u'/' + only, only);
+    }
     return deliver(folder, nameForSeveral);
 }

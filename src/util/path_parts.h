@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
+#include <QStringView>
 
 #include <algorithm>
 
@@ -23,4 +25,28 @@ inline QByteArray lastComponent(const QByteArray &path)
 inline QString parentPath(const QString &path)
 {
     return path.left(std::max<qsizetype>(path.lastIndexOf(u'/'), 0));
+}
+
+inline QByteArray parentPath(const QByteArray &path)
+{
+    return path.left(std::max<qsizetype>(path.lastIndexOf('/'), 0));
+}
+
+/// The path without components that do not count: "./a//b/" and "a/b" are the same place. Nothing for the
+/// place itself ("./"). A slash at the start stays.
+inline QString canonicalPath(const QString &path)
+{
+    const bool isOdd = path == u"." || path.startsWith(u"./") || path.contains(u"//") ||
+                       path.contains(u"/./") || path.endsWith(u"/.") || path.endsWith(u'/');
+    if (!isOdd)
+        return path;
+    QString result;
+    for (const QStringView part : QStringView(path).split(u'/', Qt::SkipEmptyParts)) {
+        if (part == u".")
+            continue;
+        if (!result.isEmpty() || path.startsWith(u'/'))
+            result += u'/';
+        result += part;
+    }
+    return result;
 }

@@ -1,13 +1,13 @@
 #include "archives/reading/CVDestination.h"
 
+#include "util/LXDirectory.h"
 #include "util/LXRemoveTree.h"
 
 #include <cerrno>
 #include <limits>
 #include <string>
-#include <vector>
+#include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -24,40 +24,10 @@ LXFileDescriptor duplicate(int fd)
     return LXFileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
 }
 
-struct DirectoryClose
+// A descriptor of its own: reading closes it, and the position of `fd` is not shared.
+LXFileDescriptor reopened(int fd)
 {
-    void operator()(DIR *dir) const { ::closedir(dir); }
-};
-using DirectoryHandle = std::unique_ptr<DIR, DirectoryClose>;
-
-DirectoryHandle openDirectory(int fd)
-{
-    // A descriptor of its own: closedir closes it, and the position of `fd` is not shared.
-    LXFileDescriptor own(::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!own.isOpen())
-        return nullptr;
-    DIR *dir = ::fdopendir(own.get());
-    if (dir)
-        (void)own.release();
-    return DirectoryHandle(dir);
-}
-
-bool isDots(const char *name)
-{
-    return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
-}
-
-std::vector<QByteArray> namesIn(int folder, std::size_t limit)
-{
-    std::vector<QByteArray> names;
-    if (const auto dir = openDirectory(folder))
-        while (const dirent *entry = ::readdir(dir.get())) {
-            if (names.size() >= limit)
-                break;
-            if (!isDots(entry->d_name))
-                names.emplace_back(entry->d_name);
-        }
-    return names;
+    return LXFileDescriptor(::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 } // namespace
@@ -134,8 +104,12 @@ std::shared_ptr<const LXFileDescriptor> CVDestination::folder(const QByteArray &
         for (; next < ends.size() && here.isOpen(); ++next) {
             const qsizetype begin = next == 0 ? 0 : ends[next - 1] + 1;
             const QByteArray name = path.mid(begin, ends[next] - begin);
-            if (::mkdirat(here.get(), name.constData(), 0777) != 0 && errno != EEXIST)
+            if (::mkdirat(here.get(), name.constData(), 0700) == 0) {
+                const std::lock_guard lock(m_mutex);
+                m_made.push_back(path.left(ends[next]));
+            } else if (errno != EEXIST) {
                 return nullptr;
+            }
             here = LXFileDescriptor(
                 ::openat(here.get(), name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         }
@@ -152,10 +126,10 @@ std::shared_ptr<const LXFileDescriptor> CVDestination::folder(const QByteArray &
     return found;
 }
 
-void CVDestination::forget(const QByteArray &path)
+std::vector<QByteArray> CVDestination::takeMadeFolders()
 {
     const std::lock_guard lock(m_mutex);
-    m_kept.erase(std::string(path.constData(), static_cast<std::size_t>(path.size())));
+    return std::exchange(m_made, {});
 }
 
 void CVDestination::empty()
@@ -163,6 +137,7 @@ void CVDestination::empty()
     {
         const std::lock_guard lock(m_mutex);
         m_kept.clear();
+        m_made.clear();
     }
     cvRemoveContents(m_root.get());
 }
@@ -175,15 +150,23 @@ std::uint64_t CVDestination::freeBytes() const
     return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
 }
 
-std::vector<QByteArray> CVDestination::topLevelNames(std::size_t limit) const
+std::optional<std::vector<QByteArray>> CVDestination::topLevelNames(std::size_t limit) const
 {
-    return namesIn(m_root.get(), limit);
+    return namesInDirectory(reopened(m_root.get()), limit);
+}
+
+bool CVDestination::isEmpty() const
+{
+    const auto names = topLevelNames(1);
+    return names && names->empty();
 }
 
 bool cvRemoveContents(int fd)
 {
-    bool ok = true;
-    for (const QByteArray &name : namesIn(fd, std::numeric_limits<std::size_t>::max()))
-        ok = static_cast<bool>(removeTreeAt(fd, name)) && ok;
+    const auto names = namesInDirectory(reopened(fd), std::numeric_limits<std::size_t>::max());
+    bool ok = names.has_value();
+    if (names)
+        for (const QByteArray &name : *names)
+            ok = static_cast<bool>(removeTreeAt(fd, name)) && ok;
     return ok;
 }

@@ -1,14 +1,13 @@
 #pragma once
 
 #include "archives/reading/CVDestination.h"
+#include "archives/reading/CVPendingTree.h"
 #include "archives/reading/CVReadingEngine.h"
+#include "archives/reading/CVWriteLimits.h"
 
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <string>
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 /// The entry sink that stands above every engine: all rules about what may be written live here.
@@ -20,22 +19,20 @@
 /// - Two entries of one name: in formats where a later entry replaces an earlier one (tar) the later
 ///   one stays; elsewhere both stay, the second under the next free name, and that is reported.
 /// - Set-uid, set-gid and sticky bits, devices, FIFOs and sockets are never made.
-/// - The owner can always read what was made and change folders (modes 0400 and 0700 are added).
+/// - Modes are as stored, but that the owner can read files and enter folders (0400 and 0500 are added).
+/// Until a
+///   file is whole and the tree is done they are 0600 and 0700: what the archive keeps private is never open
+///   to others, not even for a moment.
 /// - Sizes: more bytes than declared, or fewer, fail the entry. Free space and an absurd growth are
-///   watched while writing.
+///   watched while writing (CVWriteLimits).
+/// - An error of the file system that every further entry would meet too ends the job (CVWriteErrors.h).
 ///
+/// What is written: FileWriter, one entry's data; LinkTargetWriter, a link's target that comes as data;
+/// CVPendingTree, what comes when all files are there.
 /// Thread: the CVEntrySink part from any threads; finishTree() once, after the engine has ended.
 class CVSafeWriter final : public CVEntrySink
 {
 public:
-    /// Beyond this many bytes of output the growth is looked at …
-    static constexpr qint64 bombFloorBytes = qint64(512) << 20;
-    /// … and an output of more than this many times the archive's size needs the person's consent.
-    /// Deflate alone reaches 1,032; ordinary archives stay below 100 and rarely reach half a gigabyte so.
-    static constexpr qint64 bombRatio = 200;
-    /// The file system is never filled to the last byte: other programs need to go on working.
-    static constexpr qint64 reservedFreeBytes = qint64(32) << 20;
-
     struct Callbacks
     {
         std::function<QString(const QByteArray &raw, CVNameEncoding)> decode;
@@ -66,7 +63,7 @@ public:
     /// Makes the links, then sets the modes and times of folders.
     void finishTree();
 
-    qint64 bytesWritten() const { return m_written.load(); }
+    qint64 bytesWritten() const { return m_limits.bytesWritten(); }
     /// Did an abort, a stop, a full disk or a limit end it?
     XADErrorCode outcome() const { return static_cast<XADErrorCode>(m_outcome.load()); }
     QString outcomeText() const;
@@ -75,24 +72,7 @@ public:
 
 private:
     class FileWriter;
-    class TargetWriter;
-    friend class FileWriter;
-    friend class TargetWriter;
-
-    struct PendingLink
-    {
-        int entry;
-        QByteArray path;
-        QByteArray target; // as stored; for hard links the safe path of the original
-        qint64 modified;
-        bool hard;
-    };
-    struct PendingFolder
-    {
-        QByteArray path;
-        std::uint32_t mode;
-        qint64 modified;
-    };
+    class LinkTargetWriter;
 
     const XADEntry &entry(int index) const;
     QString entryName(int index) const;
@@ -101,15 +81,18 @@ private:
     void endWith(XADErrorCode code, const QString &text, int systemError = 0);
     CVEntryWriter::Flow mayWrite(qint64 bytes);
     CVEntryWriter::Flow systemFailure(int index, int error);
-    std::unique_ptr<CVEntryWriter> beginFile(int index, const QByteArray &path);
-    LXFileDescriptor createFile(int index, const QByteArray &folder, QByteArray &name, std::uint32_t mode,
-                                std::shared_ptr<const LXFileDescriptor> &parent);
-    LXFileDescriptor openLinked(int index, const QByteArray &path,
-                                std::shared_ptr<const LXFileDescriptor> &parent, QByteArray &name);
-    bool addLink(int index, const QByteArray &path, const QByteArray &target, bool hard);
-    void makeHardLinks();
-    void makeSymlinks();
-    void removeLeavingLinks(std::unordered_map<std::string, PendingLink> &made);
+    struct OpenFile
+    {
+        LXFileDescriptor fd = LXFileDescriptor(); ///< not open: recorded as failed already
+        std::shared_ptr<const LXFileDescriptor> folder = {};
+        QByteArray name = {}; ///< in the folder
+    };
+    /// A new file, which is its owner's alone.
+    OpenFile createFile(int index, const QByteArray &path);
+    /// The file that the entry is another name of, emptied; not open where there is none.
+    OpenFile openLinked(int index, const QByteArray &path);
+    void addLink(int index, const QByteArray &path, const QByteArray &target, bool hard);
+    void addFolder(int index, const QByteArray &path);
     std::uint32_t fileMode(const XADEntry &entry) const;
     void reportProgress(bool force);
     void removeStaging();
@@ -120,19 +103,16 @@ private:
     Options m_options;
     std::uint32_t m_umask;
 
-    std::atomic<qint64> m_written = 0;
-    std::atomic<qint64> m_nextSpaceCheck = 0;
+    CVWriteLimits m_limits;
+    CVPendingTree m_pending;
     std::atomic<qint64> m_nextProgress = 0;
     std::atomic<bool> m_stopped = false;
     std::atomic<int> m_outcome = 0;
     std::atomic<int> m_systemError = 0;
-    std::atomic<bool> m_limitLifted = false;
 
     mutable std::mutex m_mutex; // what follows
     QString m_outcomeText;
     std::vector<CVSkippedEntry> m_skipped;
-    std::vector<PendingLink> m_links;
-    std::vector<PendingFolder> m_folders;
     QByteArray m_staging;       // its name in the destination; empty: none
     std::mutex m_callbackMutex; // callbacks come one at a time
 };

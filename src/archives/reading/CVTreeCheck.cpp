@@ -1,19 +1,21 @@
 #include "archives/reading/CVTreeCheck.h"
 
+#include "archives/reading/CVLinkPaths.h"
+#include "util/LXDirectory.h"
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 
 #include <QFile>
 #include <QStringDecoder>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
-#include <memory>
-#include <optional>
+#include <filesystem>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -21,26 +23,21 @@ namespace {
 
 // Each level of nesting holds a descriptor open. What is deeper is the reader's to judge.
 constexpr std::size_t maxDepth = 200;
-// As many links as the kernel follows in one path.
-constexpr int maxLinksFollowed = 40;
-
-struct CloseDirectory
-{
-    void operator()(DIR *directory) const noexcept { ::closedir(directory); }
-};
+// Counting what was written may take a twentieth of the time.
+constexpr auto shortestPause = std::chrono::milliseconds(100);
+constexpr int pausePerCost = 20;
 
 struct Level
 {
-    std::unique_ptr<DIR, CloseDirectory> directory;
+    LXDirectory directory;
     std::string path; ///< relative to the root, "" for it
 };
 
 class Walk
 {
 public:
-    Walk(const QSet<QByteArray> *writtenFolders, const std::function<bool()> &shouldStop)
-        : m_writtenFolders(writtenFolders)
-        , m_shouldStop(shouldStop)
+    explicit Walk(const std::function<bool()> &shouldStop)
+        : m_shouldStop(shouldStop)
     {}
 
     QString run(const QString &folder);
@@ -50,10 +47,8 @@ private:
     bool look(const Level &level, const char *name);
     bool lookAtName(const char *name, bool atTop);
     bool lookAtLinks();
-    std::optional<std::string> resolved(const std::string &link);
     bool object(const std::string &path, const char *why);
 
-    const QSet<QByteArray> *m_writtenFolders;
     const std::function<bool()> &m_shouldStop;
     QString m_reason;
     LXFileDescriptor m_root;
@@ -61,7 +56,8 @@ private:
     bool m_groupInherited = false;
     std::vector<Level> m_levels;
     std::vector<std::string> m_top;
-    std::unordered_map<std::string, std::string> m_links;
+    CVLinkPaths m_links;
+    std::vector<std::string> m_linkNames;
     struct Names
     {
         nlink_t all = 0;
@@ -69,19 +65,6 @@ private:
     };
     std::unordered_map<ino_t, Names> m_linked;
 };
-
-std::vector<std::string> componentsOf(const std::string &path)
-{
-    std::vector<std::string> result;
-    std::size_t start = 0;
-    while (start <= path.size()) {
-        const std::size_t end = std::min(path.find('/', start), path.size());
-        if (end > start && path.compare(start, end - start, ".") != 0)
-            result.push_back(path.substr(start, end - start));
-        start = end + 1;
-    }
-    return result;
-}
 
 bool Walk::object(const std::string &path, const char *why)
 {
@@ -110,10 +93,9 @@ bool Walk::enter(LXFileDescriptor fd, std::string path)
 {
     if (m_levels.size() >= maxDepth)
         return object(path, "too deep");
-    std::unique_ptr<DIR, CloseDirectory> directory(::fdopendir(fd.get()));
+    LXDirectory directory = readDirectory(std::move(fd));
     if (!directory)
         return object(path, "cannot be read");
-    [[maybe_unused]] const int owned = fd.release();
     m_levels.push_back({std::move(directory), std::move(path)});
     return true;
 }
@@ -136,7 +118,8 @@ bool Walk::look(const Level &level, const char *name)
         const ssize_t size = ::readlinkat(parent, name, target, sizeof target - 1);
         if (size <= 0)
             return object(path, "cannot be looked at");
-        m_links.emplace(path, std::string(target, static_cast<std::size_t>(size)));
+        m_links.set(path, std::string(target, static_cast<std::size_t>(size)));
+        m_linkNames.push_back(path);
         return true;
     }
     const bool isFolder = S_ISDIR(info.st_mode);
@@ -161,75 +144,22 @@ bool Walk::look(const Level &level, const char *name)
     return fd.isOpen() ? enter(std::move(fd), path) : object(path, "cannot be read");
 }
 
-/// Where a link ends after all links on the way, relative to the root; nothing when it leaves what is
-/// delivered or never ends.
-std::optional<std::string> Walk::resolved(const std::string &link)
-{
-    std::vector<std::string> done = componentsOf(link);
-    std::vector<std::string> waiting; // the next one last
-    int followed = 0;
-    // A folder that is alone in the root is delivered without the root around it.
-    const bool single = m_top.size() == 1 && !m_links.contains(m_top.front());
-    const auto follow = [&](const std::string &from) {
-        const std::string &target = m_links.at(from);
-        if (target.starts_with('/') || ++followed > maxLinksFollowed)
-            return false;
-        std::vector<std::string> parts = componentsOf(target);
-        waiting.insert(waiting.end(), parts.rbegin(), parts.rend());
-        done.pop_back();
-        return true;
-    };
-    const auto joined = [&] {
-        std::string path;
-        for (const std::string &part : done)
-            path += path.empty() ? part : '/' + part;
-        return path;
-    };
-    if (!follow(link))
-        return std::nullopt;
-    while (!waiting.empty()) {
-        const std::string part = std::move(waiting.back());
-        waiting.pop_back();
-        if (part == "..") {
-            if (done.size() <= (single ? 1U : 0U))
-                return std::nullopt;
-            done.pop_back();
-            continue;
-        }
-        done.push_back(part);
-        if (single && done.front() != m_top.front())
-            return std::nullopt;
-        if (const std::string path = joined(); m_links.contains(path) && !follow(path))
-            return std::nullopt;
-    }
-    return joined();
-}
-
 bool Walk::lookAtLinks()
 {
-    std::vector<QByteArray> written;
-    if (m_writtenFolders && !m_links.empty())
-        written.assign(m_writtenFolders->begin(), m_writtenFolders->end());
-    std::sort(written.begin(), written.end());
-    for (const auto &[path, target] : m_links) {
+    // A folder that is alone in the root is delivered without the root around it.
+    const bool isSingle = m_top.size() == 1 && !m_links.contains(m_top.front());
+    for (const std::string &path : m_linkNames) {
         if (m_shouldStop())
             return object(path, "stopped");
-        const std::optional<std::string> end = resolved(path);
-        if (!end)
+        const CVLinkPaths::Way way = m_links.follow(path, isSingle ? m_top.front() : std::string());
+        if (way.end == CVLinkPaths::End::Outside)
             return object(path, "a link that leads out or nowhere");
         struct stat info;
-        const bool exists =
-            ::fstatat(m_root.get(), end->empty() ? "." : end->c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
-        if (!exists || !S_ISDIR(info.st_mode))
-            continue;
-        // A link to a folder: something may have been unpacked through it, which the reader never does.
-        if (!m_writtenFolders)
+        const bool exists = ::fstatat(m_root.get(), way.place.empty() ? "." : way.place.c_str(), &info,
+                                      AT_SYMLINK_NOFOLLOW) == 0;
+        // Something may have been unpacked through it, which the reader never does.
+        if (exists && S_ISDIR(info.st_mode))
             return object(path, "a link to a folder");
-        const QByteArray link = QByteArray::fromStdString(path);
-        const QByteArray inLink = QByteArray::fromStdString(path + '/');
-        const auto below = std::lower_bound(written.begin(), written.end(), inLink);
-        if (m_writtenFolders->contains(link) || (below != written.end() && below->startsWith(inLink)))
-            return object(path, "written through a link");
     }
     return true;
 }
@@ -267,9 +197,31 @@ QString Walk::run(const QString &folder)
 
 } // namespace
 
-CVTreeCheck CVTreeCheck::check(const QString &folder, const QSet<QByteArray> *writtenFolders,
-                               const std::function<bool()> &shouldStop)
+CVTreeCheck CVTreeCheck::check(const QString &folder, const std::function<bool()> &shouldStop)
 {
-    const QString reason = Walk(writtenFolders, shouldStop).run(folder);
+    const QString reason = Walk(shouldStop).run(folder);
     return {reason.isEmpty(), reason};
+}
+
+qint64 CVTreeCheck::Growth::bytes()
+{
+    const auto start = std::chrono::steady_clock::now();
+    if (start < m_due)
+        return m_bytes;
+    namespace fs = std::filesystem;
+    qint64 bytes = 0;
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(bytesOfFileName(m_folder).toStdString(),
+                                             fs::directory_options::skip_permission_denied, error),
+         end;
+         !error && it != end; it.increment(error)) {
+        struct stat info;
+        constexpr qint64 blockBytes = 512;
+        if (::lstat(it->path().c_str(), &info) == 0)
+            bytes += static_cast<qint64>(info.st_blocks) * blockBytes;
+    }
+    m_bytes = bytes;
+    const auto now = std::chrono::steady_clock::now();
+    m_due = now + std::max<std::chrono::steady_clock::duration>(shortestPause, pausePerCost * (now - start));
+    return m_bytes;
 }

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <QByteArray>
-#include <QSet>
 #include <QString>
 
+#include <chrono>
 #include <functional>
 
 /// Answers whether a tree that somebody else's program has unpacked could just as well have been unpacked
@@ -11,8 +11,9 @@
 ///
 /// Not so are: set-user, set-group and sticky bits; modes that keep the owner out; devices, FIFOs, sockets;
 /// files with more names than the tree holds; mount points; symbolic links that lead out of what is delivered
-/// (the folder, or the single folder in it), end in a circle, or through which something may have been
-/// written; names that are not UTF-8, hold control characters or backslashes, or look like a drive.
+/// (the folder, or the single folder in it), end in a circle, or lead to a folder, through which something
+/// may have been written; names that are not UTF-8, hold control characters or backslashes, or look like a
+/// drive.
 ///
 /// The tree is walked by descriptors and no link in it is followed. Thread: any; nobody else may be changing
 /// the tree.
@@ -21,8 +22,22 @@ struct CVTreeCheck
     bool clean = false;
     QString reason; ///< for the log; empty when clean
 
-    /// `writtenFolders`: the folders that the program says it wrote into, relative to the tree, without "."
-    /// components; nothing when it did not say, and then no link to a folder is accepted.
-    static CVTreeCheck check(const QString &folder, const QSet<QByteArray> *writtenFolders,
-                             const std::function<bool()> &shouldStop);
+    static CVTreeCheck check(const QString &folder, const std::function<bool()> &shouldStop);
+
+    /// Counts what somebody else's program has written into a folder, while it writes.
+    class Growth
+    {
+    public:
+        explicit Growth(const QString &folder)
+            : m_folder(folder)
+        {}
+
+        /// What the files take on the disk. Counted anew only as often as that costs little.
+        qint64 bytes();
+
+    private:
+        QString m_folder;
+        qint64 m_bytes = 0;
+        std::chrono::steady_clock::time_point m_due = {};
+    };
 };

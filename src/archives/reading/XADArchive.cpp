@@ -3,6 +3,8 @@
 #include "archives/reading/CVNameDecoder.h"
 #include "archives/reading/CVSafeWriter.h"
 #include "util/LXFileName.h"
+#include "util/LXSaturatingSum.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -249,9 +251,8 @@ std::unique_ptr<XADArchive> XADArchive::openEntry(XADArchive &outer, int entry, 
     QString inner;
     if (code == XADErrorCode::None) {
         const CVDestination destination(QFile::encodeName(place->path()));
-        const std::vector<QByteArray> names = destination.topLevelNames(2);
-        if (names.size() == 1)
-            inner = place->filePath(QFile::decodeName(names[0]));
+        if (const auto names = destination.topLevelNames(2); names && names->size() == 1)
+            inner = place->filePath(fileNameFromBytes(names->front()));
     }
     if (inner.isEmpty()) {
         if (error)
@@ -350,10 +351,7 @@ QString XADArchive::nameOfEntry(int index) const
 {
     d->observeAllNames();
     const XADEntry &e = entry(index);
-    QString name = d->decode(e.name, e.nameEncoding);
-    while (name.size() > 1 && name.endsWith(u'/'))
-        name.chop(1);
-    return name;
+    return canonicalPath(d->decode(e.name, e.nameEncoding));
 }
 
 QString XADArchive::linkTargetOfEntry(int index) const
@@ -441,7 +439,7 @@ XADErrorCode XADArchive::extractIndices(const std::vector<int> &indices, bool al
         return XADErrorCode::Damaged;
     }
     // Only what this extraction made may be thrown away for another try.
-    const bool ownsContents = destination.topLevelNames(1).empty();
+    const bool ownsContents = destination.isEmpty();
     if (!all || !ownsContents)
         d->observeAllNames();
 
@@ -506,7 +504,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
         }
         if (total <= 0)
             for (const int index : wanted)
-                total += std::max<qint64>(entry(index).size, 0);
+                total = saturatingSum(total, std::max<qint64>(entry(index).size, 0));
     }
 
     CVSafeWriter::Callbacks callbacks;
@@ -556,7 +554,7 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
 
     const auto free = static_cast<qint64>(
         std::min<std::uint64_t>(destination.freeBytes(), std::uint64_t(std::numeric_limits<qint64>::max())));
-    if (total > free - CVSafeWriter::reservedFreeBytes) {
+    if (total > free - CVWriteLimits::reservedFreeBytes) {
         const QString explanation =
             text("The archive says that it unpacks to %1 bytes, but only %2 bytes are free.")
                 .arg(total)

@@ -69,7 +69,8 @@ public:
     bool entryIsArchive(int index) const;
     bool entryIsDirectory(int index) const;
 
-    /// Decoded path inside the archive, components joined by "/". Not made safe.
+    /// Decoded path inside the archive, components joined by "/", without "." and empty ones: nothing for the
+    /// folder that all others lie in. Not made safe.
     QString nameOfEntry(int index) const;
     QString linkTargetOfEntry(int index) const;
     /// Below zero when the format does not say.

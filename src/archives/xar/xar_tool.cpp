@@ -154,7 +154,7 @@ int extract(CVXarEngine &engine, const Arguments &arguments)
     callbacks.mayExceedLimit = [](const QString &) { return false; };
     CVSafeWriter::Options options;
     options.archiveBytes = archive.st_size;
-    options.ownsContents = destination.topLevelNames(1).empty();
+    options.ownsContents = destination.isEmpty();
     CVSafeWriter writer(destination, engine, callbacks, options);
     if (arguments.verbose)
         engine.delivered = [&engine](int i) {

@@ -267,7 +267,7 @@ QList<Case> cases()
           withMode(folder("sticky"), 07777), file("sealed/inside.txt", "in"), good},
          {{"none", Type::File, "data", 0400},
           {"setuid", Type::File, "data", 0755},
-          {"sealed", Type::Directory, {}, 0700},
+          {"sealed", Type::Directory, {}, 0500},
           {"sealed/inside.txt", Type::File, "in"},
           {"sticky", Type::Directory, {}, 0755},
           goodThere},

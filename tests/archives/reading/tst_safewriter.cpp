@@ -8,6 +8,7 @@
 
 #include <thread>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using Type = XADEntry::Type;
@@ -74,7 +75,7 @@ QStringList treeOf(const QString &root)
         const QByteArray folder = todo.back();
         todo.pop_back();
         const CVDestination here(root.toUtf8() + '/' + folder);
-        for (const QByteArray &name : here.topLevelNames(100000)) {
+        for (const QByteArray &name : here.topLevelNames(100000).value_or(std::vector<QByteArray>())) {
             const QByteArray path = folder.isEmpty() ? name : QByteArray(folder + '/' + name);
             const QByteArray full = root.toUtf8() + '/' + path;
             struct stat info;
@@ -235,6 +236,9 @@ private Q_SLOTS:
         row("write through a link to a folder inside", {"d/f", "l>d", "l/g"}, {"l"});
         row("single top-level folder, link beside it", {"top/f", "top/l>../other"}, {"top/l"});
         row("single top-level folder, link inside", {"top/f", "top/d/l>../f"}, {});
+        row("by the name of the single folder", {"top/f", "top/d/l>../../top/f"}, {});
+        row("by its name and on", {"top/f", "top/d/l>../../top/../x"}, {"top/d/l"});
+        row("where the single folder lies", {"top/f", "top/l>.."}, {"top/l"});
         row("a lone link", {"l>x"}, {});
         row("a lone link that climbs", {"l>../x"}, {"l"});
     }
@@ -351,9 +355,80 @@ private Q_SLOTS:
         QCOMPARE(mode("setid") & 07000, 0);
         QCOMPARE(mode("setid") & 0700, 0700);
         QCOMPARE(mode("none"), 0400);
-        QCOMPARE(mode("closed"), 0700);
+        QCOMPARE(mode("closed"), 0500);
         QCOMPARE(mode("closed/in"), 0444);
         QCOMPARE(mode("device"), -1);
+    }
+
+    void nothingIsOpenMeanwhile()
+    {
+        QTemporaryDir folder;
+        ListedEngine engine;
+        engine.add(Type::Directory, "shown", {}, {}, 0555);
+        engine.add(Type::File, "shown/made/in", {}, {}, 0644);
+        engine.last().size = 1;
+        const auto mode = [&](const char *name) {
+            struct stat info;
+            const QByteArray path = folder.filePath(name).toUtf8();
+            return ::lstat(path.constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+        };
+        const mode_t before = ::umask(022);
+        ::umask(before);
+        CVDestination destination(folder.path().toUtf8());
+        CVSafeWriter writer(destination, engine, cautious(), {});
+        QVERIFY(!writer.beginEntry(0));
+        const auto file = writer.beginEntry(1);
+        QVERIFY(file && file->write("x", 1) == Flow::Go);
+        for (const char *name : {"shown", "shown/made"})
+            QCOMPARE(mode(name), 0700);
+        QCOMPARE(mode("shown/made/in"), 0600);
+        QCOMPARE(file->finish(XADErrorCode::None), Flow::Go);
+        writer.finishTree();
+        QCOMPARE(mode("shown"), int(0555 & ~before));
+        QCOMPARE(mode("shown/made"), int(0777 & ~before));
+        QCOMPARE(mode("shown/made/in"), int(0644 & ~before));
+    }
+
+    void withoutDescriptorsItFails_data()
+    {
+        QTest::addColumn<int>("entriesBefore");
+        QTest::newRow("a folder") << 0;
+        QTest::newRow("a file") << 1;
+        QTest::newRow("links") << 3;
+    }
+
+    void withoutDescriptorsItFails()
+    {
+        QFETCH(int, entriesBefore);
+        QTemporaryDir folder;
+        ListedEngine engine;
+        engine.add(Type::Directory, "d");
+        engine.add(Type::File, "e/f", "x");
+        engine.add(Type::Symlink, "l", {}, "e/f");
+        engine.last().size = -1;
+        CVDestination destination(folder.path().toUtf8());
+        CVSafeWriter writer(destination, engine, cautious(), {});
+        struct rlimit limit;
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+        const auto allow = [&limit](rlim_t descriptors) {
+            const struct rlimit changed
+            {
+                std::min(descriptors, limit.rlim_cur), limit.rlim_max
+            };
+            ::setrlimit(RLIMIT_NOFILE, &changed);
+        };
+        for (int i = 0; i < 3; ++i) {
+            if (i == entriesBefore)
+                allow(0);
+            const auto entry = writer.beginEntry(i);
+            if (entry && entry->write("x", 1) == Flow::Go)
+                entry->finish(XADErrorCode::None);
+        }
+        allow(0);
+        writer.finishTree();
+        allow(limit.rlim_cur);
+        QCOMPARE(writer.outcome(), XADErrorCode::Damaged);
+        QCOMPARE(writer.systemError(), EMFILE);
     }
 
     void sizesAreNotBelieved_data()
@@ -406,7 +481,7 @@ private Q_SLOTS:
         auto entry = writer.beginEntry(0);
         QVERIFY(entry);
         Flow flow = Flow::Go;
-        for (qint64 done = 0; done < CVSafeWriter::bombFloorBytes + (40 << 20) && flow == Flow::Go;
+        for (qint64 done = 0; done < CVWriteLimits::bombFloorBytes + (40 << 20) && flow == Flow::Go;
              done += 1 << 20)
             flow = entry->write(block.constData(), block.size());
         QCOMPARE(asked, 1);
