@@ -26,7 +26,7 @@ QStringList componentsOf(const QString &path)
 bool isAboutPassword(XADErrorCode code)
 {
     return code == XADErrorCode::PasswordMissing || code == XADErrorCode::PasswordWrongOpening ||
-           code == XADErrorCode::Password;
+           code == XADErrorCode::Password || code == XADErrorCode::PasswordOrDamage;
 }
 
 } // namespace
@@ -90,6 +90,8 @@ bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
             setCancelledStatus();
         else if (isAboutPassword(error))
             setStatus(InvalidPassword);
+        else if (error == XADErrorCode::NeedsPackage)
+            setStatus(Unsupported);
         else
             setStatus(error == XADErrorCode::NotSupported && detail.isEmpty() ? Unsupported : InvalidFile);
         return false;
@@ -105,6 +107,7 @@ bool CVXArchive::setupXADArchiveAtPath(const QString &path, bool recurse)
         validator.cancelled = [this] { return m_cancelled.load(); };
         const bool valid = validator.isPasswordValidForArchive(password.value_or(QString()), path);
         if (!valid && !m_cancelled) {
+            m_failureReason = validator.failureText();
             setStatus(InvalidPassword);
             return false;
         }
@@ -247,7 +250,7 @@ void CVXArchive::takeResult(XADErrorCode code)
     // An engine can fail as a whole (a cut-off file behind whole entries) without naming an entry.
     if (isAboutPassword(code))
         setStatus(InvalidPassword);
-    else if (code == XADErrorCode::NotSupported)
+    else if (code == XADErrorCode::NotSupported || code == XADErrorCode::NeedsPackage)
         setStatus(Unsupported);
     else if (code != XADErrorCode::None)
         setStatus(InvalidFile);
@@ -286,9 +289,11 @@ XADAction CVXArchive::archiveExtractionOfEntryDidFail(XADArchive &, int, XADErro
         setStatus(InvalidFile);
         return XADAction::Abort;
     case XADErrorCode::Password:
+    case XADErrorCode::PasswordOrDamage:
         setStatus(InvalidPassword);
         return XADAction::Abort;
     case XADErrorCode::NotSupported:
+    case XADErrorCode::NeedsPackage:
         setStatus(Unsupported);
         return XADAction::Abort;
     default:

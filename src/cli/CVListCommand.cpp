@@ -191,7 +191,8 @@ std::unique_ptr<XADArchive> CVListCommand::open(const QString &path, Outcome &ou
             return nullptr;
         }
         const bool forPassword = code == XADErrorCode::PasswordMissing ||
-                                 code == XADErrorCode::PasswordWrongOpening || code == XADErrorCode::Password;
+                                 code == XADErrorCode::PasswordWrongOpening ||
+                                 code == XADErrorCode::Password || code == XADErrorCode::PasswordOrDamage;
         if (forPassword && m_asked) {
             m_lastWasWrong = true;
             continue; // forFile() counts the tries and ends this

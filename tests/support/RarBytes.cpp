@@ -55,6 +55,9 @@ QByteArray RarBytes::rar4(const QList<Item> &items, const Options &options)
     if (options.encryptedHeaders)
         mainFlags |= 0x0080;
     archive += block4(0x73, mainFlags, QByteArray(6, '\0'));
+    const auto kindOf = [&](const Item &item, int file) {
+        return &item == &items.first() && options.kindOfFirst >= 0 ? options.kindOfFirst : file;
+    };
     for (const Item &item : items) {
         std::uint16_t flags = 0x8000;
         flags |= item.splitBefore ? 0x0001 : 0;
@@ -63,7 +66,7 @@ QByteArray RarBytes::rar4(const QList<Item> &items, const Options &options)
         const auto packed = static_cast<std::uint32_t>(item.data.size());
         const auto whole = item.wholeSize > 0 ? static_cast<std::uint32_t>(item.wholeSize) : packed;
         archive +=
-            block4(0x74, flags,
+            block4(static_cast<std::uint8_t>(kindOf(item, 0x74)), flags,
                    little(packed) + little(whole) + char(3) + little(item.crc.value_or(crcOf(item.data))) +
                        little(std::uint32_t(0x50000000)) + char(item.version) + char(0x30) +
                        little(static_cast<std::uint16_t>(item.name.size())) + little(std::uint32_t(0100644)) +
@@ -88,23 +91,26 @@ QByteArray RarBytes::rar5(const QList<Item> &items, const Options &options)
         block5(number(1) + number(0) + number(archiveFlags) +
                (options.volume && options.number > 0 ? number(static_cast<std::uint64_t>(options.number))
                                                      : QByteArray()));
+    const auto kindOf = [&](const Item &item, int file) {
+        return &item == &items.first() && options.kindOfFirst >= 0 ? options.kindOfFirst : file;
+    };
     for (const Item &item : items) {
         QByteArray extra;
         if (item.encrypted)
             extra += number(49) + number(1) + number(0) + number(0) + char(15) + QByteArray(45, 'k');
-        if (item.blake2Only)
-            extra += number(34) + number(2) + number(0) + QByteArray(32, 'b');
+        if (!item.blake2sp.isEmpty())
+            extra += number(34) + number(2) + number(0) + item.blake2sp;
         std::uint64_t flags = 2;
         flags |= extra.isEmpty() ? 0 : 1;
         flags |= item.splitBefore ? 8 : 0;
         flags |= item.splitAfter ? 16 : 0;
         const auto packed = static_cast<std::uint64_t>(item.data.size());
-        QByteArray fields = number(2) + number(flags);
+        QByteArray fields = number(static_cast<std::uint64_t>(kindOf(item, 2))) + number(flags);
         if (!extra.isEmpty())
             fields += number(static_cast<std::uint64_t>(extra.size()));
-        fields += number(packed) + number(item.blake2Only ? 0 : 4) +
+        fields += number(packed) + number(item.blake2sp.isEmpty() ? 4 : 0) +
                   number(item.wholeSize > 0 ? item.wholeSize : packed) + number(0100644);
-        if (!item.blake2Only)
+        if (item.blake2sp.isEmpty())
             fields += little(item.crc.value_or(crcOf(item.data)));
         fields +=
             number(0) + number(1) + number(static_cast<std::uint64_t>(item.name.size())) + item.name + extra;

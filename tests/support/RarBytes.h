@@ -17,7 +17,7 @@ struct Item
     bool encrypted = false;
     bool splitBefore = false;
     bool splitAfter = false;
-    bool blake2Only = false;     ///< RAR 5: a hash of that kind instead of a CRC-32
+    QByteArray blake2sp = {};    ///< RAR 5: this hash instead of a CRC-32
     int version = 29;            ///< RAR 4: needed to unpack
     std::uint64_t wholeSize = 0; ///< of a split file; 0: that of the data
 };
@@ -29,7 +29,8 @@ struct Options
     bool partNumbers = true; ///< RAR 4: name.part1.rar
     bool solid = false;
     bool encryptedHeaders = false;
-    int number = 0; ///< of the volume
+    int number = 0;       ///< of the volume
+    int kindOfFirst = -1; ///< of the first file's header, instead of that of a file
 };
 
 QByteArray rar4(const QList<Item> &items, const Options &options = {});

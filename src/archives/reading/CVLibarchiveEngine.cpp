@@ -4,7 +4,8 @@
 
 #include "archives/reading/CVLibarchiveBids.h"
 #include "archives/reading/CVLibarchiveReader.h"
-#include "archives/reading/CVRarHeaders.h"
+#include "archives/reading/CVRarSum.h"
+#include "archives/reading/CVRarVolumes.h"
 #include "archives/reading/CVReadingText.h"
 #include "archives/reading/CVSingleFileEngine.h"
 
@@ -12,8 +13,6 @@
 
 #include <algorithm>
 #include <new>
-
-#include <zlib.h>
 
 namespace {
 
@@ -24,8 +23,6 @@ using Flow = CVEntryWriter::Flow;
 constexpr std::size_t maxWriteBytes = std::size_t(1) << 20;
 // Enough to see what a compressed stream holds: one tar block and some.
 constexpr std::size_t sniffBytes = 4096;
-// Programs in front of self-extracting archives are smaller.
-constexpr qint64 maxProgramBytes = qint64(1) << 20;
 
 CVEngineDescriptor::OpenOutcome refused(XADErrorCode code, const QString &detail)
 {
@@ -152,7 +149,7 @@ private:
     /// What is known about an entry beside what is shown of it.
     struct Checks
     {
-        std::optional<std::uint32_t> crc32;
+        const CVRarFile *sums = nullptr; ///< whose sums the data has to fit
         bool isVerifiable = true;
     };
 
@@ -232,7 +229,7 @@ private:
         const bool isFile = entry.type == XADEntry::Type::File;
         // Both readers have to speak of the same file, or the check sum is that of another.
         const bool same = !isFile || (!file.isDirectory && file.size == entry.size);
-        return {isFile ? file.crc32 : std::nullopt, same && (!isFile || file.size == 0 || file.crc32)};
+        return {isFile ? &file : nullptr, same && (!isFile || file.size == 0 || CVRarSum(file).canCompare())};
     }
 
     static Outcome stopped() { return {XADErrorCode::Stopped, {}}; }
@@ -250,7 +247,9 @@ private:
         if (!writer)
             return sink.shouldStop() ? stopped() : Outcome{};
 
-        std::uint32_t crc = 0;
+        std::optional<CVRarSum> sum;
+        if (checks.sums)
+            sum.emplace(*checks.sums);
         qint64 position = 0;
         Flow flow = Flow::Go;
         Step step = Step::Good;
@@ -270,9 +269,8 @@ private:
             }
             if (data.empty())
                 continue;
-            if (checks.crc32)
-                crc = static_cast<std::uint32_t>(
-                    ::crc32_z(crc, reinterpret_cast<const Bytef *>(data.data()), data.size()));
+            if (sum)
+                sum->add(data);
             if (offset > position)
                 flow = writer->writeHole(offset - position);
             position = offset + static_cast<qint64>(data.size());
@@ -291,7 +289,7 @@ private:
             if (m_input.format == CVLibarchiveFormat::Tar && entry.type == XADEntry::Type::File &&
                 position < entry.size)
                 flow = writer->writeHole(entry.size - position);
-            if (checks.crc32 && crc != *checks.crc32) {
+            if (sum && !sum->fits()) {
                 code = XADErrorCode::Damaged;
                 detail = readingText("Its check sum does not fit.");
             }
@@ -395,7 +393,8 @@ bool isReadableRar(const CVRarHeaders &headers)
             return false;
     }
     return std::all_of(headers.files.begin(), headers.files.end(), [](const CVRarFile &file) {
-        return file.isDirectory || file.isRedirected || file.size == 0 || (file.size > 0 && file.crc32);
+        return file.isDirectory || file.isRedirected || file.size == 0 ||
+               (file.size > 0 && CVRarSum(file).canCompare());
     });
 }
 
@@ -419,54 +418,32 @@ CVEngineDescriptor::OpenOutcome openListed(CVLibarchiveReader::Input input,
     return opened(std::move(engine));
 }
 
-CVEngineDescriptor::OpenOutcome openRar(std::shared_ptr<const CVArchiveSource> source, qint64 offset)
+CVEngineDescriptor::OpenOutcome openRar(const QString &path)
 {
     using State = CVRarHeaders::State;
-    CVRarHeaders headers = CVRarHeaders::read(*source, offset);
-    if (headers.isVolume && headers.state != State::HeadersEncrypted) {
-        const QString path = source->paths().constFirst();
-        const QString first = cvFirstRarVolume(path, headers.usesPartNumbers);
-        QString error;
-        source = CVArchiveSource::open(cvRarVolumes(first, headers.usesPartNumbers), &error);
-        if (!source)
-            return refused(XADErrorCode::Damaged, error);
-        if (first != path)
-            offset = 0;
-        headers = CVRarHeaders::read(*source, offset);
-    }
-    switch (headers.state) {
+    CVRarSet set = CVRarSet::open(path);
+    if (!set.source)
+        return refused(XADErrorCode::Damaged, set.error);
+    switch (set.headers.state) {
     case State::Good:
         break;
     case State::Damaged:
         return certainlyDamaged(readingText("The header is damaged."));
     case State::NotRar:
     case State::HeadersEncrypted:
+    case State::PasswordWrong:
+    case State::PasswordWrongOrDamaged:
     case State::Unsupported:
         return refused(XADErrorCode::NotSupported,
                        readingText("This kind of RAR is read by another reader."));
     }
-    if (!isReadableRar(headers))
+    if (!isReadableRar(set.headers))
         return refused(XADErrorCode::NotSupported,
                        readingText("This kind of RAR is read by another reader."));
-    if (headers.wantsNextVolume || !headers.isFirstVolume ||
-        std::any_of(headers.files.begin(), headers.files.end(),
-                    [](const CVRarFile &f) { return !f.isComplete; }))
+    if (set.isIncomplete())
         return certainlyDamaged(readingText("A volume of the set is missing."));
-    const auto format = headers.generation == 5 ? CVLibarchiveFormat::Rar5 : CVLibarchiveFormat::Rar4;
-    return openListed({source, offset, CVStreamKind::None, format}, std::move(headers));
-}
-
-/// The place of a RAR behind a program, or below zero.
-qint64 rarBehindProgram(const CVArchiveSource &source)
-{
-    QByteArray program(maxProgramBytes, Qt::Uninitialized);
-    program.truncate(std::max<qint64>(source.readAt(0, program.data(), program.size()), 0));
-    const QByteArrayView mark("Rar!\x1a\x07", 6);
-    for (qsizetype at = program.indexOf(mark); at > 0; at = program.indexOf(mark, at + 1))
-        // Programs that unpack RAR also carry the mark as a constant.
-        if (CVRarHeaders::read(source, at).state != CVRarHeaders::State::NotRar)
-            return at;
-    return -1;
+    const auto format = set.headers.generation == 5 ? CVLibarchiveFormat::Rar5 : CVLibarchiveFormat::Rar4;
+    return openListed({set.source, set.offset, CVStreamKind::None, format}, std::move(set.headers));
 }
 
 CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
@@ -482,7 +459,7 @@ CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
         return openStream(source, kind);
     const auto format = cvLibarchiveFormat(head, probe.fileSize);
     if (format == CVLibarchiveFormat::Rar4 || format == CVLibarchiveFormat::Rar5)
-        return openRar(source, 0);
+        return openRar(probe.path);
     if (format == CVLibarchiveFormat::Iso && cvIsoContinuesForEver(*source))
         return refused(XADErrorCode::Damaged, readingText("The attributes of a file go round in circles."));
     if (format == CVLibarchiveFormat::Cab || format == CVLibarchiveFormat::Lha ||
@@ -491,11 +468,10 @@ CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
     if (format)
         return opened(std::make_unique<Engine>(
             CVLibarchiveReader::Input{source, 0, CVStreamKind::None, *format}, containerName(*format)));
-    if (cvIsProgram(head)) {
-        const qint64 at = rarBehindProgram(*source);
-        return at > 0 ? openRar(source, at)
-                      : openListed({source, 0, CVStreamKind::None, CVLibarchiveFormat::Lha}, std::nullopt);
-    }
+    if (cvIsProgram(head))
+        return cvRarOffset(*source) > 0
+                   ? openRar(probe.path)
+                   : openListed({source, 0, CVStreamKind::None, CVLibarchiveFormat::Lha}, std::nullopt);
     return openStream(source, CVStreamKind::Brotli);
 }
 

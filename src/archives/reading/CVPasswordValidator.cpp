@@ -13,6 +13,12 @@ namespace {
 // entries that are not encrypted or from a decoder that has not met its first checksum.
 constexpr int reportsBeforeYes = 3;
 
+bool isAboutPassword(XADErrorCode code)
+{
+    return code == XADErrorCode::PasswordMissing || code == XADErrorCode::PasswordWrongOpening ||
+           code == XADErrorCode::Password || code == XADErrorCode::PasswordOrDamage;
+}
+
 // The entry whose extraction proves the password at the least cost: the smallest encrypted one with
 // data. -1 when nothing is known about single entries.
 int cheapestProof(const XADArchive &archive)
@@ -41,7 +47,7 @@ bool CVPasswordValidator::isPasswordValidForArchive(const QString &password, con
     m_password = password;
 
     XADErrorCode error = XADErrorCode::None;
-    m_xadarchive = XADArchive::openFile(path, this, &error);
+    m_xadarchive = XADArchive::openFile(path, this, &error, &m_failureText);
     if (m_xadarchive) {
         m_xadarchive->setPassword(password);
         const QTemporaryDir trial; // 0700 and removed with its contents, whatever the verdict
@@ -51,11 +57,11 @@ bool CVPasswordValidator::isPasswordValidForArchive(const QString &password, con
                                                  : m_xadarchive->extractTo(trial.path(), true);
             // Done without a failure and without a verdict: too little data for one, which is a yes.
             if (!m_finishedTryingPassword)
-                m_isValid = code == XADErrorCode::None;
+                m_isValid = code != XADErrorCode::Stopped && !isAboutPassword(code);
             m_finishedTryingPassword = true;
+            m_failureText = m_xadarchive->lastErrorText();
         }
-    } else if (error != XADErrorCode::PasswordMissing && error != XADErrorCode::PasswordWrongOpening &&
-               error != XADErrorCode::Password && error != XADErrorCode::Stopped) {
+    } else if (!isAboutPassword(error) && error != XADErrorCode::Stopped) {
         qCInfo(lcPassword) << "the archive cannot be opened for a trial" << int(error);
         m_password.clear();
         throw CVArchiveException("DCArchiveInvalidFileException", "File couldn't be opened");
@@ -80,9 +86,9 @@ void CVPasswordValidator::archiveExtractionProgressBytes(XADArchive &, qint64 do
     }
 }
 
-XADAction CVPasswordValidator::archiveExtractionOfEntryDidFail(XADArchive &, int, XADErrorCode)
+XADAction CVPasswordValidator::archiveExtractionOfEntryDidFail(XADArchive &, int, XADErrorCode code)
 {
-    m_isValid = false;
+    m_isValid = !isAboutPassword(code);
     m_finishedTryingPassword = true;
     return XADAction::Abort;
 }

@@ -9,7 +9,8 @@
 ///
 /// The trial costs as little as the format allows: it extracts the smallest encrypted file that has
 /// data, in formats where entries stand alone, and stops as soon as data has flowed; a trial that ends
-/// without a failure is a yes.
+/// without a failure is a yes. So is one that fails for another reason than the password (damage, no program
+/// that decrypts it): the extraction proper tells that as what it is.
 /// Thread: the caller's. Throws CVArchiveException ("DCArchiveInvalidFileException") when the archive
 /// cannot be opened for a reason other than its password.
 class CVPasswordValidator final : public XADArchiveDelegate
@@ -22,6 +23,8 @@ public:
     bool isValid() const { return m_isValid; }
     bool finishedTryingPassword() const { return m_finishedTryingPassword; }
     int progressCounter() const { return m_progressCounter; }
+    /// Why the answer was no, where an engine said so.
+    QString failureText() const { return m_failureText; }
 
     /// Asked between blocks of the trial; a stop makes the answer no.
     std::function<bool()> cancelled;
@@ -34,6 +37,7 @@ public:
 
 private:
     QString m_password;
+    QString m_failureText;
     std::unique_ptr<XADArchive> m_xadarchive;
     bool m_isValid = false;
     bool m_finishedTryingPassword = false;

@@ -2,8 +2,7 @@
 
 #include "archives/reading/CVArchiveSource.h"
 
-#include <QFileInfo>
-#include <QRegularExpression>
+#include <QCryptographicHash>
 #include <QtEndian>
 
 #include <algorithm>
@@ -12,15 +11,14 @@
 
 namespace {
 
-using namespace Qt::StringLiterals;
-
 constexpr QByteArrayView signature4("Rar!\x1a\x07\0", 7);
 constexpr QByteArrayView signature5("Rar!\x1a\x07\x01\0", 8);
 // Headers hold a name and some records; the format allows 2 MiB.
 constexpr qint64 maxHeaderBytes = qint64(2) << 20;
 // A hostile file could otherwise fill the memory with headers of a few bytes.
 constexpr std::size_t maxFiles = 4'000'000;
-constexpr int maxVolumes = 10'000;
+// RAR 4: of a comment, whose text is no part of the header's check sum.
+constexpr qsizetype commentHeaderBytes = 13;
 
 /// Little-endian fields of one header, never beyond its end.
 class Fields
@@ -85,9 +83,10 @@ std::uint32_t crcOf(QByteArrayView bytes)
 class HeaderReader
 {
 public:
-    HeaderReader(const CVArchiveSource &source, CVRarHeaders &result)
+    HeaderReader(const CVArchiveSource &source, CVRarHeaders &result, CVRarKeys *keys)
         : m_source(source)
         , m_result(result)
+        , m_keys(keys)
     {}
 
     using State = CVRarHeaders::State;
@@ -109,22 +108,25 @@ public:
             return State::Damaged;
         m_result.generation = generation;
         m_at += five ? signature5.size() : signature4.size();
-        bool ended = false;
-        while (!ended) {
+        m_encryption = {};
+        m_seen = Seen::Nothing;
+        while (m_seen != Seen::End) {
             if (m_at == m_end) {
                 // Old archives have no end header; there, a file that goes on says so itself.
-                if (five)
+                if (five || m_seen == Seen::Nothing || m_hasModernFiles)
                     return State::Damaged;
                 m_result.wantsNextVolume = !m_result.files.empty() && !m_result.files.back().isComplete;
-                break;
+                return State::Good;
             }
-            const State state = five ? readBlock5(first, ended) : readBlock4(first, ended);
+            const State state = five ? readBlock5(first) : readBlock4(first);
+            if (state == State::Damaged && m_encryption.isNew)
+                return State::PasswordWrongOrDamaged;
             if (state != State::Good)
                 return state;
             if (m_result.files.size() > maxFiles)
                 return State::Unsupported;
         }
-        return State::Good;
+        return isBlockHere(five) ? State::Damaged : State::Good;
     }
 
 private:
@@ -134,6 +136,49 @@ private:
                          Qt::Uninitialized);
         bytes.truncate(std::max<qint64>(m_source.readAt(offset, bytes.data(), bytes.size()), 0));
         return bytes;
+    }
+
+    /// The first bytes of the header that stands here, decrypted.
+    QByteArray headerBytes(qint64 size)
+    {
+        if (!m_encryption.isOn)
+            return bytesAt(m_at, size);
+        const qint64 prefix = m_encryption.prefixBytes;
+        const QByteArray before = bytesAt(m_at, prefix);
+        const QByteArray secret = bytesAt(m_at + prefix, roundedUp(size));
+        QByteArray key = m_encryption.key;
+        QByteArray start = before;
+        if (key.isEmpty()) {
+            const CVRarKeys::Four *const keys = m_keys->four(before);
+            if (!keys)
+                return {};
+            key = keys->key;
+            start = keys->start;
+        }
+        return CVRarKeys::decrypt(key, start, secret.first(secret.size() / 16 * 16)).left(size);
+    }
+
+    std::uint64_t bytesInFile(std::uint64_t header) const
+    {
+        return m_encryption.isOn ? static_cast<std::uint64_t>(m_encryption.prefixBytes) +
+                                       static_cast<std::uint64_t>(roundedUp(static_cast<qint64>(header)))
+                                 : header;
+    }
+
+    static qint64 roundedUp(qint64 size) { return (size + 15) / 16 * 16; }
+
+    /// Whether what follows the end is one more header with the right sum: then the end is none.
+    bool isBlockHere(bool five)
+    {
+        if (m_at + 7 > m_end)
+            return false;
+        CVRarHeaders scratch;
+        HeaderReader probe(m_source, scratch, m_keys);
+        probe.m_at = m_at;
+        probe.m_end = m_end;
+        probe.m_encryption = m_encryption;
+        probe.m_seen = Seen::Main;
+        return (five ? probe.readBlock5(false) : probe.readBlock4(false)) == State::Good;
     }
 
     /// Passes over header and data; false when they reach beyond the volume.
@@ -153,7 +198,8 @@ private:
             // Only the last part has the check sum of the whole.
             CVRarFile &whole = m_result.files.back();
             whole.packedSize += file.packedSize;
-            whole.crc32 = file.crc32;
+            whole.sums = file.sums;
+            whole.encryption = file.encryption;
             whole.isComplete = file.isComplete;
             whole.isEncrypted = whole.isEncrypted || file.isEncrypted;
             return;
@@ -163,10 +209,10 @@ private:
         m_result.files.push_back(std::move(file));
     }
 
-    State readBlock4(bool first, bool &ended)
+    State readBlock4(bool first)
     {
-        enum Type { Main = 0x73, File = 0x74, NewSub = 0x7a, End = 0x7b };
-        const QByteArray start = bytesAt(m_at, 7);
+        enum Type { Main = 0x73, File = 0x74, Comment = 0x75, NewSub = 0x7a, End = 0x7b };
+        const QByteArray start = headerBytes(7);
         if (start.size() < 7)
             return State::Damaged;
         Fields base(start);
@@ -174,37 +220,47 @@ private:
         const int type = base.number<std::uint8_t>();
         const auto flags = base.number<std::uint16_t>();
         const auto size = base.number<std::uint16_t>();
-        if (size < 7 || type < 0x72 || type > 0x7b)
+        if (size < 7 || type < Main || type > End || (m_seen == Seen::Nothing) != (type == Main))
             return State::Damaged;
-        const QByteArray header = bytesAt(m_at, size);
+        const QByteArray header = headerBytes(size);
         if (header.size() < size)
             return State::Damaged;
         const bool hasData = (flags & 0x8000) != 0 || type == File || type == NewSub;
         Fields fields(QByteArrayView(header).sliced(7));
         std::uint64_t dataSize = hasData ? fields.number<std::uint32_t>() : 0;
-        if (type == Main || type == File) {
-            // A comment inside the header is not part of its check sum.
-            if ((flags & (type == Main ? 0x0002 : 0x0008)) != 0)
-                return State::Unsupported;
-            if ((crcOf(QByteArrayView(header).sliced(2)) & 0xffff) != crc)
-                return State::Damaged;
-        }
+        // A comment inside the header is not part of its check sum.
+        if ((type == Main && (flags & 0x0002) != 0) || (type == File && (flags & 0x0008) != 0))
+            return State::Unsupported;
+        const qsizetype summed = type == Comment ? std::min<qsizetype>(size, commentHeaderBytes) : size;
+        // What a recovery volume restored ends in zeros instead of an end header.
+        const bool isRestoredEnd =
+            type == End && (flags & 0x0004) != 0 && header.endsWith(QByteArray(7, '\0'));
+        if ((crcOf(QByteArrayView(header).sliced(2, summed - 2)) & 0xffff) != crc && !isRestoredEnd)
+            return State::Damaged;
+        m_encryption.isNew = false;
         if (type == Main) {
+            m_seen = Seen::Main;
             m_result.isVolume = (flags & 0x0001) != 0;
             m_result.isSolid = (flags & 0x0008) != 0;
             if (first) {
                 m_result.usesPartNumbers = (flags & 0x0010) != 0;
                 m_result.isFirstVolume = !m_result.isVolume || (flags & 0x0100) != 0;
             }
-            if ((flags & 0x0080) != 0)
-                return State::HeadersEncrypted;
+            if ((flags & 0x0080) != 0) {
+                if (!m_keys)
+                    return State::HeadersEncrypted;
+                m_at += size;
+                m_encryption = {.isOn = true, .isNew = true, .prefixBytes = 8};
+                return State::Good;
+            }
         } else if (type == File) {
             CVRarFile file;
             std::uint64_t unpacked = fields.number<std::uint32_t>();
             const int host = fields.number<std::uint8_t>();
-            file.crc32 = fields.number<std::uint32_t>();
+            file.sums.crc32 = fields.number<std::uint32_t>();
             fields.number<std::uint32_t>(); // time
             file.unpackVersion = fields.number<std::uint8_t>();
+            m_hasModernFiles = m_hasModernFiles || file.unpackVersion >= 29;
             file.isStored = fields.number<std::uint8_t>() == 0x30;
             const auto nameSize = fields.number<std::uint16_t>();
             fields.number<std::uint32_t>(); // attributes
@@ -225,16 +281,15 @@ private:
             add(std::move(file), (flags & 0x0001) != 0, (flags & 0x0002) != 0);
         } else if (type == End) {
             m_result.wantsNextVolume = (flags & 0x0001) != 0;
-            ended = true;
-            return State::Good;
+            m_seen = Seen::End;
         }
-        return advance(size, dataSize) ? State::Good : State::Damaged;
+        return advance(bytesInFile(size), dataSize) ? State::Good : State::Damaged;
     }
 
-    State readBlock5(bool first, bool &ended)
+    State readBlock5(bool first)
     {
         enum Type { Main = 1, File = 2, Service = 3, Encryption = 4, End = 5 };
-        const QByteArray start = bytesAt(m_at, 7);
+        const QByteArray start = headerBytes(7);
         Fields base(start);
         const auto crc = base.number<std::uint32_t>();
         const std::uint64_t size = base.varInt();
@@ -242,7 +297,7 @@ private:
             return State::Damaged;
         const qint64 sizeBytes = start.size() - base.left() - 4;
         const std::uint64_t headerSize = 4 + static_cast<std::uint64_t>(sizeBytes) + size;
-        const QByteArray header = bytesAt(m_at, static_cast<qint64>(headerSize));
+        const QByteArray header = headerBytes(static_cast<qint64>(headerSize));
         if (static_cast<std::uint64_t>(header.size()) < headerSize ||
             crcOf(QByteArrayView(header).sliced(4)) != crc)
             return State::Damaged;
@@ -251,16 +306,18 @@ private:
         const std::uint64_t flags = fields.varInt();
         const std::uint64_t extraSize = (flags & 1) != 0 ? fields.varInt() : 0;
         const std::uint64_t dataSize = (flags & 2) != 0 ? fields.varInt() : 0;
-        if (!fields.isGood())
+        if (!fields.isGood() || type < Main || type > End)
+            return State::Damaged;
+        if ((m_seen == Seen::Nothing) != (type == Main || type == Encryption))
             return State::Damaged;
         if (type == Encryption)
-            return State::HeadersEncrypted;
+            return readEncryption5(fields, static_cast<qint64>(headerSize));
+        m_encryption.isNew = false;
         if (type == End) {
             m_result.wantsNextVolume = (fields.varInt() & 1) != 0;
-            ended = true;
-            return State::Good;
-        }
-        if (type == Main) {
+            m_seen = Seen::End;
+        } else if (type == Main) {
+            m_seen = Seen::Main;
             const std::uint64_t archiveFlags = fields.varInt();
             m_result.isVolume = (archiveFlags & 1) != 0;
             m_result.isSolid = (archiveFlags & 4) != 0;
@@ -271,7 +328,47 @@ private:
         } else if (type == File && !readFile5(fields, flags, extraSize, dataSize)) {
             return State::Damaged;
         }
-        return advance(headerSize, dataSize) ? State::Good : State::Damaged;
+        return advance(bytesInFile(headerSize), dataSize) ? State::Good : State::Damaged;
+    }
+
+    /// The header that says how those after it are encrypted.
+    State readEncryption5(Fields &fields, qint64 headerSize)
+    {
+        if (m_encryption.isOn)
+            return State::Damaged;
+        if (!m_keys)
+            return State::HeadersEncrypted;
+        if (fields.varInt() != 0)
+            return State::Unsupported;
+        CVRarEncryption encryption;
+        if (!readEncryption(fields, encryption, 0))
+            return State::Damaged;
+        const CVRarKeys::Five *const keys = m_keys->five(encryption.roundsLog2, encryption.salt);
+        if (!keys)
+            return State::Unsupported;
+        if (!encryption.check.isEmpty() && encryption.check != keys->check)
+            return State::PasswordWrong;
+        m_encryption = {
+            .isOn = true, .isNew = encryption.check.isEmpty(), .prefixBytes = 16, .key = keys->key};
+        m_at += headerSize;
+        return State::Good;
+    }
+
+    /// The fields that headers and files have in common; `vectorBytes` is what stands before the check value.
+    static bool readEncryption(Fields &fields, CVRarEncryption &encryption, std::uint64_t vectorBytes)
+    {
+        const std::uint64_t flags = fields.varInt();
+        encryption.roundsLog2 = fields.number<std::uint8_t>();
+        encryption.salt = fields.bytes(16).toByteArray();
+        fields.bytes(vectorBytes);
+        encryption.isSumKeyed = (flags & 2) != 0;
+        if ((flags & 1) != 0) {
+            const QByteArray check = fields.bytes(8).toByteArray();
+            const QByteArray sum = fields.bytes(4).toByteArray();
+            if (QCryptographicHash::hash(check, QCryptographicHash::Sha256).startsWith(sum))
+                encryption.check = check;
+        }
+        return fields.isGood();
     }
 
     bool readFile5(Fields &fields, std::uint64_t flags, std::uint64_t extraSize, std::uint64_t dataSize)
@@ -283,7 +380,7 @@ private:
         if ((fileFlags & 2) != 0)
             fields.number<std::uint32_t>(); // time
         if ((fileFlags & 4) != 0)
-            file.crc32 = fields.number<std::uint32_t>();
+            file.sums.crc32 = fields.number<std::uint32_t>();
         const std::uint64_t compression = fields.varInt();
         file.isUnixHost = fields.varInt() == 1;
         file.name = fields.bytes(fields.varInt()).toByteArray();
@@ -306,6 +403,12 @@ private:
                 return false;
             if (type == 1) {
                 file.isEncrypted = true;
+                CVRarEncryption encryption;
+                if (record.varInt() == 0 && readEncryption(record, encryption, 16))
+                    file.encryption = encryption;
+            } else if (type == 2) {
+                if (record.varInt() == 0)
+                    file.sums.blake2sp = record.bytes(32).toByteArray();
             } else if (type == 5) {
                 const std::uint64_t kind = record.varInt();
                 record.varInt(); // flags
@@ -320,51 +423,32 @@ private:
         return true;
     }
 
+    enum class Seen : std::uint8_t { Nothing, Main, End };
+
+    struct HeaderEncryption
+    {
+        bool isOn = false;
+        bool isNew = false;     ///< no header has come out right so far
+        qint64 prefixBytes = 0; ///< RAR 4: salt, RAR 5: initialisation vector, before each header
+        QByteArray key = {};    ///< RAR 5
+    };
+
     const CVArchiveSource &m_source;
     CVRarHeaders &m_result;
+    CVRarKeys *m_keys;
     qint64 m_at = 0;
     qint64 m_end = 0;
+    Seen m_seen = Seen::Nothing; ///< in this volume
+    HeaderEncryption m_encryption;
+    bool m_hasModernFiles = false; ///< RAR 4: by a version that always writes an end header
 };
-
-/// Keeps the case of the letters around it: "R00" after "RAR".
-QString oldVolumeSuffix(const QString &rar, int index)
-{
-    const QChar letter(char16_t((rar[0].isUpper() ? 'R' : 'r') + index / 100));
-    return u"%1%2"_s.arg(letter).arg(index % 100, 2, 10, QLatin1Char('0'));
-}
-
-const QRegularExpression &partPattern()
-{
-    static const QRegularExpression pattern(u"^(.*\\.part)(\\d+)(\\.[^./]+)$"_s,
-                                            QRegularExpression::CaseInsensitiveOption |
-                                                QRegularExpression::DotMatchesEverythingOption);
-    return pattern;
-}
-
-QString partName(const QRegularExpressionMatch &match, int number)
-{
-    return match.captured(1) +
-           QString::number(number).rightJustified(match.capturedLength(2), QLatin1Char('0')) +
-           match.captured(3);
-}
-
-/// The parts of a set whose first one is a program end in .rar.
-QString existing(const QString &path)
-{
-    if (QFileInfo::exists(path))
-        return path;
-    for (const QString &extension : {u".rar"_s, u".RAR"_s})
-        if (const QString other = path.left(path.lastIndexOf(u'.')) + extension; QFileInfo::exists(other))
-            return other;
-    return {};
-}
 
 } // namespace
 
-CVRarHeaders CVRarHeaders::read(const CVArchiveSource &source, qint64 offset)
+CVRarHeaders CVRarHeaders::read(const CVArchiveSource &source, qint64 offset, CVRarKeys *keys)
 {
     CVRarHeaders result;
-    HeaderReader reader(source, result);
+    HeaderReader reader(source, result, keys);
     std::vector<qint64> starts = source.starts();
     starts.push_back(source.size());
     for (std::size_t i = 0; i + 1 < starts.size(); ++i) {
@@ -373,45 +457,4 @@ CVRarHeaders CVRarHeaders::read(const CVArchiveSource &source, qint64 offset)
             break;
     }
     return result;
-}
-
-QString cvFirstRarVolume(const QString &path, bool usesPartNumbers)
-{
-    if (const auto match = partPattern().match(path); usesPartNumbers && match.hasMatch()) {
-        const QString first = partName(match, 1);
-        if (QFileInfo::exists(first))
-            return first;
-        const QString program = first.left(first.lastIndexOf(u'.')) + u".exe"_s;
-        return QFileInfo::exists(program) ? program : first;
-    }
-    static const QRegularExpression old(u"\\.[r-z]\\d\\d$"_s, QRegularExpression::CaseInsensitiveOption);
-    if (!usesPartNumbers && old.match(path).hasMatch()) {
-        const QString stem = path.chopped(4);
-        for (const QString &extension : {u".rar"_s, u".RAR"_s})
-            if (QFileInfo::exists(stem + extension))
-                return stem + extension;
-    }
-    return path;
-}
-
-QStringList cvRarVolumes(const QString &firstVolume, bool usesPartNumbers)
-{
-    QStringList volumes{firstVolume};
-    const auto match = partPattern().match(firstVolume);
-    const qsizetype dot = firstVolume.lastIndexOf(u'.');
-    if (dot < 0 || (usesPartNumbers && !match.hasMatch()))
-        return volumes;
-    const int firstNumber = usesPartNumbers ? match.captured(2).toInt() + 1 : 0;
-    const QString extension = firstVolume.mid(dot + 1);
-    const QString style = extension.isEmpty() ? u"r"_s : extension;
-    for (int i = 0; i < maxVolumes; ++i) {
-        if (!usesPartNumbers && i >= 900)
-            break;
-        const QString next = usesPartNumbers ? existing(partName(match, firstNumber + i))
-                                             : firstVolume.left(dot + 1) + oldVolumeSuffix(style, i);
-        if (next.isEmpty() || !QFileInfo::exists(next))
-            break;
-        volumes << next;
-    }
-    return volumes;
 }

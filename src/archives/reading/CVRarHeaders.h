@@ -1,8 +1,8 @@
 #pragma once
 
+#include "archives/reading/CVRarKeys.h"
+
 #include <QByteArray>
-#include <QString>
-#include <QStringList>
 
 #include <cstdint>
 #include <optional>
@@ -17,7 +17,14 @@ struct CVRarFile
     QByteArray linkTarget; ///< RAR 5 redirections
     qint64 packedSize = 0;
     qint64 size = -1; ///< below zero: not stored
-    std::optional<std::uint32_t> crc32;
+    /// Of the whole contents; keyed where `encryption` says so.
+    struct Sums
+    {
+        std::optional<std::uint32_t> crc32;
+        QByteArray blake2sp; ///< 32 bytes, or empty
+    };
+    Sums sums;
+    std::optional<CVRarEncryption> encryption; ///< RAR 5
     bool isDirectory = false;
     bool isStored = false;
     bool isEncrypted = false;
@@ -30,16 +37,19 @@ struct CVRarFile
     int unpackVersion = 0;     ///< RAR 4: 15, 20, 26, 29, 36; RAR 5: 50 and more
 };
 
-/// What the block headers of a RAR archive say. The decoder below does not compare the check sums of
-/// all data itself, so these are needed to tell good data from bad.
+/// What the block headers of a RAR archive say. The decoders do not compare the check sums of all data
+/// and pass over blocks that they do not know, so these are needed to tell good data from bad and whether
+/// any file got lost: every header has to follow the one before, be of a known kind and fit its sum.
 struct CVRarHeaders
 {
     enum class State {
         Good,
         NotRar,
-        Damaged,          ///< a header is cut or its check sum is wrong
+        Damaged,          ///< a header is cut, unknown, or its check sum is wrong
         HeadersEncrypted, ///< nothing beyond the main header can be known
-        Unsupported,      ///< RAR 1.4, comments inside headers
+        PasswordWrong,
+        PasswordWrongOrDamaged, ///< the first encrypted header makes no sense; RAR 4 has nothing to tell by
+        Unsupported,            ///< RAR 1.4, comments inside headers
     };
 
     State state = State::NotRar;
@@ -51,12 +61,7 @@ struct CVRarHeaders
     bool wantsNextVolume = false; ///< the last volume read is not the last of the set
     std::vector<CVRarFile> files;
 
-    /// Reads all volumes of the source; `offset` is where the signature stands in the first.
-    static CVRarHeaders read(const CVArchiveSource &source, qint64 offset);
+    /// Reads all volumes of the source; `offset` is where the signature stands in the first. `keys` are for
+    /// encrypted headers.
+    static CVRarHeaders read(const CVArchiveSource &source, qint64 offset, CVRarKeys *keys = nullptr);
 };
-
-/// The first volume of the set that the file belongs to, going by its name.
-QString cvFirstRarVolume(const QString &path, bool usesPartNumbers);
-
-/// The volumes that exist, from the first on, up to the first one missing.
-QStringList cvRarVolumes(const QString &firstVolume, bool usesPartNumbers);

@@ -3,6 +3,7 @@
 #include "archives/CVToolPaths.h"
 #include "archives/reading/CVCabChecksum.h"
 #include "archives/reading/CVLsarListing.h"
+#include "archives/reading/CVRarWitness.h"
 #include "archives/reading/CVUnarBids.h"
 #include "archives/reading/CVUnarOutput.h"
 #include "util/LXChildProcess.h"
@@ -67,7 +68,29 @@ QString text(const char *source)
 
 QString wrongPasswordText()
 {
-    return text("The password does not fit, or the encryption is of a kind that unar cannot undo.");
+    return text("The password does not fit.");
+}
+
+QString passwordOrDamageText()
+{
+    return text("The password does not fit, or the data is damaged.");
+}
+
+/// What the person is told, `damage` where it is that.
+QString textFor(XADErrorCode code, const QString &damage)
+{
+    if (code == XADErrorCode::Password)
+        return wrongPasswordText();
+    if (code == XADErrorCode::PasswordOrDamage)
+        return passwordOrDamageText();
+    return code == XADErrorCode::NeedsPackage ? CVRarWitness::otherProgramText() : damage;
+}
+
+/// Whose headers we can read ourselves.
+bool isRar(const CVArchiveProbe &probe)
+{
+    return probe.head.startsWith("Rar!\x1a\x07") ||
+           (probe.head.startsWith("MZ") && probe.head.contains("Rar!\x1a\x07"));
 }
 
 /// How unar names an outcome, as one of our codes.
@@ -254,6 +277,7 @@ private:
         QByteArray printed; ///< as the program prints its name
         std::optional<std::uint32_t> crc32;
         bool continuesElsewhere = false;
+        const CVRarFile *rar = nullptr;
     };
 
     struct Run
@@ -289,6 +313,7 @@ private:
     QString m_formatName;
     QString m_encoding;
     QString m_archivePath;
+    std::unique_ptr<CVRarWitness> m_rar; ///< for RAR only
     std::vector<XADEntry> m_entries;
     std::vector<Source> m_sources;
     Outcome m_listingState;
@@ -485,10 +510,18 @@ CVEngineDescriptor::OpenOutcome CVUnarEngine::prepare(const CVArchiveProbe &prob
         m_password = *password;
         m_hasPassword = true;
         m_encrypted = true;
+        if (isRar(probe)) {
+            m_rar = std::make_unique<CVRarWitness>(m_archivePath, password);
+            if (const CVRarWitness::Verdict verdict = m_rar->verdict(); verdict.code != XADErrorCode::None)
+                return {nullptr, verdict.code, verdict.detail, true};
+            // With a password that fits, this is what unar does not know.
+            if (const CVRarFile *const rar = m_rar->file(0); rar && rar->unpackVersion < 50)
+                return {nullptr, XADErrorCode::NeedsPackage, CVRarWitness::otherProgramText(), true};
+        }
         listing = list({}, password);
         // Early kinds of encryption give nonsense instead of an answer to a wrong password.
         if (listing.error == WrongPassword || (listing.items.empty() && listing.error != 0))
-            return {nullptr, XADErrorCode::PasswordWrongOpening, wrongPasswordText()};
+            return {nullptr, XADErrorCode::PasswordOrDamage, passwordOrDamageText()};
     }
     if (!listing.started)
         return {nullptr, XADErrorCode::NotSupported,
@@ -507,15 +540,26 @@ CVEngineDescriptor::OpenOutcome CVUnarEngine::prepare(const CVArchiveProbe &prob
     if (listing.error != 0 || listing.broken)
         m_listingState = {XADErrorCode::Damaged, text("The list of contents ends early.")};
 
+    if (isRar(probe)) {
+        if (!m_rar)
+            m_rar = std::make_unique<CVRarWitness>(m_archivePath, std::nullopt);
+        if (const CVRarWitness::Verdict verdict = m_rar->verdict(); verdict.code != XADErrorCode::None)
+            return {nullptr, verdict.code, verdict.detail, true};
+        if (!m_rar->sawAll(listing.items.size()))
+            return {nullptr, XADErrorCode::Damaged, text("Its list of contents is not whole."), true};
+    }
+
     m_formatName = listing.formatName.isEmpty() ? QStringLiteral("unar") : listing.formatName;
     takeNames(listing, probe);
     m_entries.reserve(listing.items.size());
-    for (Listing::Item &item : listing.items) {
+    for (std::size_t i = 0; i < listing.items.size(); ++i) {
+        Listing::Item &item = listing.items[i];
         if (item.isResourceFork || item.index < 0)
             continue;
         m_encrypted = m_encrypted || item.entry.encrypted;
         m_declaredTotal += std::max<qint64>(0, item.entry.size);
-        m_sources.push_back({item.index, item.name.toUtf8(), item.crc32, item.continuesElsewhere});
+        m_sources.push_back({item.index, item.name.toUtf8(), item.crc32, item.continuesElsewhere,
+                             m_rar ? m_rar->file(i) : nullptr});
         m_entries.push_back(std::move(item.entry));
     }
     return {};
@@ -528,21 +572,34 @@ void CVUnarEngine::fail(int entry, XADErrorCode code, const QString &detail)
     follow(m_sink->entryFailed(entry, code, detail));
 }
 
-/// Where nothing that was encrypted has come out right yet, a failure of an encrypted entry means the
-/// password: most of these formats cannot tell a wrong one otherwise than by wrong data.
+/// Damage of an encrypted entry may be the password's doing, unless that is known to fit: by a value that the
+/// format stores for the purpose, or because another entry came out right.
 XADErrorCode CVUnarEngine::failureOf(int entry, const QByteArray &reason) const
 {
+    const auto index = static_cast<std::size_t>(entry);
     const XADErrorCode code = codeForReason(reason);
-    if (code == XADErrorCode::Damaged && m_entries[static_cast<std::size_t>(entry)].encrypted &&
-        !m_passwordFits)
+    if (!m_entries[index].encrypted || (code != XADErrorCode::Damaged && code != XADErrorCode::Password))
+        return code;
+    const CVRarFile *const rar = m_sources[index].rar;
+    if (rar && CVRarWitness::needsOtherProgram(*rar))
+        return XADErrorCode::NeedsPackage;
+    switch (rar ? m_rar->password(*rar) : CVRarWitness::Password::Unknown) {
+    case CVRarWitness::Password::Right:
+        return XADErrorCode::Damaged;
+    case CVRarWitness::Password::Wrong:
         return XADErrorCode::Password;
-    return code;
+    case CVRarWitness::Password::Unknown:
+        break;
+    }
+    if (code == XADErrorCode::Password)
+        return code;
+    return m_passwordFits ? XADErrorCode::Damaged : XADErrorCode::PasswordOrDamage;
 }
 
 void CVUnarEngine::failFor(int entry, const QByteArray &reason)
 {
     const XADErrorCode code = failureOf(entry, reason);
-    fail(entry, code, code == XADErrorCode::Password ? wrongPasswordText() : QString::fromUtf8(reason));
+    fail(entry, code, textFor(code, QString::fromUtf8(reason)));
 }
 
 bool CVUnarEngine::makeRunFolder(Run &run)
@@ -598,9 +655,27 @@ bool CVUnarEngine::deliverFrom(int entry, int folder, const QByteArray &path)
     }
 
     const std::unique_ptr<CVEntryWriter> writer = m_sink->beginEntry(entry);
-    if (writer && isLink) {
+    std::optional<CVRarSum> sum;
+    if (const CVRarFile *const rar = m_sources[index].rar)
+        sum.emplace(m_rar->sum(*rar));
+    // Where it says nothing of itself, an entry without data is as good as one that was checked.
+    const bool isUnchecked = sum && !sum->canCompare() && m_entries[index].size > 0;
+    bool isGood = !isUnchecked;
+    const auto failSum = [&] {
+        isGood = false;
+        const XADErrorCode code = failureOf(entry, "checksum");
+        follow(writer->finish(code, textFor(code, text("The check sum does not fit."))));
+    };
+    if (writer && isUnchecked) {
+        follow(writer->finish(XADErrorCode::NotSupported, text("Nothing tells whether it is whole.")));
+    } else if (writer && isLink) {
         follow(writer->write(target.constData(), target.size()));
-        follow(writer->finish(XADErrorCode::None));
+        if (sum)
+            sum->add(target);
+        if (sum && sum->canCompare() && !sum->fits())
+            failSum();
+        else
+            follow(writer->finish(XADErrorCode::None));
     } else if (writer) {
         QByteArray block(blockBytes, Qt::Uninitialized);
         uLong crc = ::crc32(0, nullptr, 0);
@@ -608,19 +683,23 @@ bool CVUnarEngine::deliverFrom(int entry, int folder, const QByteArray &path)
         ssize_t n = 0;
         while (flow == Flow::Go &&
                (n = ::read(file.get(), block.data(), static_cast<std::size_t>(block.size()))) > 0) {
-            crc = ::crc32(crc, reinterpret_cast<const Bytef *>(block.constData()), static_cast<uInt>(n));
+            if (sum)
+                sum->add({block.constData(), static_cast<std::size_t>(n)});
+            else
+                crc = ::crc32(crc, reinterpret_cast<const Bytef *>(block.constData()), static_cast<uInt>(n));
             flow = writer->write(block.constData(), n);
             follow(flow);
         }
         const auto &expected = m_sources[index].crc32;
         if (n < 0)
             follow(writer->finish(XADErrorCode::Damaged, qt_error_string(errno)));
-        else if (flow == Flow::Go && expected && *expected != crc)
-            follow(writer->finish(failureOf(entry, "checksum"), text("The check sum does not fit.")));
+        else if (flow == Flow::Go && (sum ? sum->canCompare() && !sum->fits() : expected && *expected != crc))
+            failSum();
         else
             follow(writer->finish(XADErrorCode::None));
     }
-    m_passwordFits = m_passwordFits || (m_entries[index].encrypted && m_entries[index].size > 0);
+    if (isGood)
+        m_passwordFits = m_passwordFits || (m_entries[index].encrypted && m_entries[index].size > 0);
     ::unlinkat(parent.get(), name.constData(), 0);
     return true;
 }
@@ -781,7 +860,7 @@ void CVUnarEngine::run(const std::vector<int> &wanted, bool single)
         else if (!output.archiveFailure().isEmpty())
             failFor(entry, output.archiveFailure());
         else if (orderIsKnown || single || !verified)
-            fail(entry, failureOf(entry, "no result"), text("unar gave no result for it."));
+            failFor(entry, "unar gave no result for it.");
         else
             accept(entry);
     }
@@ -820,6 +899,8 @@ CVReadingEngine::Outcome CVUnarEngine::extract(std::span<const int> indices, boo
             if (const std::optional<QString> password = m_host.password()) {
                 m_password = *password;
                 m_hasPassword = true;
+                if (m_rar)
+                    m_rar->setPassword(*password);
             }
         }
         const bool unreadable = e.encrypted && !m_hasPassword;
@@ -843,6 +924,10 @@ CVReadingEngine::Outcome CVUnarEngine::extract(std::span<const int> indices, boo
         case XADEntry::Type::File:
             if (unreadable)
                 fail(entry, XADErrorCode::Password, text("A password is needed."));
+            else if (const CVRarFile *const rar = m_sources[static_cast<std::size_t>(entry)].rar;
+                     rar && (CVRarWitness::needsOtherProgram(*rar) ||
+                             m_rar->password(*rar) == CVRarWitness::Password::Wrong))
+                failFor(entry, "password");
             else if (m_sources[static_cast<std::size_t>(entry)].continuesElsewhere)
                 fail(entry, XADErrorCode::NotSupported,
                      text("It is split over volumes in a way that unar does not put together."));

@@ -14,7 +14,9 @@ enum class XADErrorCode : int {
     PasswordMissing = 2,      ///< on opening: names are encrypted and no password was given
     PasswordWrongOpening = 9, ///< on opening: names are encrypted and the password does not fit
     Password = 15,            ///< entry: password missing or wrong
+    PasswordOrDamage = 16,    ///< the password is wrong or the data damaged; the format cannot tell which
     NotSupported = 30,        ///< the method or format is not known to the reader
+    NeedsPackage = 31,        ///< known, but only a program that is not installed can read it
     Stopped = 40,             ///< the delegate asked to stop, or the work directory went away
     Refused = 101,            ///< the safety rules forbid the entry
     NotMade = 102,            ///< a link, device or attribute that cannot be made here

@@ -445,6 +445,15 @@ private Q_SLOTS:
         const QList<RarBytes::Item> items{{.name = "a.txt", .data = "alpha"}, {.name = "big", .data = big}};
         QTest::newRow("RAR 4") << RarBytes::rar4(items) << true;
         QTest::newRow("RAR 5") << RarBytes::rar5(items) << true;
+        // Computed by another program.
+        const QByteArray sumOfSmall =
+            QByteArray::fromHex("e7b6a63eb62a407278eba65a7f4d88a0c1942289c318452b722e2a143b88b0cd");
+        const QByteArray sumOfBig =
+            QByteArray::fromHex("c3647f1591f5f42c47ee0201b8dbb190d65eda042954ea8676a972339c0d478c");
+        QTest::newRow("RAR 5 with BLAKE2 only")
+            << RarBytes::rar5({{.name = "a.txt", .data = "alpha", .blake2sp = sumOfSmall},
+                               {.name = "big", .data = big, .blake2sp = sumOfBig}})
+            << true;
         QTest::newRow("RAR behind a program")
             << "MZ" + QByteArray(3000, '\1') + "Rar!\x1a\x07 is looked for" + QByteArray(100, '\2') +
                    RarBytes::rar5(items)
@@ -493,8 +502,6 @@ private Q_SLOTS:
         QTest::newRow("encrypted headers, 4") << RarBytes::rar4({}, {.encryptedHeaders = true});
         QTest::newRow("encrypted headers, 5") << RarBytes::rar5({}, {.encryptedHeaders = true});
         QTest::newRow("solid, 4") << RarBytes::rar4({{.name = "a", .data = "x"}}, {.solid = true});
-        QTest::newRow("no check sum that is known")
-            << RarBytes::rar5({{.name = "a", .data = "x", .blake2Only = true}});
         QTest::newRow("a program and nothing else") << "MZ" + QByteArray(70000, '\1');
     }
     void leavesToOthers()

@@ -1,5 +1,6 @@
 #include "archives/reading/CVArchiveSource.h"
-#include "archives/reading/CVRarHeaders.h"
+#include "archives/reading/CVRarSum.h"
+#include "archives/reading/CVRarVolumes.h"
 #include "support/RarBytes.h"
 
 #include <QDir>
@@ -70,7 +71,7 @@ private Q_SLOTS:
             QCOMPARE(headers.files[0].size, 5);
             QVERIFY(headers.files[0].isStored && !headers.files[0].isEncrypted);
             QVERIFY(headers.files[1].isEncrypted);
-            QCOMPARE(headers.files[2].crc32, 0x12345678U);
+            QCOMPARE(headers.files[2].sums.crc32, 0x12345678U);
         }
     }
 
@@ -95,7 +96,7 @@ private Q_SLOTS:
         QVERIFY(all.isVolume && all.isFirstVolume && !all.wantsNextVolume && all.usesPartNumbers);
         QCOMPARE(all.files.size(), 2U);
         QCOMPARE(all.files[1].packedSize, 8);
-        QCOMPARE(all.files[1].crc32, 0xcafeU);
+        QCOMPARE(all.files[1].sums.crc32, 0xcafeU);
         QVERIFY(all.files[1].isComplete);
 
         const CVRarHeaders some = read({one, two});
@@ -114,16 +115,85 @@ private Q_SLOTS:
         for (qsizetype i = 0; i < good.size(); ++i) {
             QByteArray flipped = good;
             flipped[i] = char(flipped[i] ^ 0x10);
-            const CVRarHeaders headers = read({flipped});
-            // The reserved mark of the end header of RAR 4 is the one thing that nobody checks.
-            const bool inEnd = generation == 4 && i >= good.size() - 7;
-            QVERIFY2(headers.state != State::Good || inEnd, qPrintable(u"byte %1"_s.arg(i)));
+            QVERIFY2(read({flipped}).state != State::Good, qPrintable(u"byte %1"_s.arg(i)));
         }
-        for (qsizetype size = 7; size < good.size() - 7; ++size) {
-            const CVRarHeaders headers = read({good.first(size)});
-            QVERIFY2(headers.state != State::Good || headers.files.size() < 2,
-                     qPrintable(u"cut to %1"_s.arg(size)));
+        for (qsizetype size = 7; size < good.size(); ++size)
+            QVERIFY2(read({good.first(size)}).state != State::Good, qPrintable(u"cut to %1"_s.arg(size)));
+    }
+
+    /// A header whose kind was changed is passed over by readers that do not know it, and with it its file;
+    /// also where the sum was put right.
+    void noticesChangedKinds_data() { generations(); }
+    void noticesChangedKinds()
+    {
+        QFETCH(int, generation);
+        const QList<RarBytes::Item> items{{.name = "a", .data = "x"}, {.name = "b", .data = "y"}};
+        for (int kind = 0; kind < 256; ++kind) {
+            const bool isFile = kind == (generation == 4 ? 0x74 : 2);
+            // Sub-blocks are no files; to say that one is damaged because it could be a file would be wrong.
+            const bool isSubBlock = generation == 4 ? kind >= 0x75 && kind <= 0x7a : kind == 3;
+            if (isSubBlock || kind >= 0x80)
+                continue;
+            const CVRarHeaders headers = read({writer(generation)(items, {.kindOfFirst = kind})});
+            QCOMPARE(headers.state == State::Good, isFile);
         }
+    }
+
+    void decryptsHeaders_data()
+    {
+        QTest::addColumn<QString>("password");
+        QTest::addColumn<State>("state");
+        QTest::newRow("right") << u"secret"_s << State::Good;
+        QTest::newRow("wrong") << u"Secret"_s << State::PasswordWrong;
+    }
+    void decryptsHeaders()
+    {
+        QFETCH(QString, password);
+        QFETCH(State, state);
+        // RAR 5; written by another program from the format's description: one file "a" of one byte.
+        const QByteArray bytes = QByteArray::fromHex(
+            "526172211a0701000c2f47b4210400000104000102030405060708090a0b0c0d0e0f7fb24d71142f"
+            "bac2da8da5036465666768696a6b6c6d6e6f707172731f2473ac6977896fc9d92c5718ab02306465"
+            "666768696a6b6c6d6e6f70717273703204bb8f0049dcf56ba8d2ee09b928f3b957b3bd8ef02df0cf"
+            "efbe6f4fc10a786465666768696a6b6c6d6e6f707172738c62d9c332457d01923f2e5c6c69847c");
+        CVRarKeys keys(password);
+        const auto source = CVArchiveSource::open({store(u"secret"_s, bytes)});
+        const CVRarHeaders headers = CVRarHeaders::read(*source, 0, &keys);
+        QCOMPARE(headers.state, state);
+        QCOMPARE(headers.files.size(), state == State::Good ? 1U : 0U);
+    }
+
+    void comparesSums_data()
+    {
+        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<QByteArray>("blake2sp");
+        QTest::newRow("nothing") << QByteArray()
+                                 << QByteArray(
+                                        "dd0e891776933f43c7d032b08a917e25741f8aa9a12c12e1cac8801500f2ca4f");
+        QTest::newRow("a part of a block")
+            << QByteArray("alpha")
+            << QByteArray("e7b6a63eb62a407278eba65a7f4d88a0c1942289c318452b722e2a143b88b0cd");
+        QTest::newRow("many blocks")
+            << QByteArray(100'000, 'z')
+            << QByteArray("e01754ac7eab2c6862a9d9ee8570df41bf18c2d9e9f3ef68b814d2453c4bbc4d");
+    }
+    void comparesSums()
+    {
+        QFETCH(QByteArray, data);
+        QFETCH(QByteArray, blake2sp);
+        CVRarFile file;
+        file.sums.blake2sp = QByteArray::fromHex(blake2sp);
+        const auto fits = [&file](QByteArray bytes, qsizetype piece) {
+            CVRarSum sum(file);
+            for (; !bytes.isEmpty(); bytes.remove(0, piece))
+                sum.add(std::span(bytes.constData(), std::size_t(std::min(piece, bytes.size()))));
+            return sum.canCompare() && sum.fits();
+        };
+        QVERIFY(fits(data, 64) && fits(data, 1000) && fits(data, 100'000));
+        QVERIFY(!fits(data + 'z', 1000));
+        // Keyed, it cannot be compared without the key.
+        file.encryption = CVRarEncryption{.salt = QByteArray(16, 's'), .isSumKeyed = true};
+        QVERIFY(!CVRarSum(file).canCompare());
     }
 
     void refuses_data()
