@@ -11,7 +11,7 @@ namespace {
 // for LHA. What follows was measured on a collection of archives by other people's programs. There is no
 // bid for zip and 7z: libarchive passes over contradictions between the two lists of a zip and takes a
 // 7z without a list for an empty one, so it would call archives good that other readers have refused.
-constexpr int bidForContainer = 80;   ///< tar, cpio, xar, rpm, ar: nobody reads more of them right
+constexpr int bidForContainer = 80;   ///< tar, cpio, rpm, ar: nobody reads more of them right
 constexpr int bidForStream = 80;      ///< compressed streams, with a tar or a single file in them
 constexpr int bidForVagueStream = 70; ///< .lzma has no mark, only a header that makes sense
 constexpr int bidForRar = 60; ///< more of the newer RARs than unar, which gets what is refused on opening
@@ -108,8 +108,6 @@ std::optional<CVLibarchiveFormat> cvLibarchiveFormat(QByteArrayView head, qint64
         return Format::Cpio;
     if (head.startsWith("!<arch>\n"))
         return Format::Ar;
-    if (head.startsWith(QByteArrayView("xar!\0\x1c", 6)) || head.startsWith(QByteArrayView("xar!\0", 5)))
-        return Format::Xar;
     if (head.startsWith(QByteArrayView("Rar!\x1a\x07\x01\0", 8)))
         return Format::Rar5;
     if (head.startsWith(QByteArrayView("Rar!\x1a\x07\0", 7)))
@@ -146,7 +144,6 @@ int cvLibarchiveBid(const CVArchiveProbe &probe)
             return head[0] == '\0' ? bidForEmptyTar : bidForContainer;
         case Format::Cpio:
         case Format::Ar:
-        case Format::Xar:
             return bidForContainer;
         case Format::Rar4:
         case Format::Rar5:
@@ -160,8 +157,14 @@ int cvLibarchiveBid(const CVArchiveProbe &probe)
             return bidForFallback;
         }
     }
-    if (cvIsProgram(head))
-        return head.indexOf(QByteArrayView("Rar!\x1a\x07", 6)) > 0 ? bidForRar : bidForProgram;
+    if (cvIsProgram(head)) {
+        if (head.indexOf(QByteArrayView("Rar!\x1a\x07", 6)) > 0)
+            return bidForRar;
+        for (qsizetype at = head.indexOf("-lh"); at >= 2; at = head.indexOf("-lh", at + 1))
+            if (isLha(head.sliced(at - 2)))
+                return bidForLha;
+        return bidForProgram;
+    }
     for (const QLatin1StringView extension : {QLatin1StringView(".br"), QLatin1StringView(".tbr")})
         if (probe.path.endsWith(extension, Qt::CaseInsensitive))
             return bidForName;

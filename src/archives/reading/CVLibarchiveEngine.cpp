@@ -2,6 +2,7 @@
 
 #include "archives/reading/CVIsoContinuations.h"
 
+#include "archives/reading/CVLhaHeaders.h"
 #include "archives/reading/CVLibarchiveBids.h"
 #include "archives/reading/CVLibarchiveReader.h"
 #include "archives/reading/CVRarSum.h"
@@ -49,8 +50,6 @@ QString containerName(CVLibarchiveFormat format)
         return u"cpio"_s;
     case CVLibarchiveFormat::Ar:
         return u"ar"_s;
-    case CVLibarchiveFormat::Xar:
-        return u"XAR"_s;
     case CVLibarchiveFormat::Rar4:
         return u"RAR"_s;
     case CVLibarchiveFormat::Rar5:
@@ -446,6 +445,13 @@ CVEngineDescriptor::OpenOutcome openRar(const QString &path)
     return openListed({set.source, set.offset, CVStreamKind::None, format}, std::move(set.headers));
 }
 
+CVEngineDescriptor::OpenOutcome openLha(const std::shared_ptr<const CVArchiveSource> &source, qint64 offset)
+{
+    if (cvCheckLha(*source, offset) == CVLhaState::Damaged)
+        return certainlyDamaged(readingText("The header is damaged."));
+    return openListed({source, offset, CVStreamKind::None, CVLibarchiveFormat::Lha}, std::nullopt);
+}
+
 CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
 {
     QString error;
@@ -462,16 +468,21 @@ CVEngineDescriptor::OpenOutcome openContainer(const CVArchiveProbe &probe)
         return openRar(probe.path);
     if (format == CVLibarchiveFormat::Iso && cvIsoContinuesForEver(*source))
         return refused(XADErrorCode::Damaged, readingText("The attributes of a file go round in circles."));
-    if (format == CVLibarchiveFormat::Cab || format == CVLibarchiveFormat::Lha ||
-        format == CVLibarchiveFormat::Iso)
+    if (format == CVLibarchiveFormat::Lha)
+        return openLha(source, 0);
+    if (format == CVLibarchiveFormat::Cab || format == CVLibarchiveFormat::Iso)
         return openListed({source, 0, CVStreamKind::None, *format}, std::nullopt);
     if (format)
         return opened(std::make_unique<Engine>(
             CVLibarchiveReader::Input{source, 0, CVStreamKind::None, *format}, containerName(*format)));
-    if (cvIsProgram(head))
-        return cvRarOffset(*source) > 0
-                   ? openRar(probe.path)
-                   : openListed({source, 0, CVStreamKind::None, CVLibarchiveFormat::Lha}, std::nullopt);
+    if (cvIsProgram(head)) {
+        if (cvRarOffset(*source) > 0)
+            return openRar(probe.path);
+        const qint64 at = cvLhaBehindProgram(*source);
+        return at > 0
+                   ? openLha(source, at)
+                   : refused(XADErrorCode::NotSupported, readingText("No archive is behind this program."));
+    }
     return openStream(source, CVStreamKind::Brotli);
 }
 

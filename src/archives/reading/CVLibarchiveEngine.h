@@ -2,7 +2,7 @@
 
 #include "archives/reading/CVReadingEngine.h"
 
-/// Reads tar, pax, cpio, xar, rpm, ar and deb, RAR, LHA, single compressed files, and, when nothing
+/// Reads tar, pax, cpio, rpm, ar and deb, RAR, LHA, single compressed files, and, when nothing
 /// better is installed, cabinets and web archives. The container is read through
 /// libarchive, compressed streams by our own decoders; see the bids in CVLibarchiveBids.cpp.
 ///

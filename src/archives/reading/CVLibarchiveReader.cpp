@@ -4,7 +4,6 @@
 #include "util/LXFileName.h"
 
 #include <QFile>
-#include <QLoggingCategory>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,8 +11,6 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <locale.h>
-
-Q_LOGGING_CATEGORY(lcLibarchive, "corvane.archives.reading.libarchive", QtWarningMsg)
 
 namespace {
 
@@ -61,8 +58,6 @@ int supportFormat(archive *a, CVLibarchiveFormat format)
         return archive_read_support_format_cpio(a);
     case CVLibarchiveFormat::Ar:
         return archive_read_support_format_ar(a);
-    case CVLibarchiveFormat::Xar:
-        return archive_read_support_format_xar(a);
     case CVLibarchiveFormat::Rar4:
         return archive_read_support_format_rar(a);
     case CVLibarchiveFormat::Rar5:
@@ -81,7 +76,7 @@ int supportFormat(archive *a, CVLibarchiveFormat format)
 
 bool namesAreUtf8(CVLibarchiveFormat format)
 {
-    return format == CVLibarchiveFormat::Rar5 || format == CVLibarchiveFormat::Xar;
+    return format == CVLibarchiveFormat::Rar5;
 }
 
 /// libarchive makes modes up where the format has none.
@@ -157,6 +152,14 @@ XADErrorCode codeOf(archive *a)
         if (text.contains(word))
             return XADErrorCode::NotSupported;
     return XADErrorCode::Damaged;
+}
+
+/// A warning with a header says what was passed over or ignored, which is damage (bytes between two headers,
+/// attributes of which one may be the name, a file's data out of place), but for these.
+bool isHarmless(const char *warning)
+{
+    const QByteArray text = QByteArray(warning).toLower();
+    return text.contains("convert") || text.contains(" acl ") || text.contains("large inode");
 }
 
 } // namespace
@@ -319,8 +322,8 @@ CVLibarchiveReader::Step CVLibarchiveReader::next(XADEntry &entry)
     if (m_input.format == CVLibarchiveFormat::Rar5 &&
         (archive_format(m_archive.get()) & ARCHIVE_FORMAT_BASE_MASK) != ARCHIVE_FORMAT_RAR_V5)
         return failedWith(XADErrorCode::NotSupported, {}); // a stored zip at the end of the last volume
-    if (r == ARCHIVE_WARN)
-        qCDebug(lcLibarchive) << "header:" << archive_error_string(m_archive.get());
+    if (r == ARCHIVE_WARN && !isHarmless(archive_error_string(m_archive.get())))
+        return failed(Step::Failed);
     ++m_ordinal;
     convert(found, m_input.format, entry);
     return Step::Good;

@@ -16,7 +16,6 @@ enum class CVLibarchiveFormat : std::uint8_t {
     Tar,
     Cpio,
     Ar,
-    Xar,
     Rar4,
     Rar5,
     Lha,

@@ -113,7 +113,7 @@ public:
         while (m_seen != Seen::End) {
             if (m_at == m_end) {
                 // Old archives have no end header; there, a file that goes on says so itself.
-                if (five || m_seen == Seen::Nothing || m_hasModernFiles)
+                if (five || m_result.files.empty() || m_hasModernFiles)
                     return State::Damaged;
                 m_result.wantsNextVolume = !m_result.files.empty() && !m_result.files.back().isComplete;
                 return State::Good;

@@ -56,7 +56,7 @@ private:
 struct CVRarEncryption
 {
     int roundsLog2 = 0;
-    QByteArray salt;
-    QByteArray check; ///< empty: not stored, or damaged itself
+    QByteArray salt = {};
+    QByteArray check = {}; ///< empty: not stored, or damaged itself
     bool isSumKeyed = false;
 };

@@ -2,6 +2,7 @@
 
 #include "archives/CVToolPaths.h"
 #include "archives/reading/CVCabChecksum.h"
+#include "archives/reading/CVLhaHeaders.h"
 #include "archives/reading/CVLsarListing.h"
 #include "archives/reading/CVRarWitness.h"
 #include "archives/reading/CVUnarBids.h"
@@ -520,7 +521,9 @@ CVEngineDescriptor::OpenOutcome CVUnarEngine::prepare(const CVArchiveProbe &prob
         }
         listing = list({}, password);
         // Early kinds of encryption give nonsense instead of an answer to a wrong password.
-        if (listing.error == WrongPassword || (listing.items.empty() && listing.error != 0))
+        if (listing.error == WrongPassword)
+            return {nullptr, XADErrorCode::PasswordWrongOpening, wrongPasswordText()};
+        if (listing.items.empty() && listing.error != 0)
             return {nullptr, XADErrorCode::PasswordOrDamage, passwordOrDamageText()};
     }
     if (!listing.started)
@@ -548,6 +551,13 @@ CVEngineDescriptor::OpenOutcome CVUnarEngine::prepare(const CVArchiveProbe &prob
         if (!m_rar->sawAll(listing.items.size()))
             return {nullptr, XADErrorCode::Damaged, text("Its list of contents is not whole."), true};
     }
+
+    // Its reader takes a damaged header for the end.
+    if (listing.formatName.startsWith(QLatin1String("LZH")) ||
+        listing.formatName.startsWith(QLatin1String("LHA")))
+        if (const auto source = CVArchiveSource::open({m_archivePath});
+            source && cvCheckLha(*source, 0) == CVLhaState::Damaged)
+            return {nullptr, XADErrorCode::Damaged, text("A header is damaged."), true};
 
     m_formatName = listing.formatName.isEmpty() ? QStringLiteral("unar") : listing.formatName;
     takeNames(listing, probe);

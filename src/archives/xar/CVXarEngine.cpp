@@ -18,7 +18,7 @@ Q_LOGGING_CATEGORY(lcXarEngine, "corvane.archives.xar")
 
 namespace {
 
-// The bid of a reader made for its format; libarchive, the next best, gets what this one cannot open.
+// The bid of a reader made for its format; nobody else gets what this one cannot open.
 constexpr int bidForXar = 90;
 // As much as the machine has, but no more than one disk is any good for.
 constexpr unsigned maxThreads = 8;
@@ -54,12 +54,14 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
 {
     auto opened = xar_open(bytesOfFileName(probe.path), xar_mode::read);
     if (!opened) {
-        qCDebug(lcXarEngine) << "left to other engines:" << opened.error().reason;
-        return {nullptr, codeOf(opened.error()), opened.error().reason};
+        qCDebug(lcXarEngine) << "cannot be read:" << opened.error().reason;
+        // Final: the other readers check less, and one of them can be made to loop.
+        return {nullptr, codeOf(opened.error()), opened.error().reason, true};
     }
     auto engine = CVXarEngine::create(std::move(opened).value());
     if (!engine)
-        return {nullptr, XADErrorCode::Damaged, QStringLiteral("The paths in the archive are too long.")};
+        return {nullptr, XADErrorCode::Damaged, QStringLiteral("The paths in the archive are too long."),
+                true};
     return {std::move(engine), XADErrorCode::None, {}};
 }
 
