@@ -47,7 +47,7 @@ QByteArray RarBytes::rar4(const QList<Item> &items, const Options &options)
     QByteArray archive("Rar!\x1a\x07\0", 7);
     std::uint16_t mainFlags = 0;
     if (options.volume)
-        mainFlags |= options.number == 0 ? 0x0101 : 0x0001;
+        mainFlags |= options.number == 0 && options.partNumbers ? 0x0101 : 0x0001;
     if (options.volume && options.partNumbers)
         mainFlags |= 0x0010;
     if (options.solid)

@@ -244,7 +244,9 @@ private:
             m_result.isSolid = (flags & 0x0008) != 0;
             if (first) {
                 m_result.usesPartNumbers = (flags & 0x0010) != 0;
-                m_result.isFirstVolume = !m_result.isVolume || (flags & 0x0100) != 0;
+                // The mark came with the names that have part numbers; before, only a cut file tells.
+                m_result.isFirstVolume =
+                    !m_result.isVolume || (flags & 0x0100) != 0 || !m_result.usesPartNumbers;
             }
             if ((flags & 0x0080) != 0) {
                 if (!m_keys)

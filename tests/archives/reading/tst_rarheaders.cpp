@@ -103,6 +103,9 @@ private Q_SLOTS:
         QVERIFY(some.wantsNextVolume);
         QVERIFY(!some.files[1].isComplete);
         QVERIFY(!read({two, three}).isFirstVolume);
+        // Early volumes do not say which is the first.
+        QVERIFY(read({RarBytes::rar4({{.name = "a", .data = "x"}}, {.volume = true, .partNumbers = false})})
+                    .isFirstVolume);
     }
 
     /// Every byte of the headers is covered by a check sum; nothing is taken from a header that fails it.
