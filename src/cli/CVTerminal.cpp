@@ -154,10 +154,8 @@ void CVTerminal::interrupt()
 
 void CVTerminal::restoreEcho()
 {
-    const std::lock_guard lock(m_mutex);
-    if (m_silentFd >= 0)
-        ::tcsetattr(m_silentFd, TCSANOW, &m_saved->mode);
-    m_silentFd = -1;
+    if (const int fd = m_silentFd.exchange(-1); fd >= 0)
+        ::tcsetattr(fd, TCSANOW, &m_saved->mode);
 }
 
 std::optional<QByteArray> CVTerminal::readAnswer(const QByteArray &prompt, bool echo)

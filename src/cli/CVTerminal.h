@@ -58,7 +58,8 @@ public:
     void interrupt();
     bool wasInterrupted() const { return m_interrupted.load(); }
 
-    /// Echo as it was found. For a sudden end of the process; a question restores it itself.
+    /// Echo as it was found. For a sudden end of the process, from a signal handler too; a question restores
+    /// it itself.
     void restoreEcho();
 
 private:
@@ -80,9 +81,9 @@ private:
     std::atomic<bool> m_interrupted = false;
     LXFileDescriptor m_wake; ///< eventfd: readable once interrupted
 
-    std::mutex m_askMutex; ///< one question at a time
-    std::mutex m_mutex;    ///< guards what follows and the streams
-    int m_silentFd = -1;   ///< terminal whose echo is off, else -1
+    std::mutex m_askMutex;            ///< one question at a time
+    std::mutex m_mutex;               ///< guards what follows and the streams
+    std::atomic<int> m_silentFd = -1; ///< terminal whose echo is off, else -1; not guarded
     struct SavedMode;
     std::unique_ptr<SavedMode> m_saved;
     bool m_asking = false;

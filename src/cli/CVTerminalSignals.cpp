@@ -1,5 +1,7 @@
 #include "cli/CVTerminalSignals.h"
 
+#include "cli/CVTerminal.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -9,12 +11,22 @@
 
 namespace {
 
+// What the handler needs, which must neither wait nor allocate.
 std::atomic<int> pipeWriteEnd = -1;
+std::atomic<CVTerminal *> shownTerminal = nullptr;
+std::atomic<bool> hasBeenAsked = false;
 
 constexpr std::array caught = {SIGINT, SIGTERM, SIGHUP};
 
 void onSignal(int signal)
 {
+    // Whoever asks twice does not want to wait. What is left is on the list that "corvane clean" goes
+    // through.
+    if (hasBeenAsked.exchange(true)) {
+        if (CVTerminal *terminal = shownTerminal.load())
+            terminal->restoreEcho();
+        ::_exit(CVTerminalSignals::cancelledStatus);
+    }
     const int saved = errno;
     const auto byte = static_cast<char>(signal);
     [[maybe_unused]] const auto n = ::write(pipeWriteEnd.load(), &byte, 1);
@@ -23,9 +35,11 @@ void onSignal(int signal)
 
 } // namespace
 
-CVTerminalSignals::CVTerminalSignals(Handler handler)
-    : m_handler(std::move(handler))
+CVTerminalSignals::CVTerminalSignals(CVTerminal &terminal, Handler first)
+    : m_first(std::move(first))
 {
+    shownTerminal.store(&terminal);
+    hasBeenAsked.store(false);
     int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return; // without the pipe a signal simply ends the process
@@ -55,6 +69,7 @@ CVTerminalSignals::~CVTerminalSignals()
         if (current.sa_handler == onSignal)
             ::signal(signal, SIG_DFL);
     }
+    shownTerminal.store(nullptr);
     // The write end stays open: a handler that runs at this moment must find a pipe, not a stranger's
     // descriptor of the same number.
 }
@@ -63,5 +78,5 @@ void CVTerminalSignals::read()
 {
     char byte = 0;
     while (::read(m_readEnd.get(), &byte, 1) == 1)
-        m_handler(byte);
+        m_first(byte);
 }

@@ -31,7 +31,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int usageStatus = 2;
-constexpr int cancelledStatus = 130;
 
 CVTerminal *logTerminal = nullptr;
 
@@ -95,11 +94,8 @@ int runList(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
         status = CVListCommand(terminal, passwords, form).run(arguments.paths, std::move(stop));
         LXMainThread::post([] { QCoreApplication::quit(); });
     });
-    const CVTerminalSignals signalsToStop([&](int) {
-        if (!worker.request_stop()) { // for the second time
-            terminal.restoreEcho();
-            ::_exit(cancelledStatus);
-        }
+    const CVTerminalSignals signalsToStop(terminal, [&](int) {
+        worker.request_stop();
         terminal.interrupt();
         terminal.message(u"cancelled"_s);
     });
@@ -155,14 +151,7 @@ int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
     CVPackCommand packing(queue, terminal, passwords);
     CVSplitCommand splitting(queue, terminal, passwords);
     const bool packs = isPacking(arguments);
-    int interrupts = 0;
-    const CVTerminalSignals signalsToCancel([&](int) {
-        // Whoever asks twice does not want to wait. The work directory is on the list that
-        // "corvane clean" goes through.
-        if (++interrupts > 1) {
-            terminal.restoreEcho();
-            ::_exit(cancelledStatus);
-        }
+    const CVTerminalSignals signalsToCancel(terminal, [&](int) {
         terminal.message(u"cancelled"_s);
         // Two of them may take part in what was asked for; the others hear it in vain.
         for (CVJobCommand *command : std::initializer_list<CVJobCommand *>{&extraction, &packing, &splitting})

@@ -30,6 +30,7 @@ void setHandler(void (*handler)(int), int flags)
 
 extern "C" void wakeMainThread(int)
 {
+    setHandler(SIG_DFL, 0); // whoever asks twice, by whichever of them, does not want to wait
     const std::uint64_t one = 1;
     [[maybe_unused]] const auto written = ::write(wakeDescriptor, &one, sizeof one);
 }
@@ -45,8 +46,7 @@ CVTerminationSignals::CVTerminationSignals(std::function<void()> asked)
         notifier->setEnabled(false);
         asked();
     });
-    // One shot: whoever asks twice does not want to wait for jobs to clean up.
-    setHandler(&wakeMainThread, SA_RESTART | static_cast<int>(SA_RESETHAND));
+    setHandler(&wakeMainThread, SA_RESTART);
 }
 
 CVTerminationSignals::~CVTerminationSignals()
