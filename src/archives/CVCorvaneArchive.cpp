@@ -1,6 +1,7 @@
 #include "archives/CVCorvaneArchive.h"
 
 #include "archives/CVToolPaths.h"
+#include "archives/CVToolRules.h"
 #include "archives/reading/CVDestination.h"
 #include "archives/shell_line.h"
 #include "archives/xar/CVXarListing.h"
@@ -217,10 +218,16 @@ CVCorvaneArchive::ToolResult CVCorvaneArchive::run(const QString &program, const
     LXChildOptions options;
     options.program = program;
     options.arguments = arguments;
-    options.confined = true;
-    if (!destinationFolder.isEmpty()) {
+    if (destinationFolder.isEmpty()) {
+        options.confinement =
+            CVToolRules::line({CVToolPaths::toolPath(QStringLiteral("xar")).value(), QStringLiteral("awk")});
+        options.confinement->readable += sourcePath;
+    } else {
         options.workingFolder = destinationFolder;
-        options.writableFolders = {destinationFolder};
+        options.confinement = CVToolRules::single();
+        options.confinement->readable += {extractFile, destinationFolder};
+        options.confinement->writable = {destinationFolder};
+        options.confinement->changes = LXConfinementRules::Changes::ByPath; // the times of links
     }
     auto started = LXChildProcess::start(options);
     if (!started) {

@@ -1,10 +1,12 @@
 #include "archives/CVP7ZipArchive.h"
 
 #include "archives/CVToolPaths.h"
+#include "archives/CVToolRules.h"
 #include "archives/shell_line.h"
 #include "util/LXChildProcess.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -109,22 +111,30 @@ void CVP7ZipArchive::actualCreateCommand()
         return;
     }
     LX_DEBUG(lcSevenZipTool, "found helper tool %s", qUtf8Printable(tool.value()));
-    runTool(createShellCommand(tool.value()));
+    runTool(tool.value());
     if (status() != Success && !m_isCancelled)
         m_pieces.remove();
 }
 
-void CVP7ZipArchive::runTool(const QString &command)
+void CVP7ZipArchive::runTool(const QString &tool)
 {
     using Kind = LXChildProcess::Chunk::Kind;
     LXChildOptions options;
     options.program = QStringLiteral("/bin/sh");
+    const QString command = createShellCommand(tool);
     options.arguments = {QStringLiteral("-c"), command};
     // The line changes to this folder itself, but would go on in the present one where it cannot.
     if (sourcePath.startsWith(u'/'))
         options.workingFolder = sourcePath;
     if (password)
         options.environment = {{QStringLiteral("CORVANE_PASSWORD"), *password}};
+    options.confinement =
+        CVToolRules::line({tool, QStringLiteral("7za"), QStringLiteral("7zz"), QStringLiteral("7z"),
+                           QStringLiteral("/usr/lib/p7zip"), QStringLiteral("/usr/lib/7zip"),
+                           qEnvironmentVariable("CORVANE_REAL_7ZA", QStringLiteral("7za"))});
+    options.confinement->readable = {QStringLiteral("/")}; // it follows links, out of the folder too
+    options.confinement->writable = {parentPath(destination)};
+    options.confinement->changes = LXConfinementRules::Changes::ByDescriptor;
     auto started = LXChildProcess::start(options);
     if (!started) {
         LX_WARNING(lcSevenZipTool, "error launching create command");

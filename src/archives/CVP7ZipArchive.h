@@ -38,7 +38,7 @@ private:
     void actualCreateCommand();
     /// What the shell is given.
     QString createShellCommand(const QString &tool) const;
-    void runTool(const QString &command);
+    void runTool(const QString &tool);
     /// Takes down why the tool failed: its last words, or how it ended.
     void explainFailure(const QByteArray &complaint, const LXChildProcess::Exit &exit);
 

@@ -1,6 +1,7 @@
 #include "archives/CVTarArchive.h"
 
 #include "archives/CVToolPaths.h"
+#include "archives/CVToolRules.h"
 #include "archives/reading/CVDestination.h"
 #include "archives/reading/CVTreeCheck.h"
 #include "archives/reading/CVWriteLimits.h"
@@ -10,6 +11,7 @@
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
+#include "util/path_parts.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -140,6 +142,11 @@ void CVTarArchive::launch(std::shared_ptr<LXTask> task)
 {
     task->currentDirectoryPath = sourcePath;
     task->environment = {{QStringLiteral("TAR_OPTIONS"), CVTarOutput::tarOptions()}};
+    const QString folder = parentPath(destination);
+    task->confinement =
+        CVToolRules::line({tool("tar"), tool("gzip"), tool("bzip2"), QStringLiteral("compress")});
+    task->confinement->readable += {sourcePath, folder};
+    task->confinement->writable = {folder};
     const std::shared_ptr<LXTaskDelegate> self(shared_from_this(), this);
     const std::lock_guard lock(m_mutex);
     if (m_createCancelled)
@@ -355,8 +362,13 @@ std::optional<QByteArray> CVTarArchive::runTool(QFile &file, qint64 fileSize)
         {QStringLiteral("TAR_OPTIONS"), QStringLiteral("--no-same-owner --no-same-permissions")},
     };
     options.input = LXChildOptions::Stream::Pipe;
-    options.confined = true;
-    options.writableFolders = {extractDestination};
+    options.confinement =
+        CVToolRules::line({tool("tar"), QStringLiteral("gzip"), QStringLiteral("bzip2"), QStringLiteral("xz"),
+                           QStringLiteral("lzma"), QStringLiteral("compress"), QStringLiteral("zstd"),
+                           QStringLiteral("lzip"), QStringLiteral("lzop")});
+    options.confinement->readable += extractDestination;
+    options.confinement->writable = {extractDestination};
+    options.confinement->changes = LXConfinementRules::Changes::ByPath;
     auto started = LXChildProcess::start(options);
     if (!started)
         return "it cannot be run";

@@ -98,6 +98,7 @@ void LXTask::launch(Callbacks callbacks)
     options.arguments = arguments;
     options.workingFolder = currentDirectoryPath;
     options.environment = environment;
+    options.confinement = confinement;
     options.input = LXChildOptions::Stream::Pipe;
     options.error = LXChildOptions::Stream::Merge;
     // The thread that starts the child has to outlive it, so it is the one that reads it.

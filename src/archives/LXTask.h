@@ -1,11 +1,14 @@
 #pragma once
 
+#include "util/LXConfinement.h"
+
 #include <QMap>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 /// A child process to be configured, launched once, talked to, ended and waited for, from any threads.
 /// Its output and error come mixed, in the pieces in which they arrive. A thread of its own starts the
@@ -23,6 +26,7 @@ public:
     QStringList arguments;
     QString currentDirectoryPath;
     QMap<QString, QString> environment; ///< wins over our own
+    std::optional<LXConfinementRules> confinement;
 
     /// Called on the task's thread.
     struct Callbacks

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "util/LXConfinement.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXResult.h"
 
@@ -43,11 +44,9 @@ struct LXChildOptions
     Stream input = Stream::Null;
     Stream output = Stream::Pipe;
     Stream error = Stream::Pipe;
-    /// Where the kernel offers Landlock the child can write, create and remove nothing outside
-    /// writableFolders, make no device, FIFO or socket anywhere, and open no TCP connection. Reading is
-    /// not confined. Where the kernel has no Landlock the child runs without; see confinementLevel().
-    bool confined = false;
-    QStringList writableFolders;
+    /// What the child may do, apart from starting and from what it is handed; nothing: not confined. Where
+    /// the kernel lacks a protection the child runs without it.
+    std::optional<LXConfinementRules> confinement;
     /// Descriptors of ours that the child gets under the same number; all others are closed.
     /// Numbers from 3 on.
     QList<int> inheritedDescriptors;
@@ -57,7 +56,8 @@ struct LXChildOptions
 /// One child process in a session and process group of its own.
 ///
 /// It never outlives us: it ends with the object (the whole group is killed), and the kernel kills it
-/// when the thread that started it ends, so that thread has to live as long as the child.
+/// when the thread that started it ends, so that thread has to live as long as the child. What it starts
+/// itself hangs up with it: it has a terminal of its own for that, whose end the kernel tells to the group.
 /// Thread: one at a time, but requestStop() is for any. Nothing blocks beyond what the child does, and
 /// every wait ends with the stop token.
 class LXChildProcess
@@ -127,9 +127,6 @@ public:
     void interruptRead();
 
     pid_t processId() const;
-
-    /// The version of the kernel's Landlock; 0 when it has none and `confined` is without effect.
-    static int confinementLevel();
 
     static constexpr const char *errorDomain = "LXChildProcess";
 

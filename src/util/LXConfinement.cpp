@@ -69,7 +69,8 @@ LXResult<LXProtection> LXConfinement::confineThisProcess(const LXConfinementRule
     LXConfinement confinement;
     confinement.m_ruleset = LXLandlock::prepared(rules);
     confinement.m_landlock = std::min(LXLandlock::version(), rules.newestLandlock);
-    confinement.m_filter = LXSystemCallFilter::prepared(rules, {.own = ::getpid(), .program = nullptr});
+    confinement.m_filter =
+        LXSystemCallFilter::prepared(rules, {.own = ::getpid(), .isScoped = false, .program = nullptr});
     if (!confinement.m_filter)
         return failure(ENOTSUP);
     LXProtection protection;
@@ -88,8 +89,10 @@ LXResult<LXConfinement> LXConfinement::prepare(LXConfinementRules rules, const c
     result.m_landlock = std::min(LXLandlock::version(), rules.newestLandlock);
     // A program opens its libraries, whatever the rules have for it.
     rules.readable += fileNameFromBytes(program);
-    result.m_filter =
-        LXSystemCallFilter::prepared(rules, {.own = 0, .program = startsOthers ? nullptr : program});
+    result.m_filter = LXSystemCallFilter::prepared(
+        rules, {.own = 0,
+                .isScoped = result.m_ruleset.isOpen() && result.m_landlock >= LXLandlock::scopesSignals,
+                .program = startsOthers ? nullptr : program});
     if (!result.m_filter)
         return failure(ENOTSUP);
     return result;

@@ -14,12 +14,13 @@
 /// already stays usable. Paths stand for a file, or for a folder and all beneath it.
 struct LXConfinementRules
 {
-    QStringList readable;
-    QStringList writable;   ///< make, write, move and remove; no devices, FIFOs or sockets. Not read
-    QStringList executable; ///< programs that it may start and read; what loads or interprets them is added
+    QStringList readable = {};
+    QStringList writable = {}; ///< make, write, move and remove; no devices, FIFOs or sockets. Not read
+    QStringList executable =
+        {}; ///< programs that it may start and read; what loads or interprets them is added
     /// The same for what is open: of ours, for a folder or file, O_PATH is enough.
-    QList<int> readableDescriptors;
-    QList<int> writableDescriptors;
+    QList<int> readableDescriptors = {};
+    QList<int> writableDescriptors = {};
 
     /// Modes, owners, times and attributes of files. Landlock has no word on them.
     enum class Changes {

@@ -19,6 +19,7 @@ struct LXConfinementRules;
 namespace LXLandlock {
 
 constexpr int newestKnown = 7;
+constexpr int scopesSignals = 6;
 
 /// The version that the kernel offers and we know; 0 without Landlock.
 int version();

@@ -113,12 +113,13 @@ private:
     bool m_complete = true;
 };
 
-void refuseOtherProcesses(Refusals &refuse, const LXConfinementRules &rules, pid_t own)
+void refuseOtherProcesses(Refusals &refuse, const LXConfinementRules &rules,
+                          LXSystemCallFilter::Process process)
 {
-    if (own > 0) {
+    if (const pid_t own = process.own; own > 0) {
         refuse.where("kill", SCMP_CMP64(0, SCMP_CMP_NE, static_cast<scmp_datum_t>(own)));
         refuse.where("tgkill", SCMP_CMP64(0, SCMP_CMP_NE, static_cast<scmp_datum_t>(own)));
-    } else {
+    } else if (!rules.mayFork || !process.isScoped) {
         refuse.all(Names{"kill", "tgkill"}, EPERM);
     }
     // A descriptor that is ready can be told to signal somebody, by any signal.
@@ -234,7 +235,7 @@ std::optional<LXSystemCallFilter> LXSystemCallFilter::prepared(const LXConfineme
     refuse.all(never, EPERM);
     refuse.all(Names{"io_uring_setup", "io_uring_enter", "io_uring_register"}, ENOSYS);
     refuse.where("personality", SCMP_CMP64(0, SCMP_CMP_NE, 0xffffffffU)); // asking is allowed
-    refuseOtherProcesses(refuse, rules, process.own);
+    refuseOtherProcesses(refuse, rules, process);
     refuseProcesses(refuse, rules, process.program);
     refuseFiles(refuse, rules);
     if (!rules.mayUseSockets) {

@@ -22,7 +22,8 @@ public:
     /// Whose signals to itself pass, and which program may still be started.
     struct Process
     {
-        pid_t own = 0;                 ///< 0: not known yet; then it can signal nobody
+        pid_t own = 0;                 ///< 0: not known yet
+        bool isScoped = false;         ///< Landlock keeps its signals to those that it started
         const char *program = nullptr; ///< the address of the path with which execve is called once
     };
 

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <thread>
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 using Kind = LXChildProcess::Chunk::Kind;
@@ -75,6 +76,8 @@ private Q_SLOTS:
     void passwordThroughATerminal();
     void confinedChildWritesOnlyWhereAllowed();
     void limitsHold();
+    void whatItStartedEndsWithUs_data();
+    void whatItStartedEndsWithUs();
     void destructorLeavesNothing();
 };
 
@@ -272,7 +275,7 @@ void TestChildProcess::passwordThroughATerminal()
 
 void TestChildProcess::confinedChildWritesOnlyWhereAllowed()
 {
-    if (LXChildProcess::confinementLevel() == 0)
+    if (LXConfinement::available().landlock == 0)
         QSKIP("the kernel has no Landlock");
     QTemporaryDir allowed;
     QTemporaryDir other;
@@ -285,8 +288,9 @@ void TestChildProcess::confinedChildWritesOnlyWhereAllowed()
                                                   "\"$O/existing\"; mkdir \"$O/dir\"; echo x > out/new; "
                                                   "mv d/file \"$O/moved\"; mkfifo fifo; true"));
     options.environment = {{QStringLiteral("A"), allowed.path()}, {QStringLiteral("O"), other.path()}};
-    options.confined = true;
-    options.writableFolders = {allowed.path()};
+    options.confinement = LXConfinementRules{
+        .readable = {QStringLiteral("/")}, .writable = {allowed.path()}, .executable = {QStringLiteral("/")}};
+    options.confinement->mayFork = true;
     auto child = LXChildProcess::start(options);
     QVERIFY(child);
     const Collected got = collect(*child.value());
@@ -309,6 +313,41 @@ void TestChildProcess::limitsHold()
     auto child = LXChildProcess::start(options);
     QVERIFY(child);
     QCOMPARE(collect(*child.value()).output, QByteArray("4096\n524288\n77\n"));
+}
+
+void TestChildProcess::whatItStartedEndsWithUs_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("line of the shell") << "sh -c 'echo $$; exec sleep 60' | (cat; echo; sleep 60)";
+    QTest::newRow("in the background") << "sleep 60 & echo $!; wait";
+    QTest::newRow("of a grandchild") << "sh -c 'sleep 60 & echo $!; wait'; true";
+    QTest::newRow("one that ignores its input's end") << "sh -c 'sleep 60 & echo $!; wait' | cat";
+}
+
+// Killed as nobody can prepare for.
+void TestChildProcess::whatItStartedEndsWithUs()
+{
+    QFETCH(QString, command);
+    int ends[2];
+    QVERIFY(::pipe(ends) == 0);
+    const LXFileDescriptor told(ends[0]);
+    const pid_t program = ::fork();
+    if (program == 0) {
+        auto child = LXChildProcess::start(shell(command));
+        const QByteArray line = child ? child.value()->read().data : QByteArray("0\n");
+        [[maybe_unused]] const auto n =
+            ::write(ends[1], line.constData(), static_cast<std::size_t>(line.size()));
+        while (true)
+            ::pause();
+    }
+    ::close(ends[1]);
+    char line[32] = {};
+    QVERIFY(::read(told.get(), line, sizeof line - 1) > 0);
+    const pid_t grandchild = QByteArray(line).split('\n').first().toInt();
+    QVERIFY(grandchild > 0 && isAlive(grandchild));
+    ::kill(program, SIGKILL);
+    ::waitpid(program, nullptr, 0);
+    QTRY_VERIFY(!isAlive(grandchild));
 }
 
 void TestChildProcess::destructorLeavesNothing()

@@ -1,6 +1,7 @@
 #include "archives/reading/CVUnarEngine.h"
 
 #include "archives/CVToolPaths.h"
+#include "archives/CVToolRules.h"
 #include "archives/reading/CVCabChecksum.h"
 #include "archives/reading/CVLhaHeaders.h"
 #include "archives/reading/CVLsarListing.h"
@@ -306,6 +307,14 @@ private:
     QByteArray onlyFileIn(const QString &folder) const;
 
     CVEngineHost &m_host;
+    LXConfinementRules confinement() const
+    {
+        LXConfinementRules rules = CVToolRules::single();
+        rules.readable += m_readable;
+        return rules;
+    }
+
+    QStringList m_readable; ///< the archive with its volumes
     QTemporaryDir m_inputFolder;
     QString m_input; ///< the link to the archive in that folder
     QString m_password;
@@ -369,7 +378,7 @@ Listing CVUnarEngine::list(const QString &encoding, const std::optional<QString>
     options.arguments << m_input;
     options.workingFolder = m_inputFolder.path();
     options.environment.insert(QStringLiteral("HOME"), m_inputFolder.path());
-    options.confined = true;
+    options.confinement = confinement();
     options.limits.addressSpaceBytes = addressSpaceBytes;
     if (password && writing.isOpen()) {
         const QByteArray bytes = password->toUtf8();
@@ -490,9 +499,11 @@ CVEngineDescriptor::OpenOutcome CVUnarEngine::prepare(const CVArchiveProbe &prob
     m_archivePath = file.absoluteFilePath();
     if (!m_inputFolder.isValid())
         return {nullptr, XADErrorCode::NotSupported, m_inputFolder.errorString()};
+    m_readable = {m_inputFolder.path()};
     const QStringList names = volumeNames(file);
     for (const QString &name : names) {
         const QString original = file.absoluteDir().absoluteFilePath(name);
+        m_readable << original;
         QFile::link(original, m_inputFolder.filePath(name));
         if (names.size() > 1)
             m_volumes << original;
@@ -779,8 +790,13 @@ void CVUnarEngine::run(const std::vector<int> &wanted, bool single)
     options.workingFolder = run.folder;
     options.environment = {{QStringLiteral("HOME"), m_inputFolder.path()}};
     options.input = options.output = LXChildOptions::Stream::Terminal;
-    options.confined = true;
-    options.writableFolders = {run.folder};
+    options.confinement = confinement();
+    // The password is typed at its own terminal.
+    options.confinement->readable += {run.folder, QStringLiteral("/dev/tty")};
+    options.confinement->writable = {run.folder, QStringLiteral("/dev/tty")};
+    // It sets modes and times by path, for which the kernel has no bound but the person's own rights:
+    // somebody who takes it over could change those of other files, though neither read nor write them.
+    options.confinement->changes = LXConfinementRules::Changes::ByPath;
     options.limits.addressSpaceBytes = addressSpaceBytes;
     options.limits.fileSizeBytes = std::max<qint64>(largest, blockBytes);
 

@@ -1,6 +1,7 @@
 #include "jobs/media/CVMediaChild.h"
 
 #include "archives/CVToolPaths.h"
+#include "archives/CVToolRules.h"
 #include "jobs/media/media_line.h"
 
 #include <csignal>
@@ -58,8 +59,10 @@ LXResult<std::unique_ptr<CVMediaChild>> CVMediaChild::start(const Settings &sett
     };
     options.input = LXChildOptions::Stream::Pipe;
     options.error = LXChildOptions::Stream::Null;
-    options.confined = true;
-    options.writableFolders = {folder};
+    options.confinement = CVToolRules::single();
+    options.confinement->readable += folder;
+    options.confinement->writable = {folder};
+    options.confinement->changes = LXConfinementRules::Changes::ByDescriptor;
     options.limits.addressSpaceBytes = isSanitized() ? 0 : addressSpace;
     options.limits.fileSizeBytes = largestFile;
     auto process = LXChildProcess::start(options);

@@ -621,7 +621,8 @@ void TestUnarEngine::stopEndsExtraction()
 /// real ones are gone too soon to look. They list one encrypted entry and take the password at the prompt.
 void TestUnarEngine::passwordIsNowhereToBeRead()
 {
-    // Confined children cannot write here, so the doubles print it as the entry's name and contents.
+    // Confined children cannot write here, so the doubles print it as the entry's name and contents; nor can
+    // they start programs, so the shell has to do alone.
     installDouble("CORVANE_TOOL_LSAR",
                   "printf '{\\n  \"lsarContents\": [\\n    {\\n      \"XADFileName\": \"a\",\\n      "
                   "\"XADIndex\": 0,\\n"
@@ -630,7 +631,8 @@ void TestUnarEngine::passwordIsNowhereToBeRead()
         "CORVANE_TOOL_UNAR",
         "printf 'x: Double\\n  a  (1 B)... This archive requires a password to unpack.\\n'\n"
         "printf 'Password (will not be shown): '\nread -r word < /dev/tty\n"
-        "{ tr '\\0' '\\n' < /proc/$$/cmdline; env; echo \"typed=$word\"; } > a\nprintf '\\nOK.\\n'\n");
+        "read -r line < /proc/$$/cmdline\n{ echo \"$line\"; export -p; echo \"typed=$word\"; } > a\n"
+        "printf '\\nOK.\\n'\n");
     writeFile(path("made.lzh"), lha({lhaEntry("a", "one")}));
     m_host.answer = QStringLiteral("top secret");
     const auto engine = openEngine(path("made.lzh"));
