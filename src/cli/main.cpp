@@ -7,6 +7,7 @@
 #include "cli/CVTerminalPasswords.h"
 #include "cli/CVTerminalSignals.h"
 #include "engine/model/CVOperationQueue.h"
+#include "engine/model/CVSettings.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 
@@ -234,6 +235,11 @@ int main(int argc, char **argv)
             return 3;
         }
         password = read.value();
+    }
+    if (const auto problem = CVSettings::problem()) {
+        terminal.message(problem->description);
+        terminal.detail(problem->reason);
+        terminal.detail(problem->suggestion);
     }
     CVTerminalPasswords passwords(terminal, std::move(password));
     const int status = arguments.command == CVTerminalArguments::Command::List

@@ -1,9 +1,12 @@
 #include "platform/LXSettingsStore.h"
 
+#include "util/LXBackground.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXLog.h"
+#include "util/LXMainThread.h"
 #include "util/write_all.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -17,12 +20,14 @@
 #include <QStandardPaths>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -42,14 +47,38 @@ constexpr auto section = "[General]"_L1;
 constexpr auto bytesMember = "base64"_L1;
 /// Another process holds the lock only while it writes one small file, unless it was stopped there.
 constexpr auto longestWaitForLock = std::chrono::seconds(5);
+/// How often the file is looked at for the main thread.
+constexpr auto lookPeriod = std::chrono::milliseconds(200);
+constexpr qsizetype readBlockBytes = 1 << 16;
+/// Far beyond any list of ours.
+constexpr qsizetype mostBytes = 64 << 20;
+
+QString systemText(const QString &path, int code)
+{
+    return path + ": "_L1 + QString::fromLocal8Bit(std::strerror(code));
+}
 
 LXError systemError(const QString &path, int code)
 {
     return LXError{.domain = u"NSPOSIXErrorDomain"_s,
                    .code = code,
                    .description = u"The settings could not be saved."_s,
-                   .reason = path + ": "_L1 + QString::fromLocal8Bit(std::strerror(code)),
+                   .reason = systemText(path, code),
                    .suggestion = {}};
+}
+
+LXError readError(const QString &path, int code)
+{
+    return LXError{
+        .domain = u"NSPOSIXErrorDomain"_s,
+        .code = code,
+        .description = QCoreApplication::translate("LXSettingsStore", "Your settings could not be read."),
+        .reason = code == EBADMSG
+                      ? QCoreApplication::translate("LXSettingsStore", "%1 is cut off or damaged.").arg(path)
+                      : systemText(path, code),
+        .suggestion = QCoreApplication::translate(
+            "LXSettingsStore", "The file stays as it is: what you change now is forgotten at the end. "
+                               "Repair the file, or move it away to begin with new settings.")};
 }
 
 QJsonValue toJson(const QVariant &value)
@@ -102,15 +131,51 @@ QVariant fromJson(const QJsonValue &json)
     }
 }
 
-// One line: key = JSON value. JSON keeps every kind of value apart and every text on its line.
-QByteArray serialised(const Values &values)
+QString keyOfLine(const QByteArray &line)
 {
-    QByteArray text = section.latin1() + QByteArray("\n");
-    for (auto it = values.begin(); it != values.end(); ++it) {
-        const QByteArray array = QJsonDocument(QJsonArray{toJson(it.value())}).toJson(QJsonDocument::Compact);
-        text += it.key().toUtf8() + " = " + array.sliced(1, array.size() - 2) + '\n';
+    const qsizetype equals = line.indexOf('=');
+    if (equals <= 0 || line.startsWith('#') || line.startsWith(';') || line.startsWith('['))
+        return {};
+    return QString::fromUtf8(line.first(equals).trimmed());
+}
+
+// One line: key = JSON value. JSON keeps every kind of value apart and every text on its line.
+QByteArray lineOf(const QString &key, const QVariant &value)
+{
+    const QByteArray array = QJsonDocument(QJsonArray{toJson(value)}).toJson(QJsonDocument::Compact);
+    return key.toUtf8() + " = " + array.sliced(1, array.size() - 2);
+}
+
+// What `text` becomes when `before`, which it holds, changes to `after`. All that is not ours to change stays
+// as it is: comments, what a later version wrote, what nobody understands.
+QByteArray changedText(const QByteArray &text, const Values &before, const Values &after)
+{
+    QByteArrayList lines;
+    QSet<QString> kept;
+    if (!text.isEmpty()) {
+        lines = text.split('\n');
+        if (lines.last().isEmpty())
+            lines.removeLast();
+        // Of a key that stands there several times the last line counts, so that one is looked at first.
+        for (qsizetype i = lines.size() - 1; i >= 0; --i) {
+            const QString key = keyOfLine(lines[i]);
+            if (key.isEmpty())
+                continue;
+            const auto now = after.constFind(key);
+            if (now == after.cend() || kept.contains(key))
+                lines.removeAt(i);
+            else if (*now != before.value(key))
+                lines[i] = lineOf(key, *now);
+            kept.insert(key);
+        }
+    } else {
+        lines.append(QByteArray(section.latin1()));
     }
-    return text;
+    for (auto it = after.begin(); it != after.end(); ++it) {
+        if (!kept.contains(it.key()))
+            lines.append(lineOf(it.key(), it.value()));
+    }
+    return lines.join('\n') + '\n';
 }
 
 // Lenient: the file is edited by hand at times, and one bad line must not cost the others.
@@ -118,16 +183,63 @@ Values parsed(const QByteArray &text)
 {
     Values values;
     for (const QByteArray &line : text.split('\n')) {
-        const qsizetype equals = line.indexOf('=');
-        if (equals <= 0 || line.startsWith('#') || line.startsWith(';') || line.startsWith('['))
+        const QString key = keyOfLine(line);
+        if (key.isEmpty())
             continue;
-        const QString key = QString::fromUtf8(line.first(equals).trimmed());
-        const QByteArray written = line.sliced(equals + 1).trimmed();
+        const QByteArray written = line.sliced(line.indexOf('=') + 1).trimmed();
         const QJsonArray array = QJsonDocument::fromJson('[' + written + ']').array();
         values.insert(key,
                       array.size() == 1 ? fromJson(array.first()) : QVariant(QString::fromUtf8(written)));
     }
     return values;
+}
+
+// Whether this is the beginning of a file only, or holds what a crash of the system leaves in place of data.
+// People leave out the last end of a line too, but not the end of a value that they have begun.
+bool isDamaged(const QByteArray &text)
+{
+    if (text.contains('\0'))
+        return true;
+    const QByteArray last = text.sliced(text.lastIndexOf('\n') + 1);
+    if (last.isEmpty() || last.startsWith('#') || last.startsWith(';') || last.startsWith('['))
+        return false;
+    const QByteArray value = last.sliced(last.indexOf('=') + 1).trimmed();
+    return !last.contains('=') || value.isEmpty() ||
+           (QByteArrayView("[{\"").contains(value.front()) &&
+            QJsonDocument::fromJson('[' + value + ']').isNull());
+}
+
+/// All of a plain file. 0 or an errno; never waits for what is none.
+int readWhole(const QByteArray &path, QByteArray &text, struct stat &facts)
+{
+    const LXFileDescriptor file(::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.isOpen()) {
+        if (errno != ENOENT)
+            return errno;
+        // A link whose target is gone is not "no settings": they may lie on a disk that is not there just
+        // now.
+        struct stat link = {};
+        return ::lstat(path.constData(), &link) == 0 ? EIO : ENOENT;
+    }
+    if (::fstat(file.get(), &facts) != 0)
+        return errno;
+    if (!S_ISREG(facts.st_mode))
+        return S_ISDIR(facts.st_mode) ? EISDIR : EINVAL;
+    text.clear();
+    QByteArray block(readBlockBytes, Qt::Uninitialized);
+    for (;;) {
+        const ssize_t got = ::read(file.get(), block.data(), static_cast<std::size_t>(block.size()));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return errno;
+        if (got == 0)
+            break;
+        text.append(block.constData(), got);
+        if (text.size() > mostBytes)
+            return EFBIG;
+    }
+    return isDamaged(text) ? EBADMSG : 0;
 }
 
 /// Which file the values were read from. A replaced file has another inode or time.
@@ -164,10 +276,19 @@ struct LXSettingsStore::Private
     std::mutex writing; // one change of the file at a time in this process; taken before `mutex`
     std::mutex mutex;   // guards everything below; not held while the disk is waited for
     QVariantHash defaults;
+    QHash<QString, Check> checks;
     QVariantHash overrides;
-    Values stored;  // what the file held when it was last read
-    Values unsaved; // changes that could not be written; an invalid value removes
+    std::uint64_t generation = 0; // grows with each change of what follows
+    QByteArray text;              // what the file held when it was last read
+    Values stored;                // the values in it
+    Values unsaved;               // changes that could not be written; an invalid value removes
     Stamp stamp;
+    int unreadable = 0; // why the last reading failed; nothing is written then
+    bool hasLooked = false;
+    bool hasWarned = false;
+    bool isSaveDue = false;
+    std::atomic<bool> sparesMainThread = false;
+    std::chrono::steady_clock::time_point lastLook;
     std::map<int, Watch> watches;
     int nextWatch = 1;
 
@@ -184,15 +305,22 @@ struct LXSettingsStore::Private
             return *found;
         if (const auto found = unsaved.constFind(key); found != unsaved.cend())
             return found->isValid() ? *found : defaults.value(key);
-        if (const auto found = stored.constFind(key); found != stored.cend())
+        if (const auto found = stored.constFind(key); found != stored.cend() && isRight(key, *found))
             return *found;
         return defaults.value(key);
+    }
+
+    bool isRight(const QString &key, const QVariant &value) const
+    {
+        const auto check = checks.constFind(key);
+        return check == checks.cend() || (*check)(value);
     }
 
     /// Keys whose value differs from what was known.
     QSet<QString> replaceStored(Values values)
     {
         QSet<QString> changed;
+        ++generation;
         if (watches.empty()) {
             stored = std::move(values);
             return changed;
@@ -210,23 +338,37 @@ struct LXSettingsStore::Private
 
     enum class Reread { IfReplaced, Always };
 
-    QSet<QString> reread(Reread when = Reread::IfReplaced)
+    /// With `held`, which is let go while the disk is asked. What cannot be read leaves all that was known.
+    QSet<QString> reread(std::unique_lock<std::mutex> &held, Reread when = Reread::IfReplaced)
     {
-        struct stat facts;
         const QByteArray path = QFile::encodeName(filePath);
-        if (::stat(path.constData(), &facts) != 0) {
-            if (stamp == Stamp())
+        struct stat facts = {};
+        QByteArray read;
+        int failure = 0;
+        std::uint64_t before = 0;
+        do {
+            before = generation;
+            const Stamp known = stamp;
+            held.unlock();
+            const bool isSame = when == Reread::IfReplaced && ::stat(path.constData(), &facts) == 0 &&
+                                stampOf(facts) == known;
+            if (!isSame)
+                failure = readWhole(path, read, facts);
+            held.lock();
+            if (isSame)
                 return {};
-            stamp = {};
-            return replaceStored({});
-        }
-        if (when == Reread::IfReplaced && stampOf(facts) == stamp)
+        } while (before != generation); // another thread has read or written something newer
+        hasLooked = true;
+        unreadable = failure == ENOENT ? 0 : failure;
+        if (failure == ENOENT)
+            read.clear();
+        else if (failure != 0 && failure != EBADMSG)
             return {};
-        QFile file(filePath);
-        if (!file.open(QIODevice::ReadOnly) || ::fstat(file.handle(), &facts) != 0)
+        stamp = failure == ENOENT ? Stamp() : stampOf(facts);
+        if (read == text || (failure == EBADMSG && !stored.isEmpty()))
             return {};
-        stamp = stampOf(facts);
-        return replaceStored(parsed(file.readAll()));
+        text = std::move(read);
+        return replaceStored(parsed(text));
     }
 
     int lock(LXFileDescriptor &lockFile) const
@@ -254,7 +396,7 @@ struct LXSettingsStore::Private
 
     /// Replaces the file. It is not forced to the disk: the list of work directories changes twice an
     /// archive, and what a crash of the whole machine costs here is the last choices.
-    int write(const Values &values, Stamp &written) const
+    int write(const QByteArray &contents, Stamp &written) const
     {
         const QByteArray target = realPath();
         // One name is enough under the lock, and a killed process leaves one file at most.
@@ -265,7 +407,7 @@ struct LXSettingsStore::Private
             return errno;
         struct stat facts = {};
         int failure = 0;
-        if (!writeAll(file.get(), serialised(values)) || ::fstat(file.get(), &facts) != 0)
+        if (!writeAll(file.get(), contents) || ::fstat(file.get(), &facts) != 0)
             failure = errno;
         if (!file.reset() && failure == 0)
             failure = errno;
@@ -291,22 +433,31 @@ struct LXSettingsStore::Private
         if (refused != 0)
             return refused;
         // Two replacements within one tick of the clock may look like none, so the stamp is not enough.
-        changed |= reread(Reread::Always);
+        changed |= reread(held, Reread::Always);
+        if (unreadable != 0)
+            return unreadable;
         Values values = stored;
-        for (auto it = unsaved.cbegin(); it != unsaved.cend(); ++it)
+        const Values saved = unsaved; // more may come while the file is written
+        for (auto it = saved.cbegin(); it != saved.cend(); ++it)
             put(values, it.key(), it.value());
         change(values);
         if (values != stored) {
             Stamp written;
+            QByteArray contents = changedText(text, stored, values);
             held.unlock();
-            const int failure = write(values, written);
+            const int failure = write(contents, written);
             held.lock();
             if (failure != 0)
                 return failure;
             stamp = written;
+            text = std::move(contents);
         }
-        unsaved.clear();
+        for (auto it = saved.cbegin(); it != saved.cend(); ++it) {
+            if (const auto now = unsaved.constFind(it.key()); now != unsaved.cend() && *now == it.value())
+                unsaved.erase(now);
+        }
         changed |= replaceStored(std::move(values));
+        hasWarned = false;
         return 0;
     }
 
@@ -316,6 +467,64 @@ struct LXSettingsStore::Private
             values.insert(key, value);
         else
             values.remove(key);
+    }
+
+    bool isMainThreadSpared() const { return sparesMainThread && LXMainThread::isCurrent(); }
+
+    /// Whether the file was replaced. Where the main thread does not wait for it, another one looks.
+    QSet<QString> look(std::unique_lock<std::mutex> &held, const std::shared_ptr<Private> &self)
+    {
+        if (!isMainThreadSpared() || !hasLooked)
+            return reread(held);
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastLook < lookPeriod)
+            return {};
+        lastLook = now;
+        runInBackground([self] {
+            std::unique_lock guard(self->mutex);
+            const QSet<QString> changed = self->reread(guard);
+            guard.unlock();
+            self->tell(changed);
+        });
+        return {};
+    }
+
+    /// With `mutex` held. One writing takes all that has come until it begins.
+    void saveLater(const std::shared_ptr<Private> &self)
+    {
+        if (std::exchange(isSaveDue, true))
+            return;
+        runInBackground([self] {
+            {
+                const std::lock_guard guard(self->mutex);
+                self->isSaveDue = false;
+            }
+            if (const int failure = self->saveNow()) {
+                const std::lock_guard guard(self->mutex);
+                self->warn(failure);
+            }
+        });
+    }
+
+    int saveNow()
+    {
+        QSet<QString> changed;
+        int failure = 0;
+        {
+            const std::lock_guard one(writing);
+            std::unique_lock guard(mutex);
+            if (!unsaved.isEmpty())
+                failure = store([](Values &) {}, changed, guard);
+        }
+        tell(changed);
+        return failure;
+    }
+
+    /// Once, until it works again: there may be a hundred changes.
+    void warn(int failure)
+    {
+        if (!std::exchange(hasWarned, true))
+            LX_WARNING(lcSettings, "the settings could not be saved: %s", std::strerror(failure));
     }
 
     void tell(const QSet<QString> &changed)
@@ -336,7 +545,7 @@ struct LXSettingsStore::Private
 };
 
 LXSettingsStore::LXSettingsStore(const QString &filePath)
-    : d(std::make_unique<Private>(filePath))
+    : d(std::make_shared<Private>(filePath))
 {}
 
 LXSettingsStore::~LXSettingsStore() = default;
@@ -353,13 +562,30 @@ void LXSettingsStore::registerDefaults(const QVariantHash &defaults)
     d->defaults.insert(defaults);
 }
 
+void LXSettingsStore::registerChecks(const QHash<QString, Check> &checks)
+{
+    const std::lock_guard guard(d->mutex);
+    d->checks.insert(checks);
+}
+
+QStringList LXSettingsStore::wrongValues() const
+{
+    const std::lock_guard guard(d->mutex);
+    QStringList keys;
+    for (auto it = d->stored.cbegin(); it != d->stored.cend(); ++it) {
+        if (!d->isRight(it.key(), it.value()))
+            keys.append(it.key());
+    }
+    return keys;
+}
+
 QVariant LXSettingsStore::value(const QString &key) const
 {
     QSet<QString> changed;
     QVariant found;
     {
-        const std::lock_guard guard(d->mutex);
-        changed = d->reread();
+        std::unique_lock guard(d->mutex);
+        changed = d->look(guard, d);
         found = d->lookUp(key);
     }
     d->tell(changed);
@@ -401,8 +627,8 @@ bool LXSettingsStore::isStored(const QString &key) const
     QSet<QString> changed;
     bool found = false;
     {
-        const std::lock_guard guard(d->mutex);
-        changed = d->reread();
+        std::unique_lock guard(d->mutex);
+        changed = d->look(guard, d);
         const auto unsaved = d->unsaved.constFind(key);
         found = unsaved != d->unsaved.cend() ? unsaved->isValid() : d->stored.contains(key);
     }
@@ -413,15 +639,19 @@ bool LXSettingsStore::isStored(const QString &key) const
 void LXSettingsStore::setValue(const QString &key, const QVariant &value)
 {
     QSet<QString> changed;
+    const bool waits = !d->isMainThreadSpared();
     {
-        const std::lock_guard one(d->writing);
+        const auto one = waits ? std::unique_lock(d->writing) : std::unique_lock<std::mutex>();
         std::unique_lock guard(d->mutex);
         const QVariant before = d->lookUp(key);
         if (d->overrides.contains(key)) {
             d->overrides.insert(key, value);
+        } else if (!waits) {
+            d->unsaved.insert(key, value);
+            d->saveLater(d);
         } else if (const int failure =
                        d->store([&](Values &values) { Private::put(values, key, value); }, changed, guard)) {
-            LX_WARNING(lcSettings, "could not save %s: %s", qUtf8Printable(key), std::strerror(failure));
+            d->warn(failure);
             d->unsaved.insert(key, value);
         }
         if (d->lookUp(key) != before)
@@ -473,20 +703,33 @@ void LXSettingsStore::setOverride(const QString &key, const QVariant &value)
     d->tell({key});
 }
 
-LXResult<void> LXSettingsStore::flush()
+std::optional<LXError> LXSettingsStore::readProblem() const
 {
     QSet<QString> changed;
     int failure = 0;
     {
-        const std::lock_guard one(d->writing);
         std::unique_lock guard(d->mutex);
-        if (!d->unsaved.isEmpty())
-            failure = d->store([](Values &) {}, changed, guard);
+        changed = d->look(guard, d);
+        failure = d->unreadable;
     }
     d->tell(changed);
+    if (failure == 0)
+        return std::nullopt;
+    return readError(d->filePath, failure);
+}
+
+LXResult<void> LXSettingsStore::flush()
+{
+    const int failure = d->saveNow();
     if (failure != 0)
         return systemError(d->filePath, failure);
     return {};
+}
+
+void LXSettingsStore::spareMainThread()
+{
+    const std::lock_guard guard(d->mutex);
+    d->sparesMainThread = true;
 }
 
 int LXSettingsStore::observe(const QString &key, Observer observer)
@@ -494,8 +737,8 @@ int LXSettingsStore::observe(const QString &key, Observer observer)
     QSet<QString> changed;
     int id = 0;
     {
-        const std::lock_guard guard(d->mutex);
-        changed = d->reread(); // so that the first change told to the new one comes after this call
+        std::unique_lock guard(d->mutex);
+        changed = d->look(guard, d); // so that the first change told to the new one comes after this call
         id = d->nextWatch++;
     }
     d->tell(changed);

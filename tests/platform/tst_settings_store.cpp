@@ -1,5 +1,10 @@
 #include "platform/LXSettingsStore.h"
 
+#include "util/LXBackground.h"
+#include "util/LXMainThread.h"
+
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -7,6 +12,8 @@
 
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,10 +34,24 @@ private Q_SLOTS:
     void processesDoNotLoseEachOthersEntries();
     void threadsDoNotLoseEachOthersEntries();
     void handEditedFile();
+    void unreadableFileIsNeverReplaced_data();
+    void unreadableFileIsNeverReplaced();
+    void wrongValuesAreDefaults();
+    void mainThreadIsSpared();
     void folderThatCannotBeWritten();
     void linkedFileStaysLinked();
 
 private:
+    static QByteArray contents(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("no file");
+    }
+    static void write(const QString &path, const QByteArray &text)
+    {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(text) == text.size());
+    }
     QString path() const { return m_dir->filePath(u"config/corvane.conf"_s); }
 
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -194,17 +215,112 @@ void TestSettingsStore::handEditedFile()
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write("# comment\n[General]\nA=2\nB = plain words\nno value\n=x\nC = [\"open\nD = true\n");
     file.close();
-    const LXSettingsStore store(path());
+    LXSettingsStore store(path());
     QCOMPARE(store.integer(u"A"_s), 2);
     QCOMPARE(store.string(u"B"_s), u"plain words"_s);
     QCOMPARE(store.string(u"C"_s), u"[\"open"_s);
     QVERIFY(store.boolean(u"D"_s));
+    // A change is about one line.
+    store.setValue(u"A"_s, 3);
+    store.remove(u"D"_s);
+    store.setValue(u"E"_s, u"new"_s);
+    QCOMPARE(contents(path()),
+             "# comment\n[General]\nA = 3\nB = plain words\nno value\n=x\nC = [\"open\nE = \"new\"\n");
+}
+
+void TestSettingsStore::unreadableFileIsNeverReplaced_data()
+{
+    QTest::addColumn<QByteArray>("written"); // nothing: another thing is in its place
+    QTest::addColumn<QString>("linkedTo");
+    QTest::newRow("folder in its place") << QByteArray() << QString();
+    QTest::newRow("error while reading") << QByteArray() << u"/proc/self/mem"_s;
+    QTest::newRow("device") << QByteArray() << u"/dev/zero"_s;
+    QTest::newRow("linked to a disk that is not there") << QByteArray() << u"/nowhere/corvane.conf"_s;
+    QTest::newRow("half a value") << QByteArray("[General]\nA = 1\nTempDirs = [\"/tmp/x\",\"/t") << QString();
+    QTest::newRow("half a key") << QByteArray("[General]\nA = 1\nTempD") << QString();
+    QTest::newRow("zeros after a crash") << QByteArray("[General]\nA = 1\n\0\0\0\0", 20) << QString();
+}
+
+void TestSettingsStore::unreadableFileIsNeverReplaced()
+{
+    QFETCH(QByteArray, written);
+    QFETCH(QString, linkedTo);
+    QVERIFY(QDir().mkpath(QFileInfo(path()).path()));
+    if (!written.isEmpty())
+        write(path(), written);
+    else if (!linkedTo.isEmpty())
+        QVERIFY(QFile::link(linkedTo, path()));
+    else
+        QVERIFY(QDir().mkpath(path()));
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"could not be saved"_s));
+    LXSettingsStore store(path());
+    QVERIFY(store.readProblem());
+    store.setValue(u"B"_s, 2);
+    store.setValue(u"B"_s, 3);
+    QVERIFY(!store.update(u"C"_s, [](const QVariant &) { return QVariant(4); }));
+    QCOMPARE(store.integer(u"B"_s), 3);
+    QCOMPARE(store.integer(u"C"_s), 4);
+    QVERIFY(!store.flush());
+    if (!written.isEmpty())
+        QCOMPARE(contents(path()), written);
+    else
+        QVERIFY(linkedTo.isEmpty() ? QFileInfo(path()).isDir() : QFileInfo(path()).isSymbolicLink());
+    QVERIFY(!QFile::exists(path() + u".new"_s));
+
+    // What was changed meanwhile is not lost when it can be read again.
+    QVERIFY(QFile::remove(path()) || QDir().rmdir(path()));
+    write(path(), "A = 9\n");
+    QVERIFY(store.flush());
+    QVERIFY(!store.readProblem());
+    QCOMPARE(contents(path()), "A = 9\nB = 3\nC = 4\n");
+}
+
+void TestSettingsStore::wrongValuesAreDefaults()
+{
+    QVERIFY(QDir().mkpath(QFileInfo(path()).path()));
+    write(path(), "Level = -3\nOther = -3\n");
+    LXSettingsStore store(path());
+    store.registerDefaults({{u"Level"_s, 5}});
+    store.registerChecks({{u"Level"_s, [](const QVariant &stored) { return stored.toInt() >= 0; }}});
+    QCOMPARE(store.integer(u"Level"_s), 5);
+    QCOMPARE(store.integer(u"Other"_s), -3);
+    QCOMPARE(store.wrongValues(), QStringList{u"Level"_s});
+    store.setValue(u"Level"_s, 7);
+    QCOMPARE(store.integer(u"Level"_s), 7);
+    QCOMPARE(store.wrongValues(), QStringList());
+}
+
+void TestSettingsStore::mainThreadIsSpared()
+{
+    LXMainThread::install();
+    LXSettingsStore store(path());
+    store.spareMainThread();
+    QCOMPARE(store.integer(u"A"_s), 0);
+    // Who holds the lock of the file keeps a writer waiting for seconds.
+    const int lockFile = [this] {
+        (void)QDir().mkpath(QFileInfo(path()).path());
+        return ::open(QFile::encodeName(path() + u".lock"_s).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    }();
+    QVERIFY(lockFile >= 0 && ::flock(lockFile, LOCK_EX) == 0);
+    QElapsedTimer timer;
+    timer.start();
+    for (int i = 1; i <= 1000; ++i)
+        store.setValue(u"A"_s, i);
+    QCOMPARE(store.integer(u"A"_s), 1000);
+    QVERIFY2(timer.elapsed() < 1000, qPrintable(QString::number(timer.elapsed())));
+    ::close(lockFile);
+    QVERIFY(store.flush());
+    QCOMPARE(LXSettingsStore(path()).integer(u"A"_s), 1000);
+    // What others change is seen all the same.
+    LXSettingsStore(path()).setValue(u"A"_s, 7);
+    QTRY_COMPARE(store.integer(u"A"_s), 7);
+    waitForBackground();
 }
 
 void TestSettingsStore::folderThatCannotBeWritten()
 {
     LXSettingsStore store(u"/proc/nowhere/corvane.conf"_s);
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"could not save A"_s));
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"could not be saved"_s));
     store.setValue(u"A"_s, 1);
     QCOMPARE(store.integer(u"A"_s), 1);
     QVERIFY(!store.flush());

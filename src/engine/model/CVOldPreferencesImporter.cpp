@@ -9,6 +9,9 @@ void CVOldPreferencesImporter::importSettingsFromOldVersion() const
     using namespace CVSettingsKey;
     if (CVSettings::integer(lastLaunchedVersion) > 0 || !QFileInfo(m_oldStorePath).isFile())
         return;
+    // Settings that cannot be read now are not settings that were never made.
+    if (CVSettings::store()->readProblem())
+        return;
     const LXSettingsStore old(m_oldStorePath);
     for (const QString &key : {openInPlace, inspectApplicationBundle, ignoreMacSpecificFiles,
                                extractDestination, extractDefaultDestination, sound, createArchiveFormat,

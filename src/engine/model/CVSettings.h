@@ -59,6 +59,9 @@ public:
     /// For tests, and before anything has read a setting. Null brings the person's own store back.
     static void setStore(std::shared_ptr<LXSettingsStore> store);
     static QVariantHash defaults();
+    static QHash<QString, LXSettingsStore::Check> checks();
+    /// For people, to be said once at the start: what of the stored settings is not in force. Reads the disk.
+    static std::optional<LXError> problem();
 
     static QVariant value(const QString &key) { return store()->value(key); }
     static bool boolean(const QString &key) { return store()->boolean(key); }
