@@ -1,6 +1,7 @@
 #include "jobs/CVExtractArchivesOperation.h"
 
 #include "archives/archive_string.h"
+#include "engine/model/CVOpenedEntries.h"
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVSettings.h"
@@ -275,6 +276,11 @@ void CVExtractArchivesOperation::endAsFailed(const LXError &error)
         delegate()->operationFailedWithError(this, error);
 }
 
+bool CVExtractArchivesOperation::destinationSetToAskMe() const
+{
+    return !singleFiles() && CVOperation::destinationSetToAskMe();
+}
+
 LXResult<QString> CVExtractArchivesOperation::makeWorkDirectoryForEntries()
 {
     return CVOperationHelper(stopToken()).createWorkDirectoryInPath(destinationPath(), fileAuthenticator());
@@ -294,7 +300,13 @@ LXResult<CVJobFolders::Choice> CVExtractArchivesOperation::chooseFolders()
     const auto take = [&](const LXResult<QString> &workDirectory) {
         return CVJobFolders::take(*this, workDirectory, destinationPath(), alsoRead, access);
     };
-    if (isOpening || (!singleFiles() && m_keepDestination))
+    if (isOpening) {
+        const auto made = CVOperationHelper::createWorkDirectoryInPath(destinationPath());
+        if (made)
+            CVOpenedEntries::willFill(made.value());
+        return take(made);
+    }
+    if (!singleFiles() && m_keepDestination)
         return take(CVOperationHelper::createWorkDirectoryInPath(destinationPath()));
     if (singleFiles())
         return take(makeWorkDirectoryForEntries());
@@ -367,8 +379,10 @@ CVExtractArchivesOperation::Next CVExtractArchivesOperation::succeeded(CVArchive
     if (whole && !openingSingleFile() && skipped.empty() && !isCancelled())
         decideFate();
     ++m_extracted;
-    if (openingSingleFile())
+    if (openingSingleFile()) {
+        CVOpenedEntries::wereDelivered(m_folders->workDirectory());
         m_folders->keepWorkDirectory();
+    }
     return endStep(m_extracted >= m_total);
 }
 

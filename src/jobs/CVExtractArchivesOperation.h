@@ -60,6 +60,8 @@ public:
     static QStringList sourcePathsByFlatteningSourcePaths(const QStringList &paths);
 
 protected:
+    /// Chosen entries go to the folder that was given with them.
+    bool destinationSetToAskMe() const override;
     /// In destinationPath(), for chosen entries; empty when nobody allowed it.
     virtual LXResult<QString> makeWorkDirectoryForEntries();
 

@@ -78,6 +78,8 @@ CVJobFolders::~CVJobFolders()
 
 LXResult<QString> CVJobFolders::deliver(const QString &item, const QString &name) const
 {
+    if (item == m_workDirectory)
+        CVWorkDirectoryManager::openToOthers(item);
     auto moved = moveToUniqueDestination(item, m_outputDirectory, name);
     if (moved)
         return moved;

@@ -1,4 +1,5 @@
 #include "engine/model/CVDestinationChooser.h"
+#include "engine/model/CVOpenedEntries.h"
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVSettings.h"
@@ -17,6 +18,7 @@
 #include <csignal>
 #include <thread>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -93,6 +95,9 @@ private Q_SLOTS:
     void whatCountsAsOurs();
     void cleanRemovesOnlyWhatIsOurs();
     void cleanLeavesWhatIsInUse();
+    void closedUntilDelivered();
+    void openedEntries_data();
+    void openedEntries();
 
 private:
     QString at(const QString &name) const { return m_dir->filePath(name); }
@@ -145,7 +150,7 @@ void TestDirectories::destinations_data()
     QTest::newRow("asked for") << 1 << u"chosen"_s;
     QTest::newRow("fixed, its links resolved") << 2 << u"fixed"_s;
     QTest::newRow("fixed and not there yet") << 3 << u"later/folder"_s;
-    QTest::newRow("no such option") << 7 << QString();
+    QTest::newRow("no such option, so the default") << 7 << u"in"_s;
 }
 
 void TestDirectories::destinations()
@@ -157,8 +162,6 @@ void TestDirectories::destinations()
     m_chooser->answer = at(u"chosen"_s);
     CVSettings::setValue(CVSettingsKey::extractDestination, setting == 3 ? 2 : setting);
     CVSettings::setValue(CVSettingsKey::extractDefaultDestination, at(setting == 3 ? expected : u"link"_s));
-    if (setting == 7)
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"Invalid extract destination option"_s));
 
     const auto made = onWorker([&] {
         return CVOperationHelper::setupOutputDirectoryForOperation(
@@ -461,6 +464,83 @@ void TestDirectories::cleanLeavesWhatIsInUse()
     QVERIFY(CVWorkDirectoryManager::workDirs().isEmpty());
     ::close(ready[0]);
     ::close(ready[1]);
+}
+
+void TestDirectories::closedUntilDelivered()
+{
+    const mode_t before = ::umask(027);
+    const auto work = CVOperationHelper::createWorkDirectoryInPath(at(QString()));
+    QVERIFY(work);
+    const auto modeOf = [](const QString &path) {
+        struct stat facts = {};
+        return ::stat(QFile::encodeName(path).constData(), &facts) == 0 ? facts.st_mode & 07777 : 0;
+    };
+    QCOMPARE(modeOf(work.value()), 0700U);
+    CVWorkDirectoryManager::openToOthers(work.value());
+    ::umask(before);
+    QCOMPARE(modeOf(work.value()), 0750U);
+    QVERIFY(QDir(work.value()).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
+    CVWorkDirectoryManager::discardWorkDir(work.value());
+}
+
+void TestDirectories::openedEntries_data()
+{
+    QTest::addColumn<bool>("isDelivered");
+    QTest::addColumn<QString>("touched"); // below the folder
+    QTest::addColumn<bool>("stays");
+    QTest::newRow("only looked at") << true << QString() << false;
+    QTest::newRow("never whole") << false << u"sub/f"_s << false;
+    QTest::newRow("changed") << true << u"sub/f"_s << true;
+    QTest::newRow("something added") << true << u"sub/new"_s << true;
+}
+
+void TestDirectories::openedEntries()
+{
+    QFETCH(bool, isDelivered);
+    QFETCH(QString, touched);
+    QFETCH(bool, stays);
+    enum Way { LetGo, AtTheEnd, AfterACrash, Clean };
+    for (const Way way : {LetGo, AtTheEnd, AfterACrash, Clean}) {
+        const QString folder = at(u".corvane-%1"_s.arg(way));
+        const auto fill = [&] {
+            return CVWorkDirectoryManager::makeWorkDir(folder) && CVOpenedEntries::willFill(folder) &&
+                   writeFile(folder + u"/sub/f"_s);
+        };
+        if (way == LetGo || way == AtTheEnd) {
+            QVERIFY(fill());
+        } else if (const pid_t child = ::fork(); child == 0) {
+            ::_exit(fill() ? 0 : 1); // and does not clean up
+        } else {
+            int status = -1;
+            QCOMPARE(::waitpid(child, &status, 0), child);
+            QCOMPARE(status, 0);
+        }
+        if (isDelivered)
+            CVOpenedEntries::wereDelivered(folder);
+        QTest::qWait(20); // the clock of file systems ticks slowly
+        if (!touched.isEmpty())
+            QVERIFY(writeFile(folder + u'/' + touched));
+
+        if (way == LetGo) {
+            QCOMPARE(CVOpenedEntries::letGo(folder), !stays);
+        } else if (way == Clean) {
+            CVWorkDirectoryCleanOperation clean;
+            const auto delegate = std::make_shared<CleanDelegate>();
+            clean.setDelegate(delegate);
+            onWorker([&] {
+                clean.main();
+                return 0;
+            });
+            QCOMPARE(delegate->ends, 1);
+            QCOMPARE(delegate->errors.join(u' ').contains(folder), stays);
+        } else {
+            const QStringList kept =
+                way == AtTheEnd ? CVOpenedEntries::letGoOfAll() : CVOpenedEntries::letGoOfLeftOvers();
+            QCOMPARE(kept, stays ? QStringList{folder} : QStringList());
+        }
+        QCOMPARE(QFile::exists(folder), stays);
+        QCOMPARE(CVWorkDirectoryManager::workDirs(), QStringList());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestDirectories)

@@ -110,7 +110,7 @@ void CVOperation::setFileAuthenticator(std::shared_ptr<LXSandboxFileAuthenticato
     m_fileAuthenticator = std::move(authenticator);
 }
 
-bool CVOperation::destinationSetToAskMe()
+bool CVOperation::destinationSetToAskMe() const
 {
     return CVSettings::integer(CVSettingsKey::extractDestination) ==
            static_cast<int>(CVExtractDestination::AskMe);

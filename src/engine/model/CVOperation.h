@@ -83,7 +83,7 @@ public:
 
     /// The person is asked for the destination each time. Choosing a folder in a panel grants access
     /// to it, so nothing more is asked of the authoriser then.
-    static bool destinationSetToAskMe();
+    virtual bool destinationSetToAskMe() const;
 
     /// Asks for access to the paths; the handler is called once, on this thread or another one.
     void runAuthorizedHandler(const QStringList &paths, AuthorizedHandler handler);

@@ -32,7 +32,7 @@ CVTempDir::CVTempDir(const QString &prefix)
     const QString start = LXDesktopFolders::temporaryFolder() + u'/' + prefix + u'.';
     do {
         const QString path = start + randomEnding();
-        const auto made = CVWorkDirectoryManager::makeWorkDir(path, 0700);
+        const auto made = CVWorkDirectoryManager::makeWorkDir(path);
         m_systemError = made ? 0 : made.error().code;
         if (made)
             m_path = path;

@@ -1,5 +1,6 @@
 #include "engine/model/CVWorkDirectoryCleanOperation.h"
 
+#include "engine/model/CVOpenedEntries.h"
 #include "engine/model/CVOperationDelegate.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVWorkDirectoryManager.h"
@@ -59,6 +60,7 @@ void CVWorkDirectoryCleanOperation::deleteFolders(const QStringList &folders)
     QStringList done;
     QStringList refused;
     QStringList failed;
+    QStringList changed;
     for (qsizetype i = 0; i < folders.size() && !isCancelled(); ++i) {
         const QString &folder = folders.at(i);
         if (!CVWorkDirectoryManager::isWorkDirectoryPath(folder)) {
@@ -68,7 +70,9 @@ void CVWorkDirectoryCleanOperation::deleteFolders(const QStringList &folders)
         } else {
             LXFileDescriptor claim;
             const int verdict = CVWorkDirectoryManager::claimForRemoval(folder, claim);
-            if (verdict == 0) {
+            if (verdict == 0 && CVOpenedEntries::wereChanged(folder)) {
+                changed.append(folder);
+            } else if (verdict == 0) {
                 const auto removed = removeTree(folder, stopToken());
                 if (isCancelled())
                     break; // the rest of it is still there, and so is its entry
@@ -85,6 +89,11 @@ void CVWorkDirectoryCleanOperation::deleteFolders(const QStringList &folders)
                                              static_cast<double>(folders.size()));
     }
     CVWorkDirectoryManager::forget(done);
+    if (!changed.isEmpty()) {
+        delegate()->operationNeedsToShowError(
+            this, CVOperationHelper::errorWithMessage(CVOpenedEntries::titleAboutKept(),
+                                                      CVOpenedEntries::textAboutKept(changed)));
+    }
     if (!refused.isEmpty()) {
         delegate()->operationNeedsToShowError(
             this, CVOperationHelper::errorWithMessage(

@@ -6,6 +6,7 @@
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXRemoveTree.h"
+#include "util/unique_string.h"
 
 #include <QDir>
 
@@ -107,13 +108,13 @@ bool isNamed(QStringView name, QLatin1StringView prefix)
 
 } // namespace
 
-LXResult<void> CVWorkDirectoryManager::makeWorkDir(const QString &path, mode_t mode)
+LXResult<void> CVWorkDirectoryManager::makeWorkDir(const QString &path)
 {
     registerWorkDir(path);
     int failure = 0;
     do {
         // A cleaning in another process may find it before the lock does.
-        failure = makeFolders(bytesOfFileName(path), mode);
+        failure = makeFolders(bytesOfFileName(path), 0700);
     } while (failure == 0 && !lockWorkDir(path));
     if (failure != 0) {
         removeWorkDir(path);
@@ -136,6 +137,25 @@ void CVWorkDirectoryManager::discardWorkDir(const QString &path)
     else
         LX_WARNING(lcWorkDirectories, "error removing work directory %s: %s", qUtf8Printable(path),
                    qUtf8Printable(removed.error().reason));
+    unlockWorkDir(path);
+}
+
+void CVWorkDirectoryManager::openToOthers(const QString &path)
+{
+    const LXFileDescriptor folder = openedDirectory(path);
+    // The umask, inherited lists of rights, an inherited group: only the kernel adds them up right.
+    const QByteArray probe = namePrefix().latin1() + uniqueString().toLatin1();
+    struct stat facts = {};
+    if (!folder.isOpen() || ::mkdirat(folder.get(), probe.constData(), 0777) != 0)
+        return;
+    if (::fstatat(folder.get(), probe.constData(), &facts, AT_SYMLINK_NOFOLLOW) == 0)
+        (void)::fchmod(folder.get(), facts.st_mode & 07777);
+    ::unlinkat(folder.get(), probe.constData(), AT_REMOVEDIR);
+}
+
+void CVWorkDirectoryManager::keepWorkDir(const QString &path)
+{
+    removeWorkDir(path);
     unlockWorkDir(path);
 }
 

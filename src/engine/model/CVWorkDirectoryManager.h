@@ -7,8 +7,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <sys/types.h>
-
 /// Makes and removes the hidden folders that jobs work in, and keeps the list of those that still have to be
 /// removed, in the settings. A folder is listed before it is made and until it is gone, so a process may be
 /// killed at any moment: what it leaves is on the list. Any thread; several processes keep one list.
@@ -18,9 +16,13 @@
 class CVWorkDirectoryManager
 {
 public:
-    /// Lists the directory and makes it, and the folders above it that are missing. The error's code is the
-    /// errno; EEXIST is one. It is then neither listed nor there.
-    static LXResult<void> makeWorkDir(const QString &path, mode_t mode = 0777);
+    /// Lists the directory and makes it, for its owner alone, and the folders above it that are missing. The
+    /// error's code is the errno; EEXIST is one. It is then neither listed nor there.
+    static LXResult<void> makeWorkDir(const QString &path);
+    /// Gives it the access that a new folder has in its place, before it becomes a result itself.
+    static void openToOthers(const QString &path);
+    /// It is the person's from now on: off the list, and in no use.
+    static void keepWorkDir(const QString &path);
     /// Removes it with its contents and takes it off the list; one that is gone already (moved to its final
     /// place) only leaves the list. What cannot be removed is logged and stays listed.
     static void discardWorkDir(const QString &path);

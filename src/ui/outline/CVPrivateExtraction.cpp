@@ -1,14 +1,18 @@
 #include "ui/outline/CVPrivateExtraction.h"
 
+#include "engine/model/CVOpenedEntries.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVWorkDirectoryManager.h"
 #include "platform/LXDesktopFolders.h"
+#include "platform/LXUserNotifications.h"
 #include "util/LXBackground.h"
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
 #include "util/unique_string.h"
 
 #include <QPointer>
+
+#include <cerrno>
 
 namespace {
 
@@ -47,7 +51,11 @@ public:
         if (!m_isMade)
             return;
         // The end of the program waits for it.
-        runInBackground([path = m_path] { CVWorkDirectoryManager::discardWorkDir(path); });
+        runInBackground([path = m_path] {
+            if (!CVOpenedEntries::letGo(path))
+                LXUserNotifications::shared()->post(CVOpenedEntries::titleAboutKept(),
+                                                    CVOpenedEntries::textAboutKept({path}));
+        });
     }
     Folder(const Folder &) = delete;
     Folder &operator=(const Folder &) = delete;
@@ -55,8 +63,12 @@ public:
     /// 0 or an errno. Once, on a worker.
     int make()
     {
-        const auto made = CVWorkDirectoryManager::makeWorkDir(m_path, 0700);
-        m_isMade = static_cast<bool>(made);
+        const auto made = CVWorkDirectoryManager::makeWorkDir(m_path);
+        m_isMade = made && CVOpenedEntries::willFill(m_path);
+        if (made && !m_isMade) {
+            CVWorkDirectoryManager::discardWorkDir(m_path);
+            return EIO;
+        }
         return made ? 0 : made.error().code;
     }
     const QString &path() const { return m_path; }
@@ -115,5 +127,8 @@ void CVPrivateExtraction::finish(const QStringList &delivered)
         return;
     m_isFinished = true;
     m_delivered = delivered;
+    // Held by the task, so that it is not let go before.
+    if (!delivered.isEmpty())
+        runInBackground([folder = m_folder] { CVOpenedEntries::wereDelivered(folder->path()); });
     Q_EMIT finished();
 }

@@ -2,16 +2,19 @@
 
 #include "engine/control/CVOperationController.h"
 #include "engine/model/CVOldPreferencesImporter.h"
+#include "engine/model/CVOpenedEntries.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
 #include "platform/LXDesktopAppearance.h"
+#include "platform/LXUserNotifications.h"
 #include "platform/desktop/LXApplicationBus.h"
 #include "sandbox/CVFileAuthenticator.h"
 #include "ui/base/CVDarkLook.h"
 #include "ui/base/CVFilePanels.h"
 #include "ui/base/CVTheme.h"
 #include "ui/window/CVMainWindow.h"
+#include "util/LXBackground.h"
 #include "util/LXMainThread.h"
 
 #include <QApplication>
@@ -32,12 +35,21 @@ int queueWidth()
         std::clamp<qint64>(CVSettings::integer(CVSettingsKey::numberOfSimultaneousOperations), 1, 1000));
 }
 
+// What was opened from an archive and changed there.
+void tellKept(const QStringList &folders)
+{
+    if (!folders.isEmpty())
+        LXUserNotifications::shared()->post(CVOpenedEntries::titleAboutKept(),
+                                            CVOpenedEntries::textAboutKept(folders));
+}
+
 } // namespace
 
 CVAppController::CVAppController(QObject *parent)
     : QObject(parent)
     , m_queue(std::make_shared<CVOperationQueue>(queueWidth()))
 {
+    CVSettings::store()->spareMainThread();
     // Called on whatever thread changes the setting, perhaps while this object goes.
     m_widthObserver = CVSettings::observe(CVSettingsKey::numberOfSimultaneousOperations,
                                           [weak = std::weak_ptr(m_queue)](const QString &) {
@@ -121,6 +133,15 @@ void CVAppController::finishLaunching()
     m_files.clear();
     m_isLaunchComplete = true;
     main->operationController()->setLaunchComplete();
+    runInBackground([self = QPointer(this)] {
+        const QStringList kept = CVOpenedEntries::letGoOfLeftOvers();
+        const std::optional<LXError> problem = CVSettings::problem();
+        LXMainThread::post([self, kept, problem] {
+            tellKept(kept);
+            if (CVWindowController *window = self && problem ? self->mainWindowController() : nullptr)
+                window->operationController()->tell(*problem);
+        });
+    });
     // Only now: it is written to disk.
     if (m_version > 0 && CVSettings::integer(CVSettingsKey::lastLaunchedVersion) != m_version)
         CVSettings::setValue(CVSettingsKey::lastLaunchedVersion, m_version);
@@ -159,7 +180,10 @@ void CVAppController::terminate()
     m_waitsForJobs = std::thread([queue = m_queue, self = QPointer(this)] {
         // Not on this thread, which the jobs may need to come to their end.
         queue->shutdown();
-        LXMainThread::post([self] {
+        (void)CVSettings::flush();
+        const QStringList kept = CVOpenedEntries::letGoOfAll();
+        LXMainThread::post([self, kept] {
+            tellKept(kept);
             if (self)
                 Q_EMIT self->terminated();
         });
