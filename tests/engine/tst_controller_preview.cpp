@@ -31,8 +31,8 @@ private Q_SLOTS:
     void extractsEntriesTwiceAtOnce_data();
     void extractsEntriesTwiceAtOnce();
     void entriesThatFail();
-    void destinationIsForced_data();
-    void destinationIsForced();
+    void destinationIsTheGivenOne_data();
+    void destinationIsTheGivenOne();
     void namesThatAreNoText_data();
     void namesThatAreNoText();
 };
@@ -161,6 +161,16 @@ void tst_controller_preview::extractsEntries()
     QCOMPARE(delivered, (QStringList{window.at(u"target/b.txt"_s), window.at(u"target/a.txt"_s)}));
     QCOMPARE(window.log.screens(), QStringList()); // the preview stays
     QVERIFY(window.log.all().contains(u"sound"_s));
+
+    // What is only looked at is no news, wherever its folder is.
+    CVSettings::setValue(CVSettingsKey::showInFinderAfterExtract, true);
+    window.log.clear();
+    window.controller->extractFiles(
+        {u"a.txt"_s}, window.at(u"b.zip"_s), window.at(u"target/.look"_s),
+        [&](const QStringList &paths) { delivered = paths; }, CVOperationController::Purpose::Look);
+    QVERIFY(window.idle());
+    QCOMPARE(delivered, QStringList{window.at(u"target/.look/a.txt"_s)});
+    QCOMPARE(window.log.all(), QStringList());
 }
 
 void tst_controller_preview::extractsEntriesTwiceAtOnce_data()
@@ -189,7 +199,7 @@ void tst_controller_preview::extractsEntriesTwiceAtOnce()
         QDir(window.at(QString())).mkpath(target);
         window.controller->extractFiles({u"noise"_s}, window.at(u"c.7z"_s), window.at(target),
                                         [&](const QStringList &paths) { ended += paths.size(); });
-        QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 0);
+        QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 1);
     }
     // And the window turns to other files meanwhile.
     window.controller->controllerHasNewFiles({window.at(u"a.zip"_s)});
@@ -238,7 +248,7 @@ void tst_controller_preview::entriesThatFail()
     QVERIFY(!window.controller->isWorkingOnOperation());
 }
 
-void tst_controller_preview::destinationIsForced_data()
+void tst_controller_preview::destinationIsTheGivenOne_data()
 {
     QTest::addColumn<int>("before");
     QTest::addColumn<int>("chosenMeanwhile");
@@ -247,9 +257,10 @@ void tst_controller_preview::destinationIsForced_data()
     QTest::newRow("folder of the archive") << 0 << -1 << 0;
     QTest::newRow("default folder") << 2 << -1 << 2;
     QTest::newRow("changed in the preferences meanwhile") << 1 << 2 << 2;
+    QTest::newRow("changed to the folder of the archive meanwhile") << 1 << 0 << 0;
 }
 
-void tst_controller_preview::destinationIsForced()
+void tst_controller_preview::destinationIsTheGivenOne()
 {
     QFETCH(int, before);
     QFETCH(int, chosenMeanwhile);
@@ -261,7 +272,8 @@ void tst_controller_preview::destinationIsForced()
     bool ended = false;
     window.controller->extractFiles({u"b.txt"_s}, window.at(u"b.zip"_s), window.at(u"out"_s),
                                     [&](const QStringList &) { ended = true; });
-    QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), 0);
+    // Other windows go by the setting.
+    QCOMPARE(CVSettings::integer(CVSettingsKey::extractDestination), before);
     // Whoever ends the program now finds the setting as it was.
     const LXSettingsStore stored(window.at(u"settings/corvane.conf"_s));
     QCOMPARE(stored.integer(CVSettingsKey::extractDestination), before);

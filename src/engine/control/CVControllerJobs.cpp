@@ -193,7 +193,6 @@ void CVOperationController::Private::tearDown(const Job &job)
     }
     if (prompting == job)
         prompting.reset();
-    job->forcedDestination.reset();
     if (job->ended)
         std::exchange(job->ended, {})(job->delivered);
     // The archives that it was given may have been the last to hold a large tree.
@@ -214,22 +213,26 @@ void CVOperationController::Private::complete(const Job &job, const QStringList 
         return tearDown(job);
     if (paths.isEmpty())
         return completeWithoutFiles(job);
-    if (showInFileViewer)
+    const bool isForOpening =
+        CVOperationFactory::operationExtractedSingleFileForOpening(job->operation.get());
+    if (showInFileViewer && !isForOpening && !job->isForLook) // those are in hidden folders
         LXFileViewer::shared()->reveal({paths.last()});
-    postNotification(tr("Task complete"), *job);
+    if (!job->isForLook)
+        postNotification(tr("Task complete"), *job);
 
     // Where something was left out, that has to be said before the window goes or turns to other things.
     const bool tells = !skipped.empty();
     const bool skipsDoneView = CVSettings::boolean(CVSettingsKey::skipDoneView) && !tells;
     const bool inPlace = std::exchange(job->isInPlace, false);
     if (!job->isForeground) {
-        playCompletionSoundIfActive();
+        if (!job->isForLook)
+            playCompletionSoundIfActive();
         tellSkipped(*job);
     } else if (inPlace && !tells) {
         tearDown(job);
         navigate([this](CVNavigationDelegate &n) { n.controllerNeedsToCloseWindow(q); });
         return;
-    } else if (CVOperationFactory::operationExtractedSingleFileForOpening(job->operation.get())) {
+    } else if (isForOpening) {
         playCompletionSoundIfActive();
         navigate([this](CVNavigationDelegate &n) { n.controllerNeedsToGoBack(q); });
         LXWorkspace::shared()->openFile(paths.last());

@@ -311,7 +311,7 @@ void CVOperationController::Private::cancelled(const Job &job, bool toMainView, 
                     n.controllerNeedsToGoBackIfNotAtMain(q);
             });
         }
-        if (notifies)
+        if (notifies && !job->isForLook)
             postNotification(tr("Task cancelled"), *job);
     }
     tearDown(job);

@@ -186,7 +186,8 @@ void CVOperationController::extractThenOpenFile(const QString &entryPath, const 
 std::function<void()> CVOperationController::extractFiles(const QStringList &entryPaths,
                                                           const QString &archivePath,
                                                           const QString &destination,
-                                                          std::function<void(QStringList)> ended)
+                                                          std::function<void(QStringList)> ended,
+                                                          Purpose purpose)
 {
     if (d->isClosed) {
         if (ended)
@@ -196,6 +197,7 @@ std::function<void()> CVOperationController::extractFiles(const QStringList &ent
     const auto job = d->makeJob(CVOperationFactory::singleFilesExtractOperationWithArchive(
         d->previewedArchive(archivePath), entryPaths, destination));
     job->isForeground = false;
+    job->isForLook = purpose == Purpose::Look;
     // The window may turn to other files meanwhile.
     job->inputPaths = QStringList{archivePath};
     if (ended) {
@@ -204,12 +206,17 @@ std::function<void()> CVOperationController::extractFiles(const QStringList &ent
         job->operation->observeFinished([kept](CVOperation &) {});
         job->ended = [kept](const QStringList &delivered) { (*kept)(delivered); };
     }
-    job->forcedDestination = std::make_unique<CVForcedDestination>();
     d->enqueue(job);
     return [started = std::weak_ptr(job->operation)] {
         if (const auto operation = started.lock())
             operation->cancel();
     };
+}
+
+void CVOperationController::tell(const LXError &error)
+{
+    if (!d->isClosed)
+        d->showError(error, [this] { d->showJobAgain(); });
 }
 
 // ---- files ----

@@ -72,13 +72,20 @@ public:
     void stopOperation();
     /// One entry, extracted to a private place and opened with the default application.
     void extractThenOpenFile(const QString &entryPath, const QString &archivePath);
+    enum class Purpose {
+        Result, ///< the person is told when it is there
+        Look,   ///< only the caller is
+    };
     /// Entries to the folder `destination`, while the preview stays. `ended` is called once, with the
     /// paths delivered (none after a failure or a cancel); it may be empty. It is kept until the job no
     /// longer writes, which may be after that call, and let go on any thread. What comes back cancels this
     /// extraction; any time, any thread.
     std::function<void()> extractFiles(const QStringList &entryPaths, const QString &archivePath,
                                        const QString &destination,
-                                       std::function<void(QStringList delivered)> ended = {});
+                                       std::function<void(QStringList delivered)> ended = {},
+                                       Purpose purpose = Purpose::Result);
+    /// Shows an error that no job has brought, once nothing else is asked.
+    void tell(const LXError &error);
 
     // Files.
     /// From the desktop: opened with Corvane, or given at start.

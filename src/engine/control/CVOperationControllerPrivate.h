@@ -1,7 +1,6 @@
 #pragma once
 
 #include "engine/control/CVControllerQuestions.h"
-#include "engine/control/CVForcedDestination.h"
 #include "engine/control/CVOpenFilesController.h"
 #include "engine/control/CVOperationController.h"
 #include "engine/model/CVOperation.h"
@@ -22,6 +21,7 @@ struct CVControllerJob
     std::shared_ptr<CVOperation> operation;
     bool isForeground = true; ///< false: entries of the preview, which stays on show
     bool isInPlace = false;
+    bool isForLook = false; ///< its result is nobody's but the screen's: no news about it
     std::vector<std::shared_ptr<CVArchive>> previewedArchives;
     std::optional<QStringList> inputPaths; ///< nothing: those of the tree, which stays as it is meanwhile
     std::function<void(QStringList)> ended;
@@ -30,7 +30,6 @@ struct CVControllerJob
     bool isOver = false;
     bool wentBack = false; ///< a question of it has taken the screens back already
     QStringList delivered;
-    std::unique_ptr<CVForcedDestination> forcedDestination;
 
     std::mutex mutex;
     std::vector<CVSkippedInArchive> skipped;

@@ -300,7 +300,7 @@ void CVArchivePreviewController::extractSelection()
     CVFilePanels::chooseFolder(m_navigator.mainWindow(), tr("Choose destination"), tr("Extract"), {},
                                [guard = QPointer(this), entries](const std::optional<QString> &folder) {
                                    if (guard && folder)
-                                       guard->m_services.extractFiles(entries.paths, entries.archivePath,
-                                                                      *folder, [](const QStringList &) {});
+                                       guard->m_services.extractSelection(entries.paths, entries.archivePath,
+                                                                          *folder);
                                });
 }

@@ -14,8 +14,12 @@ struct CVArchivePreviewServices
     std::function<void()> extractArchive;
     std::function<void()> showSplitFile;
     std::function<void(const QString &entryPath, const QString &archivePath)> extractThenOpenFile;
-    /// `ended` is called once, with the paths delivered, and may be called at once. It is kept until nothing
-    /// writes to the destination any more and let go on any thread. What comes back cancels the extraction.
+    /// For the person, who is told of the end.
+    std::function<void(const QStringList &entryPaths, const QString &archivePath, const QString &destination)>
+        extractSelection;
+    /// For the screen. `ended` is called once, with the paths delivered, and may be called at once. It is
+    /// kept until nothing writes to the destination any more and let go on any thread. What comes back
+    /// cancels the extraction.
     std::function<std::function<void()>(const QStringList &entryPaths, const QString &archivePath,
                                         const QString &destination,
                                         std::function<void(const QStringList &delivered)> ended)>

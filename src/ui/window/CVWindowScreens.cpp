@@ -136,9 +136,15 @@ void CVWindowScreens::setupPreview()
     services.extractFiles = [this](const QStringList &entryPaths, const QString &archivePath,
                                    const QString &destination, auto ended) -> std::function<void()> {
         if (m_controller)
-            return m_controller->extractFiles(entryPaths, archivePath, destination, std::move(ended));
+            return m_controller->extractFiles(entryPaths, archivePath, destination, std::move(ended),
+                                              CVOperationController::Purpose::Look);
         ended({});
         return [] {};
+    };
+    services.extractSelection = [this](const QStringList &entryPaths, const QString &archivePath,
+                                       const QString &destination) {
+        if (m_controller)
+            m_controller->extractFiles(entryPaths, archivePath, destination, {});
     };
     auto *preview = new CVArchivePreviewController(std::move(services), *m_navigation, this);
     m_forNavigation.preview = preview;
