@@ -129,6 +129,7 @@ void TestDataBindings::changeOfFormat()
 void TestDataBindings::settingsGoBothWays()
 {
     CVSettings::setValue(CVSettingsKey::imagePreCompressionFormat, 4);
+    CVSettings::setValue(CVSettingsKey::createArchiveFormat, u"tar"_s); // is none of its business
     CVConvertOperationDataBinding binding;
     const auto delegate = std::make_shared<BindingDelegate>();
     binding.setDelegate(delegate);

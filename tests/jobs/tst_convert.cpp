@@ -218,7 +218,7 @@ void tst_convert::unpack(const QString &archive, const QString &folder, const QS
 void tst_convert::convert(const QString &source, const QString &format,
                           const std::function<void(CVConvertOperationDataBinding &)> &change)
 {
-    CVSettings::overrideForThisRun(CVSettingsKey::createArchiveFormat, format);
+    CVSettings::overrideForThisRun(CVSettingsKey::convertArchiveFormat, format);
     const auto data = std::make_shared<CVConvertOperationDataBinding>();
     data->setArchiveName(u"new"_s);
     if (change)

@@ -7,6 +7,7 @@
 #include "support/BusMock.h"
 #include "support/HostileNames.h"
 #include "support/ScratchDesktop.h"
+#include "util/LXDisplay.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
 
@@ -86,7 +87,7 @@ void TestDesktopServices::notificationsShowNamesAsTheyStand()
     QFETCH(QByteArray, name);
     const QString shown = fileNameFromBytes(name);
     BusMock server(notifications, notificationsObject, BusMock::reply({uint(7)}));
-    LXUserNotifications::shared()->post(u"Done: "_s + shown, shown);
+    LXUserNotifications::shared()->post(u"Done: "_s + shown, LXDisplay::displayEscaped(shown));
     QTRY_COMPARE(server.calls.size(), 1);
 
     const QDBusMessage call = server.calls.constFirst();
@@ -126,6 +127,9 @@ void TestDesktopServices::longNotificationsAreCut()
     const QString body = server.calls.constFirst().arguments().at(4).toString();
     QVERIFY(body.size() < 1000);
     QVERIFY(body.startsWith(u"📦📦"_s) && body.endsWith(u"📦…"_s));
+    LXUserNotifications::shared()->post(u"t"_s, u"Extract:\n- a"_s); // lines are lines
+    QTRY_COMPARE(server.calls.size(), 2);
+    QCOMPARE(server.calls.constLast().arguments().at(4).toString(), u"Extract:\n- a"_s);
 }
 
 void TestDesktopServices::nobodyListens()

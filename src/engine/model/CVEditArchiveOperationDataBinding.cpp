@@ -36,15 +36,16 @@ bool isAscii(const QString &string)
 
 } // namespace
 
-CVEditArchiveOperationDataBinding::CVEditArchiveOperationDataBinding()
-    : m_archiveType(CVSettings::string(CVSettingsKey::createArchiveFormat))
+CVEditArchiveOperationDataBinding::CVEditArchiveOperationDataBinding(const QString &formatSetting)
+    : m_formatSetting(formatSetting)
+    , m_archiveType(CVSettings::string(formatSetting))
     , m_archiveName(CVArchiveNameGenerator::fallbackName())
     , m_compressionLevel(static_cast<int>(CVSettings::integer(CVSettingsKey::compressionLevelSetting)))
     , m_imageFileFormat(static_cast<int>(CVSettings::integer(CVSettingsKey::imagePreCompressionFormat)))
     , m_audioFileFormat(static_cast<int>(CVSettings::integer(CVSettingsKey::audioPreCompressionFormat)))
 {
     using namespace CVSettingsKey;
-    for (const QString &setting : {createArchiveFormat, compressionLevelSetting, imagePreCompressionFormat,
+    for (const QString &setting : {formatSetting, compressionLevelSetting, imagePreCompressionFormat,
                                    audioPreCompressionFormat, CVSettingsKey::shouldEncrypt}) {
         m_settingObservers.push_back(
             CVSettings::observe(setting, [this, alive = std::weak_ptr<int>(m_alive)](const QString &changed) {
@@ -60,6 +61,10 @@ CVEditArchiveOperationDataBinding::CVEditArchiveOperationDataBinding()
             }));
     }
 }
+
+CVConvertOperationDataBinding::CVConvertOperationDataBinding()
+    : CVEditArchiveOperationDataBinding(CVSettingsKey::convertArchiveFormat)
+{}
 
 CVEditArchiveOperationDataBinding::~CVEditArchiveOperationDataBinding()
 {
@@ -128,7 +133,7 @@ void CVEditArchiveOperationDataBinding::settingChanged(const QString &setting)
     if (m_storing)
         return;
     const auto number = [&] { return static_cast<int>(CVSettings::integer(setting)); };
-    if (setting == CVSettingsKey::createArchiveFormat) {
+    if (setting == m_formatSetting) {
         if (change(m_archiveType, CVSettings::string(setting), u"archiveType"_s))
             archiveTypeDidChange();
     } else if (setting == CVSettingsKey::compressionLevelSetting) {

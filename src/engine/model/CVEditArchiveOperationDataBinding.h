@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/model/CVOperationDataBinding.h"
+#include "engine/model/CVSettings.h"
 
 #include <QString>
 
@@ -16,7 +17,9 @@
 class CVEditArchiveOperationDataBinding : public CVOperationDataBinding
 {
 public:
-    CVEditArchiveOperationDataBinding();
+    /// The setting holds the format to begin with.
+    explicit CVEditArchiveOperationDataBinding(
+        const QString &formatSetting = CVSettingsKey::createArchiveFormat);
     ~CVEditArchiveOperationDataBinding() override;
 
     /// What the job starts from; for a conversion the archive.
@@ -106,6 +109,7 @@ private:
     void store(const QString &setting, const QVariant &value);
 
     QString m_sourcePath;
+    const QString m_formatSetting;
     QString m_archiveType;
     QString m_archiveName;
     QString m_password;
@@ -135,4 +139,8 @@ private:
 
 /// An archive made from another one. A type of its own, so that the two are never taken for each other.
 class CVConvertOperationDataBinding : public CVEditArchiveOperationDataBinding
-{};
+{
+public:
+    /// Begins with the format that was chosen for converting the last time.
+    CVConvertOperationDataBinding();
+};

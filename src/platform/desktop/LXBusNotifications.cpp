@@ -16,7 +16,11 @@ constexpr qsizetype longestText = 600;
 
 QString plain(const QString &text)
 {
-    QString shown = LXDisplay::displayEscaped(text);
+    // Ends of lines are ours; in names they are escaped already.
+    QStringList lines = text.split(u'\n');
+    for (QString &line : lines)
+        line = LXDisplay::displayEscaped(line);
+    QString shown = lines.join(u'\n');
     if (shown.size() <= longestText)
         return shown;
     shown.truncate(longestText - 1);
