@@ -1,10 +1,14 @@
 #include "jobs/CVArchiveConverter.h"
 
 #include "engine/model/CVTempDir.h"
+#include "engine/model/CVWorkDirectoryManager.h"
 #include "jobs/media/CVMediaWalk.h"
+#include "platform/LXDesktopFolders.h"
 #include "util/LXFileName.h"
 #include "util/LXLog.h"
 #include "util/LXMainThread.h"
+#include "util/LXRemoveTree.h"
+#include "util/unique_string.h"
 
 #include <QCoreApplication>
 
@@ -12,6 +16,9 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <utility>
+
+#include <sys/statvfs.h>
 
 #include <dirent.h>
 #include <fts.h>
@@ -68,6 +75,17 @@ double entriesDirectlyIn(const QString &folder)
     return count;
 }
 
+// Nothing is known about a folder that cannot be asked.
+bool hasMoreRoom(const QString &folder, const QString &other)
+{
+    struct statvfs its = {};
+    struct statvfs others = {};
+    return ::statvfs(bytesOfFileName(folder).constData(), &its) == 0 &&
+           ::statvfs(bytesOfFileName(other).constData(), &others) == 0 && its.f_fsid != others.f_fsid &&
+           static_cast<double>(its.f_bavail) * static_cast<double>(its.f_frsize) >
+               static_cast<double>(others.f_bavail) * static_cast<double>(others.f_frsize);
+}
+
 } // namespace
 
 CVArchiveConverter::CVArchiveConverter(CVArchiveConverterDelegate &delegate)
@@ -104,16 +122,44 @@ void CVArchiveConverter::cancelConvert()
 
 std::int32_t CVArchiveConverter::run(const QString &source, const QString &destination)
 {
-    const CVTempDir temporary(CVTempDir::convertPrefix());
-    m_temporaryFolder = temporary.path();
-    if (temporary.path().isEmpty()) {
-        m_failedInTemporaryFolder = true;
-        m_systemError = temporary.systemError();
-        return CVArchive::InvalidFile;
+    const QString workFolder = destination.left(destination.lastIndexOf(u'/'));
+    std::int32_t status = CVArchive::InvalidFile;
+    {
+        const CVTempDir temporary(CVTempDir::convertPrefix());
+        m_hasMoreRoom = hasMoreRoom(workFolder, LXDesktopFolders::temporaryFolder());
+        if (temporary.path().isEmpty()) {
+            m_failedInTemporaryFolder = true;
+            m_systemError = temporary.systemError();
+        } else {
+            status = runIn(temporary.path(), source, destination);
+        }
     }
+    const bool isFull = m_failedInTemporaryFolder &&
+                        (m_systemError == ENOSPC || m_systemError == EDQUOT || m_hasDeclinedLimit);
+    if (status == CVArchive::Success || isCancelled() || !isFull || !std::exchange(m_hasMoreRoom, false))
+        return status;
+    // The system's temporary folder is small, or memory: the job's own folder goes with the job.
+    const QString folder = workFolder + u'/' + CVWorkDirectoryManager::namePrefix() + uniqueString();
+    if (::mkdir(bytesOfFileName(folder).constData(), 0700) != 0)
+        return status;
+    m_failureReason.clear();
+    m_systemError = 0;
+    m_failedInTemporaryFolder = false;
+    status = runIn(folder, source, destination);
+    // At once: the archive is delivered out of the same folder.
+    if (const auto removed = removeTree(folder); !removed)
+        LX_WARNING(lcConverter, "%s stays: %s", qUtf8Printable(folder),
+                   qUtf8Printable(removed.error().reason));
+    return status;
+}
+
+std::int32_t CVArchiveConverter::runIn(const QString &temporaryFolder, const QString &source,
+                                       const QString &destination)
+{
+    m_temporaryFolder = temporaryFolder;
     // One level down: the temporary folder is for its owner alone, and its mode would become that of the
     // top folder of archives that record one.
-    const QString folder = temporary.path() + u"/contents"_s;
+    const QString folder = temporaryFolder + u"/contents"_s;
     if (::mkdir(bytesOfFileName(folder).constData(), 0777) != 0) {
         m_failedInTemporaryFolder = true;
         m_systemError = errno;
@@ -167,8 +213,8 @@ std::int32_t CVArchiveConverter::extract(const QString &source, const QString &f
             LX_WARNING(lcConverter, "%s while opening %s", e.what(), qUtf8Printable(source));
             takeOutcome(CVArchive::InvalidFile);
         }
-        // A file that went away meanwhile is only logged by the back end, without a report.
-        if (::access(bytesOfFileName(source).constData(), F_OK) != 0)
+        // A file that was gone when the back end looked is only logged by it, without a report.
+        if (archive->extractFile != source)
             takeOutcome(CVArchive::InvalidFile);
     }
     const std::int32_t status = waitForEnd(m_sourceArchive);
@@ -297,5 +343,10 @@ std::optional<QString> CVArchiveConverter::archiveWantsPassword(CVArchive *)
 
 bool CVArchiveConverter::archiveMayExceedLimit(CVArchive *, const QString &explanation)
 {
+    // What does not fit here may fit there, where the person is asked if it does not.
+    if (m_hasMoreRoom) {
+        m_hasDeclinedLimit = true;
+        return false;
+    }
     return !isCancelled() && m_delegate.archiveConverterMayExceedLimit(this, explanation);
 }

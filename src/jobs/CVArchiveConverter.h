@@ -73,6 +73,7 @@ public:
 
 private:
     std::int32_t run(const QString &source, const QString &destination);
+    std::int32_t runIn(const QString &temporaryFolder, const QString &source, const QString &destination);
     std::int32_t extract(const QString &source, const QString &folder);
     std::int32_t pack(const QString &folder, const QString &destination);
     bool manipulateFilesInTempDir(const QString &folder);
@@ -105,4 +106,6 @@ private:
     QString m_temporaryFolder;
     int m_systemError = 0;
     bool m_failedInTemporaryFolder = false;
+    bool m_hasMoreRoom = false;      ///< the destination's disk, which was not tried yet
+    bool m_hasDeclinedLimit = false; ///< for it
 };

@@ -1,14 +1,11 @@
 #include "jobs/CVBackEndRun.h"
 
 #include "archives/CVArchive.h"
-#include "util/LXFileName.h"
 #include "util/LXLog.h"
 
 #include <QLoggingCategory>
 
 #include <exception>
-
-#include <unistd.h>
 
 namespace {
 
@@ -18,7 +15,7 @@ Q_LOGGING_CATEGORY(lcBackEnd, "corvane.jobs.backend")
 
 std::int32_t CVBackEndRun::run(const std::shared_ptr<CVArchive> &archive, CVArchiveDelegate *delegate,
                                const QString &path, const std::stop_token &stop,
-                               const std::function<void()> &open)
+                               const std::function<void()> &open, const std::function<bool()> &hasBegun)
 {
     {
         const std::lock_guard lock(m_mutex);
@@ -38,8 +35,9 @@ std::int32_t CVBackEndRun::run(const std::shared_ptr<CVArchive> &archive, CVArch
         }
     }
     std::unique_lock lock(m_mutex);
-    // A file that went away meanwhile is only logged by the back end, without a report.
-    if (!m_outcome && ::access(bytesOfFileName(path).constData(), F_OK) != 0)
+    // Where the file was gone when the back end looked, it has not begun and reports nothing; by now the file
+    // may be there again, so what counts is whether it has taken the path.
+    if (!m_outcome && !hasBegun())
         m_outcome = CVArchive::InvalidFile;
     // Back ends with a thread of their own report later.
     m_changed.wait(lock, stop, [this] { return m_outcome.has_value(); });

@@ -18,9 +18,11 @@ class CVBackEndRun
 {
 public:
     /// Worker thread. `open` starts the back end on the archive at `path`; the answer is how it ended,
-    /// Cancelled when `stop` was requested first. The delegate is the archive's until then.
+    /// Cancelled when `stop` was requested first; `hasBegun` tells whether it was started at all. The
+    /// delegate is the archive's until then.
     std::int32_t run(const std::shared_ptr<CVArchive> &archive, CVArchiveDelegate *delegate,
-                     const QString &path, const std::stop_token &stop, const std::function<void()> &open);
+                     const QString &path, const std::stop_token &stop, const std::function<void()> &open,
+                     const std::function<bool()> &hasBegun);
 
     /// Any thread: what the delegate hears of the end, as a CVArchive::Status.
     void report(std::int32_t status);

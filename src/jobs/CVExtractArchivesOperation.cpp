@@ -359,8 +359,9 @@ std::int32_t CVExtractArchivesOperation::runBackEnd(const std::shared_ptr<CVArch
     }
     if (isCancelled())
         archive->setCancelledStatus();
-    return m_backEnd.run(archive, this, path, stopToken(),
-                         [&] { archive->open(path, m_folders->workDirectory()); });
+    return m_backEnd.run(
+        archive, this, path, stopToken(), [&] { archive->open(path, m_folders->workDirectory()); },
+        [&] { return archive->extractFile == path; });
 }
 
 CVExtractArchivesOperation::Next CVExtractArchivesOperation::succeeded(CVArchive &archive)
@@ -430,16 +431,31 @@ void CVExtractArchivesOperation::decideFate()
                    static_cast<long>(setting));
         return;
     }
+    QStringList failures;
     for (const QString &path : pathsBelongingToArchiveAtPath(sourcePath())) {
+        QString reason;
         if (fate == CVArchiveFate::Trash) {
-            if (const auto result = LXTrash::shared()->moveToTrash(path); !result)
+            if (const auto result = LXTrash::shared()->moveToTrash(path); !result) {
+                reason = result.error().reason;
                 LX_WARNING(lcExtract, "ERROR: failed to trash %s after extract: %s", qUtf8Printable(path),
-                           qUtf8Printable(result.error().reason));
+                           qUtf8Printable(reason));
+            }
         } else if (::unlink(bytesOfFileName(path).constData()) != 0) {
+            reason = QString::fromLocal8Bit(std::strerror(errno));
             LX_WARNING(lcExtract, "  error deleting %s after extract: %s", qUtf8Printable(path),
-                       std::strerror(errno));
+                       qUtf8Printable(reason));
         }
+        if (!reason.isEmpty())
+            failures.append(u"“%1”: %2"_s.arg(LXDisplay::displayName(path), reason));
     }
+    if (failures.isEmpty())
+        return;
+    LXError error = CVOperationHelper::errorWithMessage(
+        fate == CVArchiveFate::Trash ? tr("The archive was extracted, but could not be moved to the trash.")
+                                     : tr("The archive was extracted, but could not be deleted."),
+        failures.join("; "_L1));
+    error.suggestion = tr("It is still where it was.");
+    delegate()->operationNeedsToShowError(this, error);
 }
 
 LXError CVExtractArchivesOperation::errorForFailedArchive(const CVArchive &archive) const
@@ -448,6 +464,11 @@ LXError CVExtractArchivesOperation::errorForFailedArchive(const CVArchive &archi
     // A full or read-only disk is not the archive's fault; the person can do something about it.
     if (archive.systemError() != 0)
         return CVOperationHelper::errorForSystemError(archive.systemError(), sourcePath(), destinationPath());
+    // An archive in the archive is unpacked to the temporary folder first, of which only words come back.
+    for (const int failure : {ENOSPC, EMFILE, ENFILE, ENOMEM}) {
+        if (archive.failureReason().contains(QString::fromLocal8Bit(std::strerror(failure))))
+            return CVOperationHelper::errorForSystemError(failure, sourcePath(), QDir::tempPath());
+    }
     LXError error = CVOperationHelper::errorWithMessage(
         tr("The file “%1” could not be opened.").arg(name),
         tr("The archive could not be opened, possibly because it is incomplete or corrupt."));

@@ -171,7 +171,8 @@ bool CVPackingTree::add(const CVFileNode::Pointer &node, const QByteArray &path,
     } else if (S_ISREG(facts.st_mode)) {
         item.hasSeveralNames = facts.st_nlink > 1;
     } else {
-        m_skipped.push_back({fileNameFromBytes(path), kindThatCannotBePacked(facts.st_mode), {}});
+        m_skipped.push_back(
+            {fileNameFromBytes(path), kindThatCannotBePacked(facts.st_mode), XADErrorCode::Refused});
         return false;
     }
     const bool readable =

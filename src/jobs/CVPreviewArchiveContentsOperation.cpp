@@ -162,7 +162,9 @@ std::int32_t CVPreviewArchiveContentsOperation::runBackEnd(const std::shared_ptr
         m_sourcePath = path;
         m_passwordAsked = false;
     }
-    return m_backEnd.run(archive, this, path, stopToken(), [&] { archive->openForPreview(path); });
+    return m_backEnd.run(
+        archive, this, path, stopToken(), [&] { archive->openForPreview(path); },
+        [&] { return archive->sourcePath == path; });
 }
 
 void CVPreviewArchiveContentsOperation::archiveFinished(CVArchive *)

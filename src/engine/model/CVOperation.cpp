@@ -1,10 +1,13 @@
 #include "engine/model/CVOperation.h"
 
 #include "engine/model/CVOperationDelegate.h"
+#include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVSettings.h"
 #include "sandbox/CVFileAuthenticator.h"
 
 #include <QCoreApplication>
+
+#include <exception>
 
 CVOperation::~CVOperation() = default;
 
@@ -33,7 +36,21 @@ void CVOperation::run()
         finish();
         return;
     }
-    main();
+    try {
+        main();
+    } catch (const std::exception &e) { // no memory, no thread
+        if (endOnce())
+            delegate()->operationFailedWithError(
+                this, {.domain = QStringLiteral("CorvaneErrorDomain"),
+                       .code = CVFileError::outOfResources,
+                       .description =
+                           QCoreApplication::translate("CVOperation", "The task could not be completed."),
+                       .reason = QCoreApplication::translate("CVOperation",
+                                                             "The computer refused what it needs: %1")
+                                     .arg(QString::fromLocal8Bit(e.what())),
+                       .suggestion = QCoreApplication::translate("CVOperation",
+                                                                 "Close other programs and try again.")});
+    }
     if (!endsAfterMain())
         finish();
 }

@@ -89,6 +89,12 @@ LXError setupError(int code, const QString &inputFile, const QString &destinatio
             text("The file “%1” could not be opened because you do not have permissions to write to “%2”.")
                 .arg(input, folder),
             text("Try selecting an output folder that is writable by you."));
+    case CVFileError::outOfResources:
+        return CVOperationHelper::errorWithMessage(
+            text(
+                "The file “%1” could not be opened because the computer has no memory or no open files left.")
+                .arg(input),
+            text("Close other programs and try again."));
     default:
         return CVOperationHelper::errorWithMessage(
             text("An unknown error occurred opening file “%1” to “%2”.").arg(input, folder),
@@ -111,6 +117,10 @@ int CVFileError::codeForErrno(int systemError)
         return noPermission;
     case ENOENT:
         return noSuchFile;
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+        return outOfResources;
     default:
         return writeUnknown;
     }

@@ -14,12 +14,14 @@ class LXSandboxFileAuthenticator;
 /// What went wrong with a file, as the codes that texts are chosen by.
 namespace CVFileError {
 constexpr int noSuchFile = 4;
+constexpr int outOfResources = 24; ///< no memory, or no open files left
 constexpr int writeUnknown = 512;
 constexpr int noPermission = 513;
 constexpr int outOfSpace = 640;
 constexpr int volumeReadOnly = 642;
 
-/// EROFS, ENOSPC and EDQUOT, EACCES and EPERM, ENOENT; anything else is writeUnknown.
+/// EROFS, ENOSPC and EDQUOT, EACCES and EPERM, ENOENT, EMFILE and ENFILE and ENOMEM; anything else is
+/// writeUnknown.
 int codeForErrno(int systemError);
 } // namespace CVFileError
 
