@@ -6,6 +6,7 @@
 #include "cli/CVTerminalDelegate.h"
 #include "cli/CVTerminalPasswords.h"
 #include "engine/control/CVOperationFactory.h"
+#include "engine/model/CVOpenedEntries.h"
 #include "engine/model/CVOperation.h"
 #include "engine/model/CVOperationHelper.h"
 #include "engine/model/CVOperationQueue.h"
@@ -96,8 +97,11 @@ int CVExtractCommand::open(const CVTerminalArguments &arguments)
         const QString reason = reasonNotToOpen(path);
         if (!reason.isEmpty() && reason != u"is a folder") {
             m_terminal.message(u"%1: %2"_s.arg(given, reason));
+            const QString like = CVTerminalArguments::commandLike(given);
             if (!given.contains(u'/') && !given.contains(u'.') && !QFile::exists(path))
-                m_terminal.detail(u"It is no command either; see “corvane --help”."_s);
+                m_terminal.detail(like.isEmpty()
+                                      ? u"It is no command either; see “corvane --help”."_s
+                                      : u"It is no command either; did you mean “corvane %1”?"_s.arg(like));
             onlyArchives = false;
         } else if (!reason.isEmpty() || !CVArchive::isExtractableExtension(archivePathExtension(path))) {
             m_terminal.message(u"“%1” is no archive by its name, but others of the files are"_s.arg(given));
@@ -116,14 +120,16 @@ int CVExtractCommand::clean()
 {
     const QStringList before = CVWorkDirectoryManager::workDirs();
     if (before.isEmpty()) {
-        m_terminal.message(u"nothing is left to clean up"_s);
+        m_terminal.note(u"nothing is left to clean up"_s);
         return 0;
     }
     const auto delegate = std::make_shared<CVTerminalDelegate>(m_terminal, m_passwords, QStringList());
     run(CVOperationFactory::workDirectoryCleanOperation(), delegate);
     for (const QString &folder : before) {
         if (!QFile::exists(folder))
-            m_terminal.message(u"removed %1"_s.arg(folder));
+            m_terminal.note(u"removed %1"_s.arg(folder));
+        else if (CVOpenedEntries::wereChanged(folder))
+            continue; // the job has told of it
         else if (CVWorkDirectoryManager::isInUse(folder))
             m_terminal.message(u"%1 is in use and stays"_s.arg(folder));
         else {

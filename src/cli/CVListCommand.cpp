@@ -4,9 +4,8 @@
 #include "cli/CVTerminalPasswords.h"
 #include "cli/terminal_text.h"
 #include "util/LXBytesValueTransformer.h"
+#include "util/LXFileName.h"
 #include "util/LXSaturatingSum.h"
-
-#include <QFile>
 
 #include <array>
 #include <cerrno>
@@ -136,7 +135,7 @@ int CVListCommand::run(const QStringList &paths, std::stop_token stop)
 CVListCommand::Outcome CVListCommand::list(const QString &path)
 {
     struct stat status = {};
-    const QByteArray encoded = QFile::encodeName(path);
+    const QByteArray encoded = bytesOfFileName(path);
     int error = 0;
     if (::stat(encoded.constData(), &status) != 0 || ::access(encoded.constData(), R_OK) != 0)
         error = errno;

@@ -38,6 +38,12 @@ std::optional<struct stat> itemAt(const QString &path)
     return status;
 }
 
+bool isFolder(const QString &path)
+{
+    const auto item = itemAt(path);
+    return item && S_ISDIR(item->st_mode);
+}
+
 /// Of the regular files there and beneath it.
 double bytesBelow(const QString &path)
 {
@@ -158,7 +164,7 @@ int CVPackCommand::convert(const CVTerminalArguments &arguments)
         return wrongUse(reason == u"is a folder" ? u"%1 is a folder: “corvane create” packs it"_s.arg(given)
                                                  : u"%1: %2"_s.arg(given, reason));
     if (arguments.pack.images.value_or(0) != 0)
-        m_terminal.message(u"“--images” has no effect: conversions leave images as they are"_s);
+        m_terminal.note(u"“--images” has no effect: conversions leave images as they are"_s);
     return pack(arguments.pack, arguments, {path}, static_cast<double>(itemAt(path)->st_size), true);
 }
 
@@ -167,6 +173,7 @@ void CVPackCommand::overrideSettings(const CVPackOptions &options)
     // Before there is a binding, which would take a later change for one to be stored.
     using namespace CVSettingsKey;
     CVSettings::overrideForThisRun(createArchiveFormat, options.format);
+    CVSettings::overrideForThisRun(convertArchiveFormat, options.format);
     CVSettings::overrideForThisRun(CVSettingsKey::shouldEncrypt, options.encrypt);
     if (options.level)
         CVSettings::overrideForThisRun(compressionLevelSetting, *options.level);
@@ -203,7 +210,9 @@ bool CVPackCommand::prepareBinding(CVEditArchiveOperationDataBinding &data, cons
         data.setSourcePath(first);
         data.setArchiveName(converting && isMultipartArchive(first)
                                 ? lastComponent(stringByDeletingArchivePathExtension(first))
-                                : data.smartArchiveName());
+                            // What looks like an extension of a folder is a part of its name.
+                            : !converting && isFolder(first) ? lastComponent(first)
+                                                             : data.smartArchiveName());
     }
     data.setSourcePath(first);
     data.setChunkSize(options.volumeBytes.value_or(0));
@@ -267,7 +276,7 @@ int CVPackCommand::pack(const CVPackOptions &options, const CVTerminalArguments 
         return m_wrongUse ? usageStatus : m_interrupted ? 130 : 3;
     }
     if (options.format == u"tar.xz")
-        m_terminal.message(u"note: tar.xz is written without compression"_s);
+        m_terminal.note(u"note: tar.xz is written without compression"_s);
     const auto delegate = std::make_shared<CVTerminalDelegate>(m_terminal, m_passwords, paths);
     delegate->setPacking({.replaces = options.replace, .lacksCount = converting});
     run(operation, delegate);

@@ -8,6 +8,7 @@
 #include "engine/model/CVOperation.h"
 #include "engine/model/CVSplitOperationDataBinding.h"
 #include "split/split_names.h"
+#include "util/path_parts.h"
 
 #include <QHash>
 
@@ -45,6 +46,7 @@ int CVSplitCommand::split(const CVTerminalArguments &arguments, CVPackCommand &p
         CVTerminalArguments archive = arguments;
         archive.pack.format = volume->format;
         archive.pack.volumeBytes = volume->chunkSize;
+        archive.pack.name = lastComponent(path); // whole, as parts of other kinds are called
         return packing.create(archive);
     }
     printResults(delegate->resultPaths());

@@ -89,6 +89,12 @@ void CVTerminal::message(const QString &text)
     writeErrorLocked("corvane: " + terminalText(text) + '\n');
 }
 
+void CVTerminal::note(const QString &text)
+{
+    if (!m_quiet)
+        message(text);
+}
+
 void CVTerminal::detail(const QString &text)
 {
     const std::lock_guard lock(m_mutex);
@@ -106,7 +112,7 @@ void CVTerminal::setProgressTitle(const QString &title)
 
 void CVTerminal::showProgress(double done, double total, LXProgressUnit unit)
 {
-    if (!m_progressWanted)
+    if (!m_progressWanted || m_quiet)
         return;
     const std::lock_guard lock(m_mutex);
     const auto now = Clock::now();

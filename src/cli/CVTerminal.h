@@ -38,6 +38,10 @@ public:
 
     /// One line on standard error, with "corvane: " before it. Takes the progress line away.
     void message(const QString &text);
+    /// No progress and no notes from now on.
+    void setQuiet() { m_quiet = true; }
+    /// A message that nothing depends on.
+    void note(const QString &text);
     /// A line without the program's name, for what belongs to the message before it.
     void detail(const QString &text);
 
@@ -78,6 +82,7 @@ private:
     bool m_errorIsTerminal = false;
     bool m_progressWanted = false;
     bool m_canAsk = false;
+    std::atomic<bool> m_quiet = false;
     std::atomic<bool> m_interrupted = false;
     LXFileDescriptor m_wake; ///< eventfd: readable once interrupted
 

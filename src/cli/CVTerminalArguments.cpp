@@ -1,7 +1,10 @@
 #include "cli/CVTerminalArguments.h"
 
+#include <algorithm>
 #include <array>
+#include <numeric>
 #include <set>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -74,6 +77,8 @@ enum class Option {
     Unit,
     Compress,
     Checksum,
+    Verbose,
+    Quiet,
 };
 
 enum ForCommands : unsigned {
@@ -82,6 +87,7 @@ enum ForCommands : unsigned {
     ForPacking = 4,
     ForSplit = 8,
     ForCombine = 16,
+    ForAll = 63,
 };
 
 struct OptionRule
@@ -110,7 +116,45 @@ constexpr std::array optionRules = {
     OptionRule{"--unit", Option::Unit, true, ForSplit},
     OptionRule{"--compress", Option::Compress, true, ForSplit},
     OptionRule{"--checksum", Option::Checksum, false, ForSplit},
+    OptionRule{"--verbose", Option::Verbose, false, ForAll},
+    OptionRule{"--quiet", Option::Quiet, false, ForAll},
 };
+
+/// How many letters have to be typed, taken away or replaced to make one of the other.
+qsizetype distance(const QString &one, const QString &other)
+{
+    std::vector<qsizetype> row(static_cast<std::size_t>(other.size()) + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (qsizetype i = 0; i < one.size(); ++i) {
+        qsizetype diagonal = row[0]++;
+        for (std::size_t j = 1; j < row.size(); ++j) {
+            const qsizetype replaced = diagonal + (one[i] == other[static_cast<qsizetype>(j) - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j - 1] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+/// Empty when none is much like it.
+QString nearest(const QString &word, const QStringList &known)
+{
+    constexpr qsizetype mostSlips = 2;
+    QString best;
+    qsizetype least = std::min(mostSlips, word.size() / 3) + 1;
+    for (const QString &candidate : known) {
+        if (const qsizetype slips = distance(word, candidate); slips < least) {
+            best = candidate;
+            least = slips;
+        }
+    }
+    // "--pass" and "--checksums" are no slips.
+    for (const QString &candidate : known) {
+        if (best.isEmpty() && word.size() > 3 && (candidate.startsWith(word) || word.startsWith(candidate)))
+            best = candidate;
+    }
+    return best;
+}
 
 unsigned maskOf(Command command)
 {
@@ -132,7 +176,7 @@ unsigned maskOf(Command command)
     case Command::Version:
         break;
     }
-    return 0;
+    return ForAll & ~(ForExtract | ForList | ForPacking | ForSplit | ForCombine);
 }
 
 /// A whole number from 0 to `most`.
@@ -196,7 +240,7 @@ private:
                 rule = &candidate;
         }
         if (!rule)
-            return usageError(u"unknown option “%1”"_s.arg(name));
+            return unknownOption(name);
         if (!(rule->commands & maskOf(m_result.command)))
             return usageError(u"“%1” does not take the option “%2”"_s.arg(nameOf(m_result.command), name));
         QString value;
@@ -211,6 +255,18 @@ private:
             return usageError(u"the option “%1” takes no value"_s.arg(name));
         }
         return apply(*rule, value);
+    }
+
+    LXError unknownOption(const QString &name) const
+    {
+        QStringList known = {u"--help"_s, u"--version"_s};
+        for (const OptionRule &rule : optionRules) {
+            if (rule.commands & maskOf(m_result.command))
+                known.append(QString::fromLatin1(rule.name));
+        }
+        const QString like = nearest(name, known);
+        return usageError(like.isEmpty() ? u"unknown option “%1”"_s.arg(name)
+                                         : u"unknown option “%1”; did you mean “%2”?"_s.arg(name, like));
     }
 
     std::optional<LXError> apply(const OptionRule &rule, const QString &value)
@@ -277,6 +333,12 @@ private:
             break;
         case Option::Checksum:
             m_result.split.checksum = true;
+            break;
+        case Option::Verbose:
+            m_result.verbose = true;
+            break;
+        case Option::Quiet:
+            m_result.quiet = true;
             break;
         case Option::Size:
         case Option::Unit:
@@ -403,6 +465,14 @@ LXResult<CVTerminalArguments> CVTerminalArguments::parse(const QStringList &word
     return Parser(words).run();
 }
 
+QString CVTerminalArguments::commandLike(const QString &word)
+{
+    QStringList known;
+    for (const CommandName &command : commandNames)
+        known.append(QString::fromLatin1(command.name));
+    return nearest(word, known);
+}
+
 QString CVTerminalArguments::help()
 {
     return uR"(Corvane opens archives, makes them, turns one kind into another, and splits and joins large files.
@@ -445,6 +515,8 @@ QString CVTerminalArguments::help()
   corvane clean                     remove work folders that a crash left behind
   corvane --help | --version
 
+Every command takes --verbose, which also shows what the program writes down about its work, and --quiet,
+which leaves out the progress and all notes.
 After “--” every word is a file name. A password is never taken from the command line: give it by
 --password-file, in the environment variable CORVANE_PASSWORD, or type it when asked.
 What the settings hold (level, media, where to) counts where no option says otherwise, and an option counts
@@ -453,7 +525,8 @@ for its run only. Encryption is the exception: “create” and “convert” en
 
 What was made is printed on standard output, one path a line; everything else goes to standard
 error. Control characters in names are shown escaped. “list” prints a table on a terminal and only
-the paths elsewhere. Without a terminal, questions take their safe answer: keep, do not replace, stop.
+the paths elsewhere. Without a terminal, questions take their safe answer: keep, do not replace; the other
+archives are opened after one that fails.
 
 Exit status: 0 done; 1 failed, nothing produced; 2 wrong use; 3 password missing or wrong;
 4 some archives failed, the others were delivered, or a new archive was delivered but files changed while

@@ -47,6 +47,8 @@ struct CVTerminalArguments
     QStringList entries;
     std::optional<Fate> fate;
     bool json = false;
+    bool verbose = false;                ///< log lines too
+    bool quiet = false;                  ///< nothing but results, questions and what went wrong
     std::optional<QString> passwordFile; ///< "-" for standard input
     CVPackOptions pack;                  ///< of Create and Convert
     Split split;
@@ -54,6 +56,9 @@ struct CVTerminalArguments
     /// `words` without the program's own name. The error's description is one line that names the
     /// word in question.
     static LXResult<CVTerminalArguments> parse(const QStringList &words);
+
+    /// The known command that `word` is most like, when it is much like one; empty otherwise.
+    static QString commandLike(const QString &word);
 
     /// The text of --help.
     static QString help();

@@ -106,7 +106,9 @@ CVAlertResult CVTerminalDelegate::operationNeedsToAskWhetherToContinueAfterArchi
 {
     ++m_failures;
     show(error);
-    if (m_terminal.canAsk() && m_terminal.askYesNo(u"Go on with the other archives?"_s))
+    // The others are not worse for it; only who sits there may want to stop.
+    if (!m_terminal.wasInterrupted() &&
+        (!m_terminal.canAsk() || m_terminal.askYesNo(u"Go on with the other archives?"_s)))
         return CVAlertResult::Default;
     m_stopped = true;
     if (!m_terminal.wasInterrupted())
@@ -142,7 +144,10 @@ void CVTerminalDelegate::operationSkippedEntries(CVOperation *, const QString &a
     if (entries.size() > skippedShown)
         m_terminal.detail(u"… and %1 more"_s.arg(entries.size() - skippedShown));
     if (m_packing) {
-        if (m_packing->lacksCount)
+        // What was left out for a reason of ours, as the older archive, nobody misses.
+        if (m_packing->lacksCount || std::ranges::any_of(entries, [](const CVSkippedEntry &entry) {
+                return entry.code != XADErrorCode::None;
+            }))
             ++m_failures;
         return;
     }

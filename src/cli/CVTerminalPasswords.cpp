@@ -2,10 +2,10 @@
 
 #include "cli/CVTerminal.h"
 #include "util/LXFileDescriptor.h"
+#include "util/LXFileName.h"
 #include "util/path_parts.h"
 
 #include <QCoreApplication>
-#include <QFile>
 
 #include <cerrno>
 #include <cstdlib>
@@ -122,7 +122,7 @@ LXResult<QString> CVTerminalPasswords::readFile(const QString &path)
     LXFileDescriptor own;
     int fd = STDIN_FILENO;
     if (path != u"-") {
-        own = LXFileDescriptor(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC));
+        own = LXFileDescriptor(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC));
         if (!own.isOpen())
             return passwordError(u"%1: %2"_s.arg(path, QString::fromLocal8Bit(std::strerror(errno))));
         fd = own.get();

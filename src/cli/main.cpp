@@ -34,11 +34,12 @@ namespace {
 constexpr int usageStatus = 2;
 
 CVTerminal *logTerminal = nullptr;
+bool showsLog = false;
 
 // Log lines share standard error with the progress line. Where they were written helps nobody here.
 void writeLog(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
-    if (type == QtDebugMsg || type == QtInfoMsg)
+    if (type == QtDebugMsg || type == QtInfoMsg || (type != QtFatalMsg && !showsLog))
         return;
     QString shown = text;
     if (const qsizetype line = text.indexOf(u" [Line "); line >= 0) {
@@ -196,11 +197,8 @@ int main(int argc, char **argv)
     qInstallMessageHandler(writeLog);
 
     QStringList words;
-    bool areUtf8 = true;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; ++i)
         words.append(fileNameFromBytes(argv[i]));
-        areUtf8 = areUtf8 && QByteArrayView(argv[i]).isValidUtf8();
-    }
     const auto parsed = CVTerminalArguments::parse(words);
     const bool isForWindow = words.isEmpty() || (parsed && isOpeningOnly(parsed.value()));
     if (isForWindow && hasDisplay())
@@ -211,11 +209,9 @@ int main(int argc, char **argv)
         return usageStatus;
     }
     const CVTerminalArguments &arguments = parsed.value();
-    const bool packs = isPacking(arguments);
-    if (!areUtf8 && !packs) {
-        terminal.message(u"a name among the words is not valid UTF-8; please rename the file"_s);
-        return 1;
-    }
+    showsLog = arguments.verbose;
+    if (arguments.quiet)
+        terminal.setQuiet();
 
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"corvane"_s);

@@ -129,7 +129,8 @@ void tst_arguments::refused_data()
     QTest::addColumn<QString>("names"); // the word that the message has to mention
     QTest::newRow("nothing") << QStringList{} << u"file"_s;
     QTest::newRow("no archive") << QStringList{u"extract"_s} << u"extract"_s;
-    QTest::newRow("unknown option") << QStringList{u"list"_s, u"--jsn"_s, u"a"_s} << u"--jsn"_s;
+    QTest::newRow("unknown option") << QStringList{u"list"_s, u"--jsn"_s, u"a"_s}
+                                    << u"did you mean “--json”?"_s;
     QTest::newRow("option of another command")
         << QStringList{u"list"_s, u"--to"_s, u"x"_s, u"a"_s} << u"--to"_s;
     QTest::newRow("option without a command") << QStringList{u"--json"_s, u"a"_s} << u"--json"_s;

@@ -125,6 +125,8 @@ void tst_terminal::exitStatus_data()
         << QStringList{u"extract"_s, u"none.zip"_s, u"good.zip"_s} << 4 << QByteArray("none.zip");
     QTest::newRow("one of two bad, the last")
         << QStringList{u"extract"_s, u"good.zip"_s, u"notes.txt"_s} << 4 << QByteArray("notes.txt");
+    QTest::newRow("one of two bad, the first")
+        << QStringList{u"extract"_s, u"cut.zip"_s, u"good.zip"_s} << 4 << QByteArray("cut.zip");
     QTest::newRow("list, one of two missing")
         << QStringList{u"list"_s, u"none.zip"_s, u"good.zip"_s} << 4 << QByteArray("none.zip");
     QTest::newRow("destination is a file")
