@@ -384,7 +384,7 @@ void tst_terminal::asksWhetherToGoOn_data()
     QTest::addColumn<int>("status");
     QTest::newRow("yes") << true << QByteArray("y\n") << 4;
     QTest::newRow("no") << true << QByteArray("\n") << 1;
-    QTest::newRow("nobody there") << false << QByteArray() << 1;
+    QTest::newRow("nobody there") << false << QByteArray() << 4;
 }
 
 void tst_terminal::asksWhetherToGoOn()

@@ -155,7 +155,8 @@ void TestOptions::controlsOfFormats()
     QFETCH(QString, format);
     QFETCH(bool, convert);
     QFETCH(QStringList, shown);
-    CVSettings::setValue(CVSettingsKey::createArchiveFormat, format);
+    CVSettings::setValue(convert ? CVSettingsKey::convertArchiveFormat : CVSettingsKey::createArchiveFormat,
+                         format);
     const auto check = [&](auto &screen) {
         screen.show();
         QStringList visible;

@@ -14,13 +14,17 @@ namespace {
 /// Nobody reads more in a bubble; file names alone can have 255 characters.
 constexpr qsizetype longestText = 600;
 
-QString plain(const QString &text)
+// Ends of lines are ours; in names they are escaped already.
+QString escapedLines(const QString &text)
 {
-    // Ends of lines are ours; in names they are escaped already.
     QStringList lines = text.split(u'\n');
     for (QString &line : lines)
         line = LXDisplay::displayEscaped(line);
-    QString shown = lines.join(u'\n');
+    return lines.join(u'\n');
+}
+
+QString cut(QString shown)
+{
     if (shown.size() <= longestText)
         return shown;
     shown.truncate(longestText - 1);
@@ -38,8 +42,9 @@ void notify(const QString &title, const QString &text)
                                                        u"/org/freedesktop/Notifications"_s,
                                                        u"org.freedesktop.Notifications"_s, u"Notify"_s);
     // The body may be read as markup, the title never is.
-    call << u"Corvane"_s << uint(0) << u"corvane"_s << plain(title) << plain(text).toHtmlEscaped()
-         << QStringList() << QVariantMap{{u"desktop-entry"_s, u"org.corvane.Corvane"_s}} << -1;
+    call << u"Corvane"_s << uint(0) << u"corvane"_s << cut(LXDisplay::displayEscaped(title))
+         << cut(escapedLines(text)).toHtmlEscaped() << QStringList()
+         << QVariantMap{{u"desktop-entry"_s, u"org.corvane.Corvane"_s}} << -1;
     bus->asyncCall(call, static_cast<int>(LXSessionBus::answerLimit.count()));
 }
 
