@@ -80,8 +80,14 @@ bool hasMoreRoom(const QString &folder, const QString &other)
 {
     struct statvfs its = {};
     struct statvfs others = {};
+    struct stat here = {};
+    struct stat there = {};
+    // Not by their f_fsid, which several kinds of file systems leave at zero.
+    if (::stat(bytesOfFileName(folder).constData(), &here) != 0 ||
+        ::stat(bytesOfFileName(other).constData(), &there) != 0 || here.st_dev == there.st_dev)
+        return false;
     return ::statvfs(bytesOfFileName(folder).constData(), &its) == 0 &&
-           ::statvfs(bytesOfFileName(other).constData(), &others) == 0 && its.f_fsid != others.f_fsid &&
+           ::statvfs(bytesOfFileName(other).constData(), &others) == 0 &&
            static_cast<double>(its.f_bavail) * static_cast<double>(its.f_frsize) >
                static_cast<double>(others.f_bavail) * static_cast<double>(others.f_frsize);
 }
