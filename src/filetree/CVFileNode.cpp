@@ -44,12 +44,15 @@ struct DirClose
     void operator()(DIR *dir) const noexcept { ::closedir(dir); }
 };
 
-bool isFolderEntry(DIR *dir, const dirent &entry)
+// Nothing where it cannot be told, and errno says why.
+std::optional<bool> isFolderEntry(DIR *dir, const dirent &entry)
 {
     if (entry.d_type != DT_UNKNOWN)
         return entry.d_type == DT_DIR;
     struct stat facts;
-    return ::fstatat(::dirfd(dir), entry.d_name, &facts, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(facts.st_mode);
+    if (::fstatat(::dirfd(dir), entry.d_name, &facts, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return S_ISDIR(facts.st_mode);
 }
 
 // With those above it that are missing.
@@ -117,7 +120,10 @@ CVFileNode::Pointer CVFileNode::buildFromFile(const QString &name, const std::st
 {
     auto top = create(name);
     List folders;
-    if (const LXFileWrapper facts(name); facts.isDirectory())
+    struct stat facts;
+    if (::lstat(bytesOfItem(name).constData(), &facts) != 0)
+        top->m_isIncomplete = errno != ENOENT && errno != ENOTDIR;
+    else if (S_ISDIR(facts.st_mode))
         folders.push_back(top);
     while (!folders.empty() && !stop.stop_requested()) {
         const auto folder = std::move(folders.back());
@@ -130,7 +136,9 @@ CVFileNode::Pointer CVFileNode::buildFromFile(const QString &name, const std::st
             if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
                 continue;
             auto child = create(fileNameFromBytes(QByteArray(prefix + entry->d_name)));
-            if (isFolderEntry(dir.get(), *entry))
+            const std::optional<bool> isFolder = isFolderEntry(dir.get(), *entry);
+            child->m_isIncomplete = !isFolder && errno != ENOENT; // else a folder would be packed empty
+            if (isFolder.value_or(false))
                 folders.push_back(child);
             folder->appendChild(std::move(child));
             errno = 0;

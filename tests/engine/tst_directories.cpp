@@ -283,9 +283,9 @@ void TestDirectories::tempDir()
 
 void TestDirectories::listOfWorkDirectories()
 {
-    CVWorkDirectoryManager::registerWorkDir(u"/a/.corvane-1"_s);
-    CVWorkDirectoryManager::registerWorkDir(u"/a/.corvane-2"_s);
-    CVWorkDirectoryManager::registerWorkDir(u"/a/.corvane-1"_s);
+    (void)CVWorkDirectoryManager::registerWorkDir(u"/a/.corvane-1"_s);
+    (void)CVWorkDirectoryManager::registerWorkDir(u"/a/.corvane-2"_s);
+    (void)CVWorkDirectoryManager::registerWorkDir(u"/a/.corvane-1"_s);
     CVWorkDirectoryManager::removeWorkDir(u"/a/.corvane-1"_s);
     CVWorkDirectoryManager::removeWorkDir(u"/a/.corvane-3"_s);
     const QStringList left{u"/a/.corvane-1"_s, u"/a/.corvane-2"_s};
@@ -299,7 +299,7 @@ void TestDirectories::processesKeepOneList()
     const pid_t child = ::fork();
     for (int i = 0; i < 50; ++i) {
         const QString path = u"/a/.corvane-%1-%2"_s.arg(child == 0).arg(i);
-        CVWorkDirectoryManager::registerWorkDir(path);
+        (void)CVWorkDirectoryManager::registerWorkDir(path);
         if (i % 2 == 0)
             CVWorkDirectoryManager::removeWorkDir(path);
     }

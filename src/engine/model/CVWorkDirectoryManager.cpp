@@ -42,7 +42,7 @@ LXFileDescriptor openedDirectory(const QString &path)
         ::open(bytesOfFileName(path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-void changeList(const std::function<void(QStringList &)> &change)
+LXResult<void> changeList(const std::function<void(QStringList &)> &change)
 {
     const auto saved = CVSettings::store()->update(CVSettingsKey::tempDirs, [&](const QVariant &stored) {
         QStringList list = stored.toStringList();
@@ -51,6 +51,21 @@ void changeList(const std::function<void(QStringList &)> &change)
     });
     if (!saved)
         LX_WARNING(lcWorkDirectories, "%s", qUtf8Printable(saved.error().reason));
+    return saved;
+}
+
+bool isLackOfMeans(int failure)
+{
+    return failure == EMFILE || failure == ENFILE || failure == ENOMEM;
+}
+
+LXError workDirError(const QString &path, int failure)
+{
+    return LXError{.domain = QStringLiteral("NSPOSIXErrorDomain"),
+                   .code = failure,
+                   .description = path,
+                   .reason = QString::fromLocal8Bit(std::strerror(failure)),
+                   .suggestion = {}};
 }
 
 // The folder and those above it that are missing. 0 or an errno.
@@ -95,7 +110,7 @@ void listAgain(const QString &path)
 {
     if (CVWorkDirectoryManager::workDirs().contains(path))
         return;
-    changeList([&](QStringList &list) {
+    (void)changeList([&](QStringList &list) {
         if (!list.contains(path))
             list.append(path);
     });
@@ -110,7 +125,10 @@ bool isNamed(QStringView name, QLatin1StringView prefix)
 
 LXResult<void> CVWorkDirectoryManager::makeWorkDir(const QString &path)
 {
-    registerWorkDir(path);
+    if (const auto listed = registerWorkDir(path); !listed) {
+        removeWorkDir(path); // from memory
+        return workDirError(path, listed.error().code);
+    }
     int failure = 0;
     do {
         // A cleaning in another process may find it before the lock does.
@@ -118,11 +136,7 @@ LXResult<void> CVWorkDirectoryManager::makeWorkDir(const QString &path)
     } while (failure == 0 && !lockWorkDir(path));
     if (failure != 0) {
         removeWorkDir(path);
-        return LXError{.domain = QStringLiteral("NSPOSIXErrorDomain"),
-                       .code = failure,
-                       .description = path,
-                       .reason = QString::fromLocal8Bit(std::strerror(failure)),
-                       .suggestion = {}};
+        return workDirError(path, failure);
     }
     // Or its entry, when there was no such directory yet.
     listAgain(path);
@@ -159,14 +173,17 @@ void CVWorkDirectoryManager::keepWorkDir(const QString &path)
     unlockWorkDir(path);
 }
 
-void CVWorkDirectoryManager::registerWorkDir(const QString &path)
+LXResult<void> CVWorkDirectoryManager::registerWorkDir(const QString &path)
 {
-    changeList([&](QStringList &list) { list.append(path); });
+    const auto saved = changeList([&](QStringList &list) { list.append(path); });
+    if (!saved && isLackOfMeans(saved.error().code))
+        return saved;
+    return {};
 }
 
 void CVWorkDirectoryManager::removeWorkDir(const QString &path)
 {
-    changeList([&](QStringList &list) {
+    (void)changeList([&](QStringList &list) {
         const qsizetype last = list.lastIndexOf(path);
         if (last >= 0)
             list.removeAt(last);
@@ -180,7 +197,7 @@ QStringList CVWorkDirectoryManager::workDirs()
 
 void CVWorkDirectoryManager::forget(const QStringList &paths)
 {
-    changeList([&](QStringList &list) {
+    (void)changeList([&](QStringList &list) {
         for (const QString &path : paths)
             list.removeOne(path);
     });

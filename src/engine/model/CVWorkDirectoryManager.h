@@ -27,8 +27,9 @@ public:
     /// place) only leaves the list. What cannot be removed is logged and stays listed.
     static void discardWorkDir(const QString &path);
 
-    /// The list alone. The last equal entry goes.
-    static void registerWorkDir(const QString &path);
+    /// The list alone. The last equal entry goes. An error where there is no memory or no open file for it; a
+    /// list that may not be written lives in memory.
+    static LXResult<void> registerWorkDir(const QString &path);
     static void removeWorkDir(const QString &path);
 
     static QStringList workDirs();
