@@ -8,8 +8,10 @@
 #include "cli/CVTerminalSignals.h"
 #include "engine/model/CVOperationQueue.h"
 #include "engine/model/CVSettings.h"
+#include "util/LXConfinement.h"
 #include "util/LXFileName.h"
 #include "util/LXMainThread.h"
+#include "util/LXSecrets.h"
 
 #include <QCoreApplication>
 
@@ -186,6 +188,7 @@ int runJobs(const CVTerminalArguments &arguments, CVTerminal &terminal, CVTermin
 
 int main(int argc, char **argv)
 {
+    LXSecrets::protectThisProcess(); // the environment may hold a password already
     std::optional<QString> password = CVTerminalPasswords::takeFromEnvironment();
     useUtf8Locale();
     // A reader of our output that goes away must not take the clean-up with it.
@@ -221,7 +224,10 @@ int main(int argc, char **argv)
     if (arguments.command == CVTerminalArguments::Command::Help)
         return terminal.writeOutput(CVTerminalArguments::help().toUtf8()) ? 0 : 1;
     if (arguments.command == CVTerminalArguments::Command::Version)
-        return terminal.printResult(u"corvane "_s + QCoreApplication::applicationVersion()) ? 0 : 1;
+        return terminal.printResult(u"corvane "_s + QCoreApplication::applicationVersion()) &&
+                       terminal.printResult(LXConfinement::description())
+                   ? 0
+                   : 1;
 
     if (arguments.passwordFile) {
         const auto read = CVTerminalPasswords::readFile(*arguments.passwordFile);

@@ -5,6 +5,7 @@
 #include "ui/options/CVFormatButton.h"
 #include "ui/options/CVFormatButtonBarView.h"
 #include "ui/options/CVVolumeRow.h"
+#include "util/LXSecrets.h"
 
 #include <QAccessible>
 #include <QCheckBox>
@@ -257,6 +258,7 @@ QLineEdit *CVEditArchiveView::passwordLine(const QString &name)
 {
     auto *line = new QLineEdit(this);
     line->setEchoMode(QLineEdit::Password);
+    connect(line, &QLineEdit::textChanged, &LXSecrets::protectThisProcess);
     line->setAccessibleName(name);
     // Neither spelling nor words learnt from a password.
     line->setInputMethodHints(Qt::ImhHiddenText | Qt::ImhNoPredictiveText | Qt::ImhNoAutoUppercase |

@@ -6,6 +6,7 @@
 #include "util/LXDisplay.h"
 #include "util/LXMainThread.h"
 #include "util/LXPendingAnswer.h"
+#include "util/LXSecrets.h"
 
 #include <QAction>
 #include <QCheckBox>
@@ -58,6 +59,7 @@ CVPasswordViewController::CVPasswordViewController(CVScreenNavigator &navigator,
     m_field->setAccessibleName(tr("Password"));
     m_field->setPlaceholderText(tr("Password"));
     m_field->installEventFilter(this);
+    connect(m_field, &QLineEdit::textChanged, &LXSecrets::protectThisProcess);
     m_show->setChecked(CVSettings::boolean(CVSettingsKey::shouldShowPassword));
     connect(m_show, &QCheckBox::toggled, this, [this](bool shown) {
         CVSettings::setValue(CVSettingsKey::shouldShowPassword, shown);

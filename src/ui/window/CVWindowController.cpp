@@ -5,6 +5,7 @@
 #include "ui/base/CVViewController.h"
 #include "ui/window/CVMainWindow.h"
 #include "ui/window/CVWindowScreens.h"
+#include "util/LXConfinement.h"
 
 #include <QAction>
 #include <QGuiApplication>
@@ -106,7 +107,8 @@ void CVWindowController::showAbout()
     about->setTextFormat(Qt::PlainText);
     about->setIconPixmap(CVTheme::icon(u"app/corvane"_s).pixmap(CVTheme::scaled(64)));
     about->setText(tr("Corvane %1").arg(QGuiApplication::applicationVersion()));
-    about->setInformativeText(tr("Opens, packs, converts, splits and joins archives."));
+    about->setInformativeText(tr("Opens, packs, converts, splits and joins archives.") + u"\n\n"_s +
+                              LXConfinement::description());
     about->setStandardButtons(QMessageBox::Close);
     about->open();
 }
