@@ -22,6 +22,7 @@
 #include <QRegularExpression>
 #include <QSet>
 #include <QTemporaryDir>
+#include <QTimeZone>
 
 #include <algorithm>
 #include <array>
@@ -239,7 +240,7 @@ Listing::Item itemFrom(const QJsonObject &object)
     const QDateTime modified = QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd HH:mm:ss"));
     if (modified.isValid() && modified.date().year() >= 1904 && modified.date().year() < 2200)
         entry.modified =
-            QDateTime(modified.date(), modified.time(), Qt::UTC).toSecsSinceEpoch() * 1'000'000'000;
+            QDateTime(modified.date(), modified.time(), QTimeZone::utc()).toSecsSinceEpoch() * 1'000'000'000;
 
     // What the program checks by itself is left to it; this catches a mix-up of entries of equal size.
     // RAR 5 may keep a keyed sum instead (bit 1 of the flags), which cannot be compared without the key.

@@ -59,6 +59,44 @@ private:
     std::size_t m_size = 0;
 };
 
+// The library changed these between 0.27 (Debian 12) and 0.28 (Debian 13).
+#if EXIV2_TEST_VERSION(0, 28, 0)
+QByteArray profileOf(const Exiv2::Image &image)
+{
+    const Exiv2::DataBuf &profile = image.iccProfile();
+    return {reinterpret_cast<const char *>(profile.c_data()), static_cast<qsizetype>(profile.size())};
+}
+
+std::int64_t numberOf(const Exiv2::Exifdatum &tag)
+{
+    return tag.toInt64();
+}
+
+void setProfile(Exiv2::Image &image, const QByteArray &profile)
+{
+    image.setIccProfile(Exiv2::DataBuf(reinterpret_cast<const unsigned char *>(profile.constData()),
+                                       static_cast<std::size_t>(profile.size())));
+}
+#else
+QByteArray profileOf(Exiv2::Image &image)
+{
+    const Exiv2::DataBuf &profile = *image.iccProfile();
+    return {reinterpret_cast<const char *>(profile.pData_), profile.size_};
+}
+
+std::int64_t numberOf(const Exiv2::Exifdatum &tag)
+{
+    return tag.toLong();
+}
+
+void setProfile(Exiv2::Image &image, const QByteArray &bytes)
+{
+    Exiv2::DataBuf profile(reinterpret_cast<const unsigned char *>(bytes.constData()),
+                           static_cast<long>(bytes.size()));
+    image.setIccProfile(profile);
+}
+#endif
+
 bool holds(const Exiv2::Image &image, Exiv2::MetadataId what)
 {
     return (image.checkMode(what) & Exiv2::amWrite) != 0;
@@ -119,8 +157,7 @@ CVImageTags CVImageTags::ofFile(const QByteArray &path)
         tags.d->xmp = image->xmpData();
         tags.d->comment = image->comment();
         if (image->iccProfileDefined())
-            tags.d->profile = QByteArray(reinterpret_cast<const char *>(image->iccProfile()->pData_),
-                                         image->iccProfile()->size_);
+            tags.d->profile = profileOf(*image);
     } catch (const std::exception &) {
         qCDebug(lcTags) << "no tags are read from this file";
     }
@@ -156,7 +193,7 @@ int CVImageTags::orientation() const
         const auto found = d->exif.findKey(Exiv2::ExifKey("Exif.Image.Orientation"));
         if (found == d->exif.end() || found->count() == 0)
             return 1;
-        const long value = found->toLong();
+        const std::int64_t value = numberOf(*found);
         return value >= 1 && value <= 8 ? static_cast<int>(value) : 1;
     } catch (const std::exception &) {
         return 1;
@@ -222,11 +259,8 @@ void CVImageTags::write(int descriptor, bool withProfile) const
                 image->setXmpData(d->xmp);
             if (holds(*image, Exiv2::mdComment) && !d->comment.empty())
                 image->setComment(d->comment);
-            if (withProfile && !d->profile.isEmpty()) {
-                Exiv2::DataBuf profile(reinterpret_cast<const unsigned char *>(d->profile.constData()),
-                                       static_cast<long>(d->profile.size()));
-                image->setIccProfile(profile);
-            }
+            if (withProfile && !d->profile.isEmpty())
+                setProfile(*image, d->profile);
             image->writeMetadata();
             Exiv2::BasicIo &io = image->io();
             if (io.open() != 0)

@@ -64,6 +64,15 @@ LXError tooLarge()
     return pictureError(QStringLiteral("The image is too large for this format."));
 }
 
+bool hasAlpha(const Magick::Image &image)
+{
+#if MagickLibVersion >= 0x700
+    return image.alpha();
+#else
+    return image.matte();
+#endif
+}
+
 bool isHeif(const char *format)
 {
     return std::strcmp(format, "HEIC") == 0 || std::strcmp(format, "AVIF") == 0;
@@ -122,7 +131,7 @@ LXResult<CVPicture> read(const QByteArray &path, const char *format)
         if (!isRgb)
             image.colorSpace(Magick::sRGBColorspace);
         const bool deep = image.depth() > 8;
-        const bool clear = image.matte();
+        const bool clear = hasAlpha(image);
         const QSize size(static_cast<int>(image.columns()), static_cast<int>(image.rows()));
         const QImage::Format layout = deep ? (clear ? QImage::Format_RGBA64 : QImage::Format_RGBX64)
                                            : (clear ? QImage::Format_RGBA8888 : QImage::Format_RGBX8888);

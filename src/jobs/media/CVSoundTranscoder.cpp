@@ -62,7 +62,14 @@ int readFile(void *opaque, std::uint8_t *buffer, int size)
     return n > 0 ? static_cast<int>(n) : n == 0 ? AVERROR_EOF : AVERROR(errno);
 }
 
-int writeFile(void *opaque, std::uint8_t *buffer, int size)
+// The library takes a writer of constant bytes since version 61.
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+using OutgoingBytes = const std::uint8_t;
+#else
+using OutgoingBytes = std::uint8_t;
+#endif
+
+int writeFile(void *opaque, OutgoingBytes *buffer, int size)
 {
     return writeAll(*static_cast<int *>(opaque), buffer, static_cast<std::size_t>(size)) ? size
                                                                                          : AVERROR(errno);
@@ -131,21 +138,45 @@ Io openIo(int &descriptor, bool forWriting)
     return Io(checked(io));
 }
 
+/// Ended by a zero; null: any rate.
+const int *ratesOf(const AVCodec *encoder)
+{
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
+    const void *rates = nullptr;
+    const int found =
+        avcodec_get_supported_config(nullptr, encoder, AV_CODEC_CONFIG_SAMPLE_RATE, 0, &rates, nullptr);
+    return found < 0 ? nullptr : static_cast<const int *>(rates);
+#else
+    return encoder->supported_samplerates;
+#endif
+}
+
 int nearestRate(const AVCodec *encoder, int rate)
 {
     int best = 0;
-    for (const int *known = encoder->supported_samplerates; known && *known; ++known)
+    for (const int *known = ratesOf(encoder); known && *known; ++known)
         if (best == 0 || std::abs(*known - rate) < std::abs(best - rate))
             best = *known;
     return best ? best : rate;
+}
+
+/// Does the stream carry what is needed to decrypt it?
+bool hasEncryptionData(const AVStream &stream)
+{
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(60, 31, 100)
+    const AVCodecParameters &parameters = *stream.codecpar;
+    return av_packet_side_data_get(parameters.coded_side_data, parameters.nb_coded_side_data,
+                                   AV_PKT_DATA_ENCRYPTION_INIT_INFO) != nullptr;
+#else
+    return av_stream_get_side_data(&stream, AV_PKT_DATA_ENCRYPTION_INIT_INFO, nullptr) != nullptr;
+#endif
 }
 
 bool isProtected(const AVStream &stream)
 {
     const std::uint32_t tag = stream.codecpar->codec_tag;
     return tag == MKTAG('d', 'r', 'm', 's') || tag == MKTAG('e', 'n', 'c', 'a') ||
-           tag == MKTAG('a', 'a', 'v', 'd') ||
-           av_stream_get_side_data(&stream, AV_PKT_DATA_ENCRYPTION_INIT_INFO, nullptr) != nullptr;
+           tag == MKTAG('a', 'a', 'v', 'd') || hasEncryptionData(stream);
 }
 
 bool isCover(const AVStream &stream)
