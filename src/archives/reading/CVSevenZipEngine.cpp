@@ -4,6 +4,7 @@
 #include "archives/reading/CVSevenZipArchive.h"
 #include "archives/reading/CVSevenZipExtraction.h"
 #include "archives/reading/CVSevenZipFormats.h"
+#include "archives/reading/CVSevenZipHeader.h"
 #include "archives/reading/CVSevenZipNames.h"
 #include "archives/reading/CVSevenZipPeek.h"
 
@@ -34,8 +35,6 @@ constexpr std::size_t shareItems = 512;
 constexpr qint64 leastDecoderMemory = 256 * mebibyte;
 /// Real data is not packed better than this; what is (zeros) needs no large window.
 constexpr qint64 plausibleRatio = 100;
-/// The directory of a 7z with several million entries; the module holds it in memory as a whole.
-constexpr qint64 maximumDirectoryBytes = 256 * mebibyte;
 /// 100 ns units between 1601 and 1970.
 constexpr std::int64_t unixEpochTicks = 116444736000000000;
 
@@ -107,6 +106,26 @@ CVSevenZipFailure archiveFailure(const CVSevenZipLibrary &library, InArchive &ar
     return {};
 }
 
+CVSevenZipFailure headerFailure(const CVSevenZipSource &source, qint64 offset)
+{
+    switch (cvSevenZipCheckHeader(source, offset)) {
+    case CVSevenZipHeader::Whole:
+        break;
+    case CVSevenZipHeader::TooShort:
+        return {XADErrorCode::Damaged,
+                source.isNumbered()
+                    ? QStringLiteral("The archive ends too early; a part of the set may be missing.")
+                    : QStringLiteral("The archive ends too early.")};
+    case CVSevenZipHeader::Damaged:
+        return {XADErrorCode::Damaged, QStringLiteral("The checksum of the directory does not fit.")};
+    case CVSevenZipHeader::OtherVersion:
+        return {XADErrorCode::NotSupported, QStringLiteral("The archive is of another version.")};
+    case CVSevenZipHeader::TooLarge:
+        return {XADErrorCode::NotSupported, QStringLiteral("The directory of the archive is too large.")};
+    }
+    return {};
+}
+
 class SevenZipEngine final : public CVReadingEngine
 {
 public:
@@ -172,8 +191,10 @@ CVSevenZipFailure SevenZipEngine::open(const CVSevenZipGuess &guess)
     const auto &format = m_library.formats()[std::size_t(guess.format)];
     m_archive = std::make_unique<CVSevenZipArchive>(
         m_library, m_source, [this] { return m_host.password(); }, [this] { return m_host.shouldStop(); });
-    if (format.name == "7z" && cvSevenZipDirectorySize(*m_source, guess.offset) > maximumDirectoryBytes)
-        return {XADErrorCode::NotSupported, QStringLiteral("The directory of the archive is too large.")};
+    if (CVSevenZipFailure failure =
+            format.name == "7z" ? headerFailure(*m_source, guess.offset) : CVSevenZipFailure{};
+        failure.code != XADErrorCode::None)
+        return failure;
     const Result result = m_archive->open(format, guess.offset, availableCores());
     const CVSevenZipOpenCallback &callback = m_archive->callback();
     if (callback.stopped())
@@ -658,7 +679,10 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
             bytes.tail = source->readAt(std::max<qint64>(0, bytes.size - 64 * 1024 - 22), 64 * 1024 + 22);
 
         const auto guesses = cvSevenZipGuesses(*library, bytes);
-        if (!guesses.empty() && library->formats()[std::size_t(guesses.front().format)].name == "Arj") {
+        const auto formatOf = [library](const CVSevenZipGuess &guess) {
+            return library->formats()[std::size_t(guess.format)].name;
+        };
+        if (!guesses.empty() && formatOf(guesses.front()) == "Arj") {
             if (const CVArjDivision division = cvArjDivision(*source, guesses.front().offset);
                 division.isVolume)
                 return openArjVolumes(*library, guesses.front(), probe.path, host);
@@ -679,6 +703,10 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
             }
             if (first.code == XADErrorCode::None)
                 first = failure;
+            // The checksums of a 7z leave no doubt, and a reader that looks at fewer of them makes of the
+            // rest what it can: an entry of another kind, or parts that are merely joined.
+            if (failure.code == XADErrorCode::Damaged && formatOf(guess) == "7z")
+                return {nullptr, failure.code, failure.text, true};
         }
         if (first.code == XADErrorCode::None)
             return {nullptr, XADErrorCode::NotSupported, QStringLiteral("The format is not known.")};

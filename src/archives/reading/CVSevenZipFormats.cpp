@@ -2,6 +2,8 @@
 
 #include <QtEndian>
 
+#include <libdeflate.h>
+
 #include <algorithm>
 #include <array>
 
@@ -81,23 +83,12 @@ const Rating *ratingOf(const QByteArray &format)
     return found == ratings.end() ? nullptr : &*found;
 }
 
-std::uint32_t crc32(const QByteArray &bytes)
-{
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (const char c : bytes) {
-        crc ^= quint8(c);
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ (0xEDB88320U & (0U - (crc & 1)));
-    }
-    return ~crc;
-}
-
 /// The start header of 7z carries its own checksum: no false find inside a program.
 bool isSevenZipAt(const QByteArray &bytes, qsizetype at)
 {
     constexpr qsizetype startHeaderSize = 32;
-    return at + startHeaderSize <= bytes.size() &&
-           crc32(bytes.mid(at + 12, 20)) == qFromLittleEndian<quint32>(bytes.constData() + at + 8);
+    return at + startHeaderSize <= bytes.size() && libdeflate_crc32(0, bytes.constData() + at + 12, 20) ==
+                                                       qFromLittleEndian<quint32>(bytes.constData() + at + 8);
 }
 
 /// Version 1.3 and a plausible size.

@@ -4,11 +4,9 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QtEndian>
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,84 +18,29 @@ namespace {
 /// More parts than any real set; a folder cannot make us hold every descriptor of the process.
 constexpr int maximumParts = 10000;
 
-/// Reads the records of a 7z directory. Past the end or out of range everything is 0 and isBad.
-class DirectoryReader
+/// Whether the name ends in the number one, as that of the first of several parts does.
+bool isFirstPart(const QString &path)
 {
-public:
-    explicit DirectoryReader(QByteArrayView data)
-        : m_data(data)
-    {}
-
-    bool isBad() const { return m_isBad; }
-    quint8 byte()
-    {
-        m_isBad = m_isBad || m_at >= m_data.size();
-        return m_isBad ? 0 : quint8(m_data[m_at++]);
-    }
-    void skip(quint64 bytes)
-    {
-        m_isBad = m_isBad || bytes > quint64(m_data.size() - m_at);
-        m_at += m_isBad ? 0 : qsizetype(bytes);
-    }
-    /// The leading ones of the first byte say how many bytes follow; its other bits are the highest.
-    quint64 number()
-    {
-        const quint8 first = byte();
-        quint64 value = 0;
-        quint8 mask = 0x80;
-        for (int i = 0; i < 8; ++i, mask >>= 1) {
-            if (!(first & mask))
-                return value | quint64(first & (mask - 1)) << (8 * i);
-            value |= quint64(byte()) << (8 * i);
-        }
-        return value;
-    }
-    /// A number of things of which each takes at least a byte here.
-    quint64 count()
-    {
-        const quint64 value = number();
-        m_isBad = m_isBad || value > quint64(m_data.size());
-        return m_isBad ? 0 : value;
-    }
-
-private:
-    QByteArrayView m_data;
-    qsizetype m_at = 0;
-    bool m_isBad = false;
-};
-
-/// Passes over the description of one folder; the number of streams that come out of its coders.
-quint64 skipFolder(DirectoryReader &reader)
-{
-    quint64 in = 0;
-    quint64 out = 0;
-    for (quint64 coders = reader.count(); coders > 0 && !reader.isBad(); --coders) {
-        const quint8 kind = reader.byte();
-        reader.skip(kind & 0x0F);
-        in += kind & 0x10 ? reader.count() : 1;
-        out += kind & 0x10 ? reader.count() : 1;
-        if (kind & 0x20)
-            reader.skip(reader.count());
-    }
-    const quint64 bonds = out > 0 ? out - 1 : 0;
-    for (quint64 i = 0; i < 2 * bonds && !reader.isBad(); ++i)
-        (void)reader.number();
-    for (quint64 i = bonds; in > bonds + 1 && i < in && !reader.isBad(); ++i)
-        (void)reader.number();
-    return out;
+    const qsizetype dot = path.lastIndexOf(u'.');
+    const QStringView number = QStringView(path).mid(dot + 1);
+    return dot >= 0 && number.size() >= 2 && number.size() <= 6 && number.toInt() == 1 &&
+           std::all_of(number.begin(), number.end(), [](QChar c) { return c >= u'0' && c <= u'9'; });
 }
 
 } // namespace
 
+bool CVSevenZipSource::isNumbered() const
+{
+    return isFirstPart(m_paths.first());
+}
+
 QStringList CVSevenZipSource::numberedParts(const QString &path)
 {
     QStringList paths{path};
-    const qsizetype dot = path.lastIndexOf(u'.');
-    const QStringView number = QStringView(path).mid(dot + 1);
-    if (dot < 0 || number.size() < 2 || number.size() > 6 || number.toInt() != 1 ||
-        !std::all_of(number.begin(), number.end(), [](QChar c) { return c >= u'0' && c <= u'9'; }))
+    if (!isFirstPart(path))
         return paths;
-    const int width = int(number.size());
+    const qsizetype dot = path.lastIndexOf(u'.');
+    const int width = int(path.size() - dot - 1);
     for (int next = 2; next <= maximumParts; ++next) {
         const QString part =
             QStringView(path).left(dot + 1) + QStringLiteral("%1").arg(next, width, 10, QChar(u'0'));
@@ -197,52 +140,4 @@ Result CVSevenZipInStream::GetSize(std::uint64_t *size)
 {
     *size = std::uint64_t(m_source->size());
     return Ok;
-}
-
-qint64 cvSevenZipDirectorySize(const CVSevenZipSource &source, qint64 offset)
-{
-    constexpr qint64 startHeaderSize = 32;
-    constexpr qint64 mostDescription = 64 * 1024; // a real one has some dozen bytes
-    enum Record : quint8 {
-        End = 0,
-        PackInfo = 6,
-        UnpackInfo = 7,
-        Sizes = 9,
-        Folders = 11,
-        UnpackSizes = 12,
-        Packed = 23
-    };
-
-    const QByteArray start = source.readAt(offset, startHeaderSize);
-    if (start.size() < startHeaderSize)
-        return 0;
-    const auto directoryAt = qFromLittleEndian<quint64>(start.constData() + 12);
-    const auto directorySize = qFromLittleEndian<quint64>(start.constData() + 20);
-    if (directoryAt > quint64(source.size()))
-        return 0;
-    const QByteArray description = source.readAt(offset + startHeaderSize + qint64(directoryAt),
-                                                 qint64(std::min<quint64>(directorySize, mostDescription)));
-    DirectoryReader reader(description);
-    if (reader.byte() != Packed || reader.byte() != PackInfo)
-        return 0;
-    (void)reader.number();
-    const quint64 streams = reader.count();
-    if (reader.byte() != Sizes)
-        return 0;
-    for (quint64 i = 0; i < streams && !reader.isBad(); ++i)
-        (void)reader.number();
-    if (reader.byte() != End || reader.byte() != UnpackInfo || reader.byte() != Folders)
-        return 0;
-    const quint64 folders = reader.count();
-    if (reader.byte() != 0)
-        return 0;
-    quint64 outputs = 0;
-    for (quint64 i = 0; i < folders && !reader.isBad(); ++i)
-        outputs += skipFolder(reader);
-    if (reader.byte() != UnpackSizes)
-        return 0;
-    quint64 largest = 0;
-    for (quint64 i = 0; i < outputs && !reader.isBad(); ++i)
-        largest = std::max(largest, reader.number());
-    return reader.isBad() ? 0 : qint64(std::min<quint64>(largest, std::numeric_limits<qint64>::max()));
 }

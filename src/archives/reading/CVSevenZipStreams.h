@@ -22,6 +22,8 @@ public:
 
     qint64 size() const { return m_size; }
     const QStringList &paths() const { return m_paths; }
+    /// It is a set of parts, even if only the first one is there.
+    bool isNumbered() const;
 
     /// How many bytes came; less than `size` only at the end. Below zero on a read error.
     qint64 readAt(char *data, qint64 size, qint64 offset) const;
@@ -64,7 +66,3 @@ private:
     std::shared_ptr<const CVSevenZipSource> m_source;
     qint64 m_position = 0;
 };
-
-/// How large the packed directory of the 7z archive at `offset` says that it becomes; 0 when it is not
-/// packed or does not make sense (the module finds out which). For a look before it is unpacked.
-qint64 cvSevenZipDirectorySize(const CVSevenZipSource &source, qint64 offset);

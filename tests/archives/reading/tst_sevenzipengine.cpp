@@ -361,13 +361,27 @@ private Q_SLOTS:
         compareWithTree(whole, m_tree);
         QVERIFY(whole.opened.engine->volumePaths().contains(m_folder.filePath(lost)));
 
-        QVERIFY(QFile::remove(m_folder.filePath(lost)));
-        Reading partial(path);
-        if (partial.opened.engine) {
-            partial.extractAll();
-            QVERIFY(!partial.isWhole());
-        } else {
-            QCOMPARE(partial.opened.code, XADErrorCode::Damaged);
+        // What another reader could make of such a set (one part alone, parts merely joined) is shorter.
+        const QFileInfo place(path);
+        QStringList parts = place.dir().entryList(QDir::Files, QDir::Name);
+        QVERIFY(parts.size() >= 3);
+        for (const qsizetype which : {qsizetype(0), parts.size() / 2, parts.size() - 1}) {
+            const QString part = place.dir().filePath(parts[which]);
+            const Bytes good = readFile(part);
+            Bytes foreign = good;
+            std::reverse(foreign.begin(), foreign.end());
+            for (const Bytes &bad : {good.left(9), good.chopped(1), Bytes(), foreign, Bytes("missing")}) {
+                QVERIFY(bad == "missing" ? QFile::remove(part) : writeFile(part, bad));
+                Reading partial(path);
+                if (partial.opened.engine) {
+                    partial.extractAll();
+                    QVERIFY2(!partial.isWhole(), qPrintable(part));
+                } else if (partial.bid > 0 && first.contains(QLatin1String(".7z"))) {
+                    QCOMPARE(partial.opened.code, XADErrorCode::Damaged);
+                    QVERIFY2(partial.opened.damageIsCertain, qPrintable(part));
+                }
+            }
+            QVERIFY(writeFile(part, good));
         }
     }
 
@@ -457,6 +471,36 @@ private Q_SLOTS:
             QVERIFY2(whole == hashes.size() || !reading.isWhole(),
                      qPrintable(QStringLiteral("damage %1").arg(damage)));
         }
+    }
+
+    void damageToTheDirectoryIsFinal_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("place"); // below zero: from the end
+        const QStringList packed{QStringLiteral("-mhc=on")};
+        const QStringList plain{QStringLiteral("-mhc=off")};
+        QTest::newRow("checksum of the start") << packed << 8;
+        QTest::newRow("place of the directory") << packed << 12;
+        QTest::newRow("size of the directory") << plain << 20;
+        QTest::newRow("checksum of the directory") << plain << 28;
+        QTest::newRow("a name") << plain << -60;
+        QTest::newRow("description of the packed directory") << packed << -4;
+        QTest::newRow("packed directory") << packed << -60;
+    }
+
+    void damageToTheDirectoryIsFinal()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(int, place);
+        const QString path = m_folder.filePath(QStringLiteral("directory.7z"));
+        QFile::remove(path);
+        QVERIFY(!archiveOf(QStringLiteral("directory.7z"), options, m_tree).isEmpty());
+        Bytes bytes = readFile(path);
+        bytes[place < 0 ? bytes.size() + place : place] ^= 1;
+        QVERIFY(writeFile(path, bytes));
+        Reading reading(path);
+        QCOMPARE(reading.opened.code, XADErrorCode::Damaged);
+        QVERIFY(reading.opened.damageIsCertain);
     }
 
     void givesOnlyChosenEntries()
