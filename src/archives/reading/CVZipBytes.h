@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <functional>
 
 #include <unistd.h>
 
@@ -37,6 +38,9 @@ inline quint64 u64(const char *at)
 {
     return qFromLittleEndian<quint64>(at);
 }
+
+/// Reads at a place of an archive; fewer bytes than asked only at the end, below zero on an error.
+using Input = std::function<qint64(char *to, qint64 size, quint64 offset)>;
 
 /// Reads until `size` bytes are there or the file ends. The file is read, never mapped: one that is
 /// cut short while we work gives a short read, a mapping would give a fatal signal.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <ctime>
 
@@ -196,12 +197,13 @@ qsizetype CVZipDirectory::findEnd(QByteArrayView tail, bool toTheEnd)
     return -1;
 }
 
-CVZipDirectory::Outcome CVZipDirectory::read(int fd, quint64 fileSize)
+CVZipDirectory::Outcome CVZipDirectory::read(const Input &input, quint64 fileSize, Accept accept)
 {
+    m_accept = accept;
     const qint64 tailSize = qint64(std::min(fileSize, quint64(endSize + longestComment)));
     const quint64 tailOffset = fileSize - quint64(tailSize);
     QByteArray tail(tailSize, Qt::Uninitialized);
-    if (readAt(fd, tail.data(), tailSize, tailOffset) != tailSize)
+    if (input(tail.data(), tailSize, tailOffset) != tailSize)
         return {XADErrorCode::Damaged, QStringLiteral("The file could not be read.")};
 
     qsizetype end = findEnd(tail, true);
@@ -211,13 +213,13 @@ CVZipDirectory::Outcome CVZipDirectory::read(int fd, quint64 fileSize)
         return notForUs(QStringLiteral("There is no end of a ZIP directory."));
 
     Place place;
-    Outcome outcome = locate(fd, fileSize, tail, tailOffset, end, place);
+    Outcome outcome = locate(input, fileSize, tail, tailOffset, end, place);
     if (outcome.code == XADErrorCode::None)
-        outcome = readRecords(fd, place);
+        outcome = readRecords(input, place);
     return outcome;
 }
 
-CVZipDirectory::Outcome CVZipDirectory::locate(int fd, quint64 fileSize, QByteArrayView tail,
+CVZipDirectory::Outcome CVZipDirectory::locate(const Input &input, quint64 fileSize, QByteArrayView tail,
                                                quint64 tailOffset, qsizetype end, Place &place)
 {
     const char *record = tail.data() + end;
@@ -229,14 +231,14 @@ CVZipDirectory::Outcome CVZipDirectory::locate(int fd, quint64 fileSize, QByteAr
     char locator[end64LocatorSize];
     const bool has64 =
         directoryEnd >= quint64(end64Size + end64LocatorSize) &&
-        readAt(fd, locator, end64LocatorSize, directoryEnd - end64LocatorSize) == end64LocatorSize &&
+        input(locator, end64LocatorSize, directoryEnd - end64LocatorSize) == end64LocatorSize &&
         u32(locator) == end64LocatorMark;
     if (has64) {
         // With something before the archive the stated place is off, but the record stands before its
         // locator.
         const quint64 place64 = directoryEnd - end64LocatorSize - end64Size;
         char end64[end64Size];
-        if (readAt(fd, end64, end64Size, place64) != end64Size || u32(end64) != end64Mark ||
+        if (input(end64, end64Size, place64) != end64Size || u32(end64) != end64Mark ||
             u64(end64 + 4) != quint64(end64Size - 12))
             return notForUs(QStringLiteral("The ZIP64 end record is not where it should be."));
         const quint64 count = u64(end64 + 32);
@@ -267,9 +269,10 @@ CVZipDirectory::Outcome CVZipDirectory::locate(int fd, quint64 fileSize, QByteAr
     return {};
 }
 
-CVZipDirectory::Outcome CVZipDirectory::readRecords(int fd, const Place &place)
+CVZipDirectory::Outcome CVZipDirectory::readRecords(const Input &input, const Place &place)
 {
     m_directoryOffset = place.offset;
+    m_base = place.base;
     const quint64 fitting = place.size / quint64(directoryRecordSize);
     if (place.count > fitting)
         return notForUs(QStringLiteral("The directory is too short for its entries."));
@@ -288,7 +291,7 @@ CVZipDirectory::Outcome CVZipDirectory::readRecords(int fd, const Place &place)
             std::memmove(block.get(), at, std::size_t(available));
             at = block.get();
             const qint64 wanted = qint64(std::min(unread, quint64(blockSize - available)));
-            if (readAt(fd, block.get() + available, wanted, readOffset) != wanted)
+            if (input(block.get() + available, wanted, readOffset) != wanted)
                 return {XADErrorCode::Damaged, QStringLiteral("The directory could not be read.")};
             readOffset += quint64(wanted);
             unread -= quint64(wanted);
@@ -318,7 +321,7 @@ CVZipDirectory::Outcome CVZipDirectory::readRecords(int fd, const Place &place)
             m_records.begin(), m_records.end(),
             [](const CVZipRecord &a, const CVZipRecord &b) { return a.headerOffset < b.headerOffset; });
         char mark[4];
-        if (readAt(fd, mark, sizeof mark, first->headerOffset) != sizeof mark || u32(mark) != localHeaderMark)
+        if (input(mark, sizeof mark, first->headerOffset) != sizeof mark || u32(mark) != localHeaderMark)
             return notForUs(QStringLiteral("The entries are not where they should be."));
     }
     return {};
@@ -334,9 +337,10 @@ CVZipDirectory::Outcome CVZipDirectory::takeRecord(const char *record, const Pla
     const quint32 attributes = u32(record + 38);
     const char *const name = record + directoryRecordSize;
 
-    if (flags & (flagEncrypted | flagStrong | flagMasked))
+    const bool isEncrypted = (flags & (flagEncrypted | flagStrong | flagMasked)) != 0;
+    if (isEncrypted && (m_accept == Accept::WhatWeUnpack || (flags & flagMasked)))
         return notForUs(QStringLiteral("The archive is encrypted."));
-    if (method != 0 && method != 8)
+    if (method > 0xff || (m_accept == Accept::WhatWeUnpack && method != 0 && method != 8))
         return notForUs(QStringLiteral("The archive uses compression method %1.").arg(method));
 
     const Extras extras = extraSize > 0 ? parseExtras(name + nameSize, extraSize) : Extras();
@@ -379,7 +383,8 @@ CVZipDirectory::Outcome CVZipDirectory::takeRecord(const char *record, const Pla
     stored.packedSize = packedSize;
     stored.crc = u32(record + 16);
     stored.storedNameSize = nameSize;
-    stored.isDeflated = method == 8;
+    stored.method = quint8(method);
+    stored.isEncrypted = isEncrypted;
 
     XADEntry entry;
     entry.name = QByteArray::fromRawData(keepName(name, nameSize), nameSize);
@@ -422,16 +427,19 @@ CVZipDirectory::Outcome CVZipDirectory::takeRecord(const char *record, const Pla
             isDirectory = true;
             break;
         case S_IFLNK:
-            entry.type = XADEntry::Type::Symlink;
+            // No link leads to a place with a name of this length: the mode is wrong, and the data is there.
+            entry.type = size < PATH_MAX ? XADEntry::Type::Symlink : XADEntry::Type::File;
             break;
         default:
-            entry.type = XADEntry::Type::Special;
+            // What was packed from a pipe keeps its type, and has data, which no pipe or device can have.
+            entry.type = size > 0 ? XADEntry::Type::File : XADEntry::Type::Special;
             break;
         }
     } else if (isMicrosoftHost(host) && (attributes & dosDirectoryBit)) {
         isDirectory = true;
     }
-    if (isDirectory || entry.name.endsWith('/'))
+    // Only the name leaves no doubt; one bit of the mode does not turn data into a folder.
+    if ((isDirectory && size == 0) || entry.name.endsWith('/'))
         entry.type = XADEntry::Type::Directory;
 
     if (extras.ntfsTime != XADEntry::unknownTime)

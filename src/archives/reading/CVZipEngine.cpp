@@ -78,7 +78,9 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
         return {nullptr, XADErrorCode::Damaged, QStringLiteral("The file could not be opened.")};
     try {
         auto directory = std::make_unique<CVZipDirectory>();
-        const CVZipDirectory::Outcome outcome = directory->read(file.get(), quint64(status.st_size));
+        const CVZipDirectory::Outcome outcome = directory->read(
+            [fd = file.get()](char *to, qint64 size, quint64 offset) { return readAt(fd, to, size, offset); },
+            quint64(status.st_size));
         if (outcome.code != XADErrorCode::None) {
             qCDebug(lcZip) << "left to other engines:" << outcome.detail;
             return {nullptr, outcome.code, outcome.detail};

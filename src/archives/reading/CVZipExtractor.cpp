@@ -3,11 +3,13 @@
 #include "archives/reading/CVZipBytes.h"
 #include "archives/reading/CVZipDirectory.h"
 #include "archives/reading/CVZipInflater.h"
+#include "archives/reading/CVZipLocalHeader.h"
 
 #include <libdeflate.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <numeric>
@@ -93,6 +95,7 @@ struct Work
     Plan &plan;
     unsigned workers;
     std::atomic<bool> stop = false;
+    std::atomic<bool> foundUnlisted = false; ///< an entry that the directory does not name
     std::atomic<bool> outOfMemory = false;
 };
 
@@ -159,7 +162,7 @@ private:
 
     bool needsStream(const Job &job) const
     {
-        return record(job).isDeflated && record(job).packedSize + quint64(entry(job).size) > m_share;
+        return record(job).isDeflated() && record(job).packedSize + quint64(entry(job).size) > m_share;
     }
 
     bool extractRun(std::span<const Job> jobs);
@@ -171,8 +174,8 @@ private:
     bool extractPacked(const Job &job, const char *packed);
     bool deliver(const Job &job, const char *data);
 
-    /// Empty when the header says the same as the directory; sets the size of header, name and extra field.
-    QString checkHeader(const Job &job, const char *header, quint64 available, quint64 &size) const;
+    /// Empty when what stands before and behind the data says the same as the directory.
+    QString checkSurroundings(const Job &job, CVZipLocalHeader &header, const char *bytes, quint64 available);
     QString checkSizes(const Job &job) const;
 
     /// Each of these returns false when the extraction has to stop.
@@ -260,12 +263,12 @@ bool Worker::extractWindow(std::span<const Job> jobs, quint64 end)
         }
         const quint64 at = start(job) - from;
         const quint64 available = quint64(got) > at ? quint64(got) - at : 0;
-        quint64 headerSize = 0;
-        const QString fault = checkHeader(job, bytes + at, available, headerSize);
+        CVZipLocalHeader header(m_work.directory, job.index);
+        const QString fault = checkSurroundings(job, header, bytes + at, available);
         if (!fault.isEmpty()) {
             if (!failed(job, fault))
                 return false;
-        } else if (available < headerSize + record(job).packedSize) {
+        } else if (available < header.headerSize() + record(job).packedSize) {
             // A long extra field pushed the data out of the window (or the file is too short, seen there).
             if (got == qint64(end - from)) {
                 if (!extractAlone(job))
@@ -274,7 +277,7 @@ bool Worker::extractWindow(std::span<const Job> jobs, quint64 end)
             } else if (!failed(job, cutOff())) {
                 return false;
             }
-        } else if (!extractPacked(job, bytes + at + headerSize)) {
+        } else if (!extractPacked(job, bytes + at + header.headerSize())) {
             return false;
         }
     }
@@ -298,16 +301,15 @@ bool Worker::extractAlone(const Job &job)
     if (!sizes.isEmpty())
         return failed(job, sizes);
 
-    const quint64 nameAndHeader = quint64(localHeaderSize) + record(job).storedNameSize;
-    const qint64 got = readAt(m_work.fd, m_in.get(window), qint64(nameAndHeader) + 0xffff, start(job));
-    quint64 headerSize = 0;
-    const QString fault = got < 0 ? cutOff() : checkHeader(job, m_in.get(window), quint64(got), headerSize);
+    CVZipLocalHeader header(m_work.directory, job.index);
+    const qint64 got = readAt(m_work.fd, m_in.get(window), header.mostBytes(), start(job));
+    const QString fault = got < 0 ? cutOff() : checkSurroundings(job, header, m_in.get(window), quint64(got));
     if (!fault.isEmpty())
         return failed(job, fault);
 
-    const quint64 offset = start(job) + headerSize;
+    const quint64 offset = start(job) + header.headerSize();
     const quint64 packedSize = record(job).packedSize;
-    if (!record(job).isDeflated)
+    if (!record(job).isDeflated())
         return extractStored(job, offset);
     if (needsStream(job))
         return extractStream(job, offset);
@@ -384,7 +386,7 @@ bool Worker::extractPacked(const Job &job, const char *packed)
     const CVZipRecord &stored = record(job);
     const quint64 size = quint64(entry(job).size);
     const char *data = packed;
-    if (stored.isDeflated && (stored.packedSize > 0 || size > 0)) {
+    if (stored.isDeflated() && (stored.packedSize > 0 || size > 0)) {
         char *const out = m_out.get(std::max(size, quint64(writeBlock)));
         if (m_inflater.inflateWhole(packed, stored.packedSize, out, size) != CVZipInflater::Result::Done)
             return failed(job, badData());
@@ -418,66 +420,30 @@ QString Worker::checkSizes(const Job &job) const
     const quint64 packedSize = record(job).packedSize;
     if (start(job) + least(job) > job.limit)
         return QStringLiteral("The entry overlaps another one.");
-    if (record(job).isDeflated ? !CVZipInflater::isPossible(packedSize, size) : size != packedSize)
+    if (record(job).isDeflated() ? !CVZipInflater::isPossible(packedSize, size) : size != packedSize)
         return QStringLiteral("The declared sizes cannot be true.");
     return {};
 }
 
-QString Worker::checkHeader(const Job &job, const char *header, quint64 available, quint64 &size) const
+QString Worker::checkSurroundings(const Job &job, CVZipLocalHeader &header, const char *bytes,
+                                  quint64 available)
 {
-    const CVZipRecord &stored = record(job);
-    if (available < quint64(localHeaderSize))
-        return cutOff();
-    if (u32(header) != localHeaderMark)
-        return QStringLiteral("There is no entry where the directory says.");
-    const quint16 flags = u16(header + 6);
-    const quint64 nameSize = u16(header + 26);
-    const quint64 extraSize = u16(header + 28);
-    const QByteArray name = m_work.directory.storedName(job.index);
-    if (available < quint64(localHeaderSize) + nameSize)
-        return cutOff();
-    const auto isSameByte = [](char a, char b) {
-        // Some packers change the separator in one of the two places only.
-        return (a == '\\' ? '/' : a) == (b == '\\' ? '/' : b);
-    };
-    const QByteArrayView localName(header + localHeaderSize, qsizetype(nameSize));
-    if (!std::equal(localName.begin(), localName.end(), name.begin(), name.end(), isSameByte))
-        return QStringLiteral("The name differs between the entry and the directory.");
-    if ((flags & 1) != 0 || u16(header + 8) != (stored.isDeflated ? 8 : 0))
-        return QStringLiteral("The method differs between the entry and the directory.");
-    size = quint64(localHeaderSize) + nameSize + extraSize;
-    if (start(job) + size + stored.packedSize > job.limit)
-        return QStringLiteral("The entry overlaps another one.");
-
-    const quint32 crc = u32(header + 14);
-    quint64 packedSize = u32(header + 18);
-    quint64 unpackedSize = u32(header + 22);
-    // With a descriptor behind the data these are not known here, and some writers leave them out anyway.
-    if ((flags & 8) || (crc == 0 && packedSize == 0 && unpackedSize == 0))
+    if (QString fault = header.read(bytes, available, job.limit); !fault.isEmpty())
+        return fault;
+    const quint64 gap = std::min(job.limit - header.dataEnd(), CVZipLocalHeader::bytesBehind);
+    if (gap < 4)
         return {};
-    if (packedSize == 0xffffffff || unpackedSize == 0xffffffff) {
-        if (available < size)
-            return cutOff();
-        const char *at = header + localHeaderSize + nameSize;
-        const char *const end = at + extraSize;
-        while (end - at >= 4 && u16(at) != 1)
-            at += std::min<qsizetype>(4 + u16(at + 2), end - at);
-        if (end - at < 4 || u16(at + 2) > end - at - 4)
-            return QStringLiteral("A ZIP64 field is missing.");
-        const char *const fieldEnd = at + 4 + u16(at + 2);
-        at += 4;
-        for (quint64 *field : {&unpackedSize, &packedSize}) {
-            if (*field != 0xffffffff)
-                continue;
-            if (fieldEnd - at < 8)
-                return QStringLiteral("A ZIP64 field is missing.");
-            *field = u64(at);
-            at += 8;
-        }
-    }
-    if (crc != stored.crc || packedSize != stored.packedSize || unpackedSize != quint64(entry(job).size))
-        return QStringLiteral("Size or checksum differ between the entry and the directory.");
-    return {};
+    const quint64 end = header.dataEnd() - start(job);
+    char behind[CVZipLocalHeader::bytesBehind];
+    if (available >= end + gap)
+        std::memcpy(behind, bytes + end, gap);
+    else if (readAt(m_work.fd, behind, qint64(gap), header.dataEnd()) != qint64(gap))
+        return cutOff();
+    bool isUnlisted = false;
+    const QString fault = header.readBehind(behind, gap, isUnlisted);
+    if (isUnlisted)
+        m_work.foundUnlisted = true;
+    return fault;
 }
 
 /// The wanted entries in the order of the file, each with the place where the next one begins.
@@ -543,8 +509,22 @@ CVReadingEngine::Outcome CVZipExtractor::extract(std::span<const int> indices, b
                     QStringLiteral("There is not enough memory to unpack the archive.")};
         if (work.stop)
             return {XADErrorCode::Stopped, {}};
+        if (work.foundUnlisted || (all && beginsWithUnlisted()))
+            return {XADErrorCode::Damaged,
+                    QStringLiteral("The archive holds an entry that its directory does not name.")};
         return {};
     } catch (const std::bad_alloc &) {
         return {XADErrorCode::Damaged, QStringLiteral("There is not enough memory to unpack the archive.")};
     }
+}
+
+bool CVZipExtractor::beginsWithUnlisted() const
+{
+    const std::span<const CVZipRecord> records = m_directory.records();
+    const bool isFirstListed = std::any_of(
+        records.begin(), records.end(), [](const CVZipRecord &record) { return record.headerOffset == 0; });
+    char mark[4];
+    // What stands before the archive is another file's.
+    return !isFirstListed && m_directory.base() == 0 && readAt(m_fd, mark, sizeof mark, 0) == sizeof mark &&
+           u32(mark) == localHeaderMark;
 }

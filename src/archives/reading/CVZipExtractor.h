@@ -32,6 +32,8 @@ public:
     CVReadingEngine::Outcome extract(std::span<const int> indices, bool all, CVEntrySink &sink) const;
 
 private:
+    bool beginsWithUnlisted() const;
+
     int m_fd;
     const CVZipDirectory &m_directory;
 };

@@ -180,6 +180,8 @@ private Q_SLOTS:
     void tellsDamageFromData_data();
     void tellsDamageFromData();
     void entriesThatShareDataFail();
+    void missesWhatTheDirectoryDoesNotName_data();
+    void missesWhatTheDirectoryDoesNotName();
     void readsArchivesOfTools_data();
     void readsArchivesOfTools();
     void streamsWhatIsTooLarge_data();
@@ -312,6 +314,14 @@ void tst_ZipEngine::describesEntries_data()
         Type::Symlink, 0777, false, -1);
     row("device", {.name = "a", .attributes = 020666u << 16, .dosTime = 0}, "a", Type::Special, 0666, false,
         -1);
+    row("packed from a pipe", {.name = "-", .data = "x", .attributes = 010600u << 16, .dosTime = 0}, "-",
+        Type::File, 0600, false, -1);
+    row("link longer than any path",
+        {.name = "a", .data = QByteArray(4096, 'x'), .attributes = 0120777u << 16, .dosTime = 0}, "a",
+        Type::File, 0777, false, -1);
+    row("data that is called a folder",
+        {.name = "a", .data = "x", .host = 0, .attributes = 0x10, .dosTime = 0}, "a", Type::File, -1, false,
+        -1);
     row("backslashes of dos", {.name = "a\\b\\c", .host = 0, .attributes = 0x20, .dosTime = 0}, "a/b/c",
         Type::File, -1, false, -1);
     row("folder by backslash", {.name = "a\\", .host = 10 + 1, .attributes = 0x20, .dosTime = 0}, "a/",
@@ -387,6 +397,14 @@ void tst_ZipEngine::tellsDamageFromData_data()
          .packedSize = 0xffffffff,
          .localSizes = 0xffffffff},
         true);
+    row("wide descriptor without a mark",
+        {.name = "a",
+         .data = text,
+         .localFlags = 8,
+         .localCrc = 0,
+         .localSizes = 0,
+         .gap = le(crcOf(text), 4) + le(size, 8) + le(size, 8)},
+        true);
     row("separator differs", {.name = "a/b", .data = text, .localName = "a\\b"}, true);
 
     row("wide sizes differ",
@@ -402,6 +420,14 @@ void tst_ZipEngine::tellsDamageFromData_data()
     row("local checksum", {.name = "a", .data = text, .localCrc = 1}, false);
     row("directory's checksum", {.name = "a", .data = text, .crc = 1}, false);
     row("local sizes", {.name = "a", .data = text, .localSizes = 1}, false);
+    row("descriptor's checksum",
+        {.name = "a",
+         .data = text,
+         .localFlags = 8,
+         .localCrc = 0,
+         .localSizes = 0,
+         .gap = le(0x08074b50, 4) + le(1, 4) + le(size, 4) + le(size, 4)},
+        false);
     row("local name", {.name = "a", .data = text, .localName = "b"}, false);
     row("local name longer", {.name = "a", .data = text, .localName = "ab"}, false);
     row("method", {.name = "a", .data = text, .method = 8}, false);
@@ -463,6 +489,31 @@ void tst_ZipEngine::entriesThatShareDataFail()
     QCOMPARE(int(sink.records.at(4).code), int(XADErrorCode::None));
     QCOMPARE(sink.written, 2 * good.data.size());
     QVERIFY(outcome.engine->isDamageFinal());
+}
+
+void tst_ZipEngine::missesWhatTheDirectoryDoesNotName_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    const QByteArray whole = zipOf({{.name = "hidden", .data = "x", .hasDescriptor = true}});
+    const QByteArray hidden = whole.first(whole.indexOf("PK\x01\x02"));
+    QTest::newRow("in front") << zipOf({good}, {.prefix = hidden, .offsetsCountPrefix = true});
+    QTest::newRow("between") << zipOf({{.name = "a", .data = "x", .gap = hidden}, good});
+    QTest::newRow("behind a descriptor")
+        << zipOf({good, {.name = "a", .data = "x", .gap = hidden, .hasDescriptor = true}});
+    QTest::newRow("all of them") << zipOf({}, {.prefix = hidden, .offsetsCountPrefix = true});
+}
+
+/// What is there comes out, and the archive does not pass for whole.
+void tst_ZipEngine::missesWhatTheDirectoryDoesNotName()
+{
+    QFETCH(QByteArray, bytes);
+    QTemporaryDir folder;
+    const auto outcome = open(place(folder, bytes));
+    QVERIFY2(outcome.engine, qPrintable(outcome.detail));
+    RecordingSink sink(*outcome.engine);
+    QCOMPARE(int(extractAll(*outcome.engine, sink).code), int(XADErrorCode::Damaged));
+    for (const auto &[index, record] : sink.records)
+        QCOMPARE(int(record.code), int(XADErrorCode::None));
 }
 
 void tst_ZipEngine::readsArchivesOfTools_data()
