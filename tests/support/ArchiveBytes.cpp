@@ -2,6 +2,8 @@
 
 #include <QCryptographicHash>
 
+#include <algorithm>
+
 #include <sys/stat.h>
 #include <zlib.h>
 
@@ -188,7 +190,7 @@ QByteArray zip(const QList<Item> &items, std::optional<std::uint32_t> deflatedCr
            little(std::uint64_t(central.size()), 4) + little(std::uint64_t(out.size()), 4) + little(0, 2);
 }
 
-QByteArray sevenZip(const QList<Item> &items)
+QByteArray sevenZip(const QList<Item> &items, const SevenZipMethod &method)
 {
     QByteArray packed;
     QByteArray packSizes;
@@ -207,10 +209,12 @@ QByteArray sevenZip(const QList<Item> &items)
             emptyFiles.append(item.type != Item::Type::Directory);
         } else {
             ++streams;
-            packed += data;
-            packSizes += sevenZipNumber(std::uint64_t(data.size()));
-            coders += QByteArray("\1\1\0", 3);
-            sizes += sevenZipNumber(item.claimedSize.value_or(std::uint64_t(data.size())));
+            const QByteArray stored = method.pack ? method.pack(data) : data;
+            packed += stored;
+            packSizes += sevenZipNumber(std::uint64_t(stored.size()));
+            coders += method.coders;
+            for (int output = 0; output < method.outputs; ++output)
+                sizes += sevenZipNumber(item.claimedSize.value_or(std::uint64_t(data.size())));
             sums += little(crcOf(data), 4);
         }
         for (const QChar c : QString::fromUtf8(item.name))
@@ -222,6 +226,8 @@ QByteArray sevenZip(const QList<Item> &items)
     const auto property = [](char id, const QByteArray &bytes) -> QByteArray {
         return id + sevenZipNumber(std::uint64_t(bytes.size())) + bytes;
     };
+    const bool isNamed =
+        std::any_of(items.begin(), items.end(), [](const Item &item) { return !item.name.isEmpty(); });
     QByteArray header("\1");
     if (streams > 0) {
         const QByteArray count = sevenZipNumber(streams);
@@ -230,7 +236,8 @@ QByteArray sevenZip(const QList<Item> &items)
     }
     header += '\5' + sevenZipNumber(std::uint64_t(items.size())) +
               property('\x0e', sevenZipBits(withoutData)) + property('\x0f', sevenZipBits(emptyFiles)) +
-              property('\x11', names) + property('\x15', attributes) + QByteArray("\0\0", 2);
+              (isNamed ? property('\x11', names) : QByteArray()) + property('\x15', attributes) +
+              QByteArray("\0\0", 2);
     const QByteArray start = little(std::uint64_t(packed.size()), 8) +
                              little(std::uint64_t(header.size()), 8) + little(crcOf(header), 4);
     return QByteArray("7z\xbc\xaf\x27\x1c\0\4", 8) + little(crcOf(start), 4) + start + packed + header;

@@ -4,6 +4,7 @@
 #include <QList>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 /// Archives written byte by byte, so that they can hold what no decent program would write.
@@ -28,8 +29,15 @@ QByteArray tar(const QList<Item> &items);
 /// Stored entries with unix modes. `deflated`: the data of files is such a raw deflate stream already,
 /// of `claimedSize` bytes and with this CRC-32.
 QByteArray zip(const QList<Item> &items, std::optional<std::uint32_t> deflatedCrc = std::nullopt);
-/// Copied entries, each a folder of its own, plain header, attributes with unix modes.
-QByteArray sevenZip(const QList<Item> &items);
+/// How the entries of a 7z are packed; copied by default.
+struct SevenZipMethod
+{
+    QByteArray coders = QByteArray("\1\1\0", 3); ///< the description of one folder
+    int outputs = 1;                             ///< of its coders
+    std::function<QByteArray(const QByteArray &data)> pack = {};
+};
+/// Each entry a folder of its own, plain header, attributes with unix modes; without names when none has one.
+QByteArray sevenZip(const QList<Item> &items, const SevenZipMethod &method = {});
 /// Uncompressed entries; names that XML cannot hold are written in base64.
 QByteArray xar(const QList<Item> &items);
 

@@ -102,7 +102,9 @@ CVArjVolumes::CVArjVolumes(std::vector<Volume> volumes, QStringList paths)
             const bool continues = i == 0 && volume.division.firstContinues;
             if (continues && isOpenEnded) {
                 XADEntry &entry = m_entries.back();
-                entry.size = entry.size < 0 || parts[i].size < 0 ? -1 : entry.size + parts[i].size;
+                if (entry.size < 0 || parts[i].size < 0 ||
+                    __builtin_add_overflow(entry.size, parts[i].size, &entry.size))
+                    entry.size = -1;
             } else {
                 m_entries.push_back(parts[i]);
             }

@@ -2,21 +2,21 @@
 
 #include "archives/reading/CVArjVolumes.h"
 #include "archives/reading/CVSevenZipArchive.h"
+#include "archives/reading/CVSevenZipEntryReader.h"
 #include "archives/reading/CVSevenZipExtraction.h"
 #include "archives/reading/CVSevenZipFormats.h"
 #include "archives/reading/CVSevenZipHeader.h"
-#include "archives/reading/CVSevenZipNames.h"
 #include "archives/reading/CVSevenZipPeek.h"
+#include "archives/reading/CVZipLocalHeader.h"
 
 #include <QLoggingCategory>
 
 #include <algorithm>
 #include <atomic>
 #include <clocale>
-#include <string_view>
+#include <limits>
 #include <thread>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace sevenzip;
@@ -35,8 +35,6 @@ constexpr std::size_t shareItems = 512;
 constexpr qint64 leastDecoderMemory = 256 * mebibyte;
 /// Real data is not packed better than this; what is (zeros) needs no large window.
 constexpr qint64 plausibleRatio = 100;
-/// 100 ns units between 1601 and 1970.
-constexpr std::int64_t unixEpochTicks = 116444736000000000;
 
 /// The module decodes names by the locale of the thread; in UTF-8 it keeps foreign bytes recoverable.
 class Utf8Locale
@@ -63,16 +61,11 @@ private:
     locale_t m_previous = nullptr;
 };
 
-qint64 unixNanoseconds(const Variant &value)
+/// Declared sizes may add up to anything.
+void addSize(qint64 &sum, qint64 size)
 {
-    if (value.type != VariantFileTime || value.u8 == 0)
-        return XADEntry::unknownTime;
-    std::int64_t time = 0;
-    if (__builtin_sub_overflow(value.i8, unixEpochTicks, &time) || __builtin_mul_overflow(time, 100, &time))
-        return XADEntry::unknownTime;
-    if (value.timePrecision != 0 && value.nanoseconds < 100)
-        time += value.nanoseconds;
-    return time;
+    if (size > 0 && __builtin_add_overflow(sum, size, &sum))
+        sum = std::numeric_limits<qint64>::max();
 }
 
 /// What a decoder may take. More than the least only for archives that carry something to fill it
@@ -150,13 +143,13 @@ public:
 private:
     bool isZip() const { return m_format == "zip"; }
     CVSevenZipFailure readEntries();
-    bool readEntry(InArchive &archive, std::uint32_t item, XADEntry &entry);
-    bool isPseudoEntry(InArchive &archive, std::uint32_t item, const XADEntry &entry);
     void peekInside();
     CVSevenZipFailure unsupportedVariant();
 
     Outcome run(CVSevenZipRun &extraction);
     void failLocked(CVSevenZipRun &extraction);
+    void failContradictions(CVSevenZipRun &extraction);
+    void failEntry(CVSevenZipRun &extraction, std::size_t entry, XADErrorCode code, const QString &text);
     void makeShares(CVSevenZipRun &extraction);
     void work(CVSevenZipRun &extraction, CVSevenZipArchive &archive);
     void reportMissing(CVSevenZipRun &extraction, const std::vector<std::uint32_t> &share);
@@ -254,116 +247,19 @@ CVSevenZipFailure SevenZipEngine::readEntries()
     m_entryOfItem.assign(count, -1);
     m_entries.reserve(count);
     m_itemOfEntry.reserve(count);
+    CVSevenZipEntryReader reader(m_library, archive, m_format, m_source->paths());
     for (std::uint32_t item = 0; item < count; ++item) {
         if (item % 4096 == 0 && m_host.shouldStop())
             return {XADErrorCode::Stopped, {}};
-        XADEntry entry;
-        if (!readEntry(archive, item, entry))
+        std::optional<XADEntry> entry = reader.read(item);
+        if (!entry)
             continue;
-        m_isEncrypted = m_isEncrypted || entry.encrypted;
+        m_isEncrypted = m_isEncrypted || entry->encrypted;
         m_entryOfItem[item] = int(m_entries.size());
         m_itemOfEntry.push_back(item);
-        m_entries.push_back(std::move(entry));
+        m_entries.push_back(std::move(*entry));
     }
     return {};
-}
-
-/// False: the item is no entry of the archive.
-bool SevenZipEngine::readEntry(InArchive &archive, std::uint32_t item, XADEntry &entry)
-{
-    CVSevenZipValue value(m_library);
-    const auto property = [&](Property which) {
-        return archive.GetProperty(item, which, value.out()) == Ok && !value.isEmpty();
-    };
-    const auto text = [&] {
-        return cvSevenZipNameBytes(value.isString() ? std::wstring_view(value.get().string)
-                                                    : std::wstring_view());
-    };
-
-    const bool isSingle = cvSevenZipIsSingleStream(m_format);
-    CVSevenZipName name;
-    if (!isSingle && property(PropertyPath))
-        name = text();
-    else if (isSingle || m_format == "7z") // elsewhere a missing name is the archive's own doing
-        name.bytes = cvSevenZipNameOfContents(m_source->paths()).toUtf8();
-    entry.name = std::move(name.bytes);
-    entry.nameEncoding = CVNameEncoding::Utf8;
-    if (name.raw)
-        entry.nameEncoding = CVNameEncoding::Unmarked;
-    else if (!isSingle && cvSevenZipKeepsNamesAsBytes(m_format)) {
-        const bool marked =
-            isZip() && property(PropertyCharacteristics) && value.string().contains(QLatin1String("UTF8"));
-        entry.nameEncoding = marked ? CVNameEncoding::Utf8 : CVNameEncoding::Unmarked;
-    }
-    if (isPseudoEntry(archive, item, entry))
-        return false;
-
-    const bool isDirectory = property(PropertyIsDirectory) && value.isTrue();
-    std::uint32_t attributes = 0;
-    if (property(PropertyAttributes))
-        attributes = std::uint32_t(value.number());
-    constexpr std::uint32_t hasUnixMode = 0x8000;
-    std::uint32_t mode = 0;
-    if (property(PropertyPosixMode)) {
-        mode = std::uint32_t(value.number());
-        entry.hasMode = true;
-    } else if (attributes & hasUnixMode) {
-        mode = attributes >> 16;
-        entry.hasMode = true;
-    }
-    entry.mode = mode & 07777;
-    // Such a name was written on Windows, where it can only be a path.
-    if (m_format == "7z" && !entry.hasMode)
-        entry.name.replace('\\', '/');
-
-    switch (mode & S_IFMT) {
-    case S_IFLNK:
-        entry.type = XADEntry::Type::Symlink;
-        break;
-    case S_IFCHR:
-    case S_IFBLK:
-    case S_IFIFO:
-    case S_IFSOCK:
-        entry.type = XADEntry::Type::Special;
-        break;
-    default:
-        break;
-    }
-    if (isDirectory)
-        entry.type = XADEntry::Type::Directory;
-    else if (property(PropertySymlink) && value.isString() && *value.get().string) {
-        entry.type = XADEntry::Type::Symlink;
-        entry.linkTarget = text().bytes;
-    } else if (property(PropertyHardLink) && value.isString() && *value.get().string) {
-        entry.type = XADEntry::Type::HardLink;
-        entry.linkTarget = text().bytes;
-    }
-
-    // gzip keeps only the low 32 bits, and those of its last member.
-    if (!isDirectory && m_format != "gzip" && property(PropertySize))
-        entry.size = qint64(
-            std::min<std::uint64_t>(value.number(), std::uint64_t(std::numeric_limits<qint64>::max())));
-    // What was packed from a pipe keeps the type of the pipe, and has data, which a real FIFO cannot.
-    if ((mode & S_IFMT) == S_IFIFO && entry.size > 0)
-        entry.type = XADEntry::Type::File;
-    if (property(PropertyModified))
-        entry.modified = unixNanoseconds(value.get());
-    entry.encrypted = property(PropertyEncrypted) && value.isTrue();
-    return true;
-}
-
-bool SevenZipEngine::isPseudoEntry(InArchive &archive, std::uint32_t item, const XADEntry &entry)
-{
-    constexpr std::uint32_t propertyIsAnti = 21;
-    if (m_format == "Xar" && entry.name == "[TOC].xml")
-        return true;
-    for (const std::uint32_t which :
-         {std::uint32_t(PropertyIsAlternateStream), std::uint32_t(PropertyIsDeleted), propertyIsAnti}) {
-        CVSevenZipValue value(m_library);
-        if (archive.GetProperty(item, which, value.out()) == Ok && value.isTrue())
-            return true;
-    }
-    return false;
 }
 
 /// A tar in a compressed file is what the person wants, not the tar.
@@ -419,6 +315,7 @@ CVReadingEngine::Outcome SevenZipEngine::run(CVSevenZipRun &extraction)
 {
     m_progress = 0;
     failLocked(extraction);
+    failContradictions(extraction);
     if (extraction.stopped)
         return {XADErrorCode::Stopped, {}};
     makeShares(extraction);
@@ -472,11 +369,45 @@ void SevenZipEngine::failLocked(CVSevenZipRun &extraction)
         return;
     extraction.password = m_host.password();
     for (std::size_t i = 0; i < m_entries.size() && !extraction.password && !extraction.stopped; ++i) {
-        if (!isLocked(i))
-            continue;
-        extraction.wanted[i] = 0;
-        extraction.follow(extraction.sink.entryFailed(int(i), XADErrorCode::Password,
-                                                      QStringLiteral("A password is needed.")));
+        if (isLocked(i))
+            failEntry(extraction, i, XADErrorCode::Password, QStringLiteral("A password is needed."));
+    }
+}
+
+void SevenZipEngine::failEntry(CVSevenZipRun &extraction, std::size_t entry, XADErrorCode code,
+                               const QString &text)
+{
+    extraction.wanted[entry] = 0;
+    extraction.follow(extraction.sink.entryFailed(int(entry), code, text));
+}
+
+/// The module believes the directory of a zip, names included, and does not look at what the entries say.
+void SevenZipEngine::failContradictions(CVSevenZipRun &extraction)
+{
+    if (!isZip() || m_archive->formats().size() > 1)
+        return;
+    const auto entryOf = [this](int item) {
+        return std::size_t(item) < m_entryOfItem.size() ? m_entryOfItem[std::size_t(item)] : -1;
+    };
+    std::vector<std::pair<std::size_t, QString>> faults;
+    const CVZipComparison comparison = cvZipCompareHeaders(
+        [this](char *to, qint64 size, quint64 offset) { return m_source->readAt(to, size, qint64(offset)); },
+        quint64(m_source->size()),
+        [&](int item) {
+            const int entry = entryOf(item);
+            return entry >= 0 && extraction.wanted[std::size_t(entry)] && !extraction.isOver();
+        },
+        [&](int item, const QString &fault) { faults.emplace_back(std::size_t(entryOf(item)), fault); });
+    // Of a set of volumes, and of a directory that only the module can follow, no more is known.
+    if (comparison.entries != m_entryOfItem.size())
+        return;
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        if (extraction.wanted[i] && m_entries[i].type == XADEntry::Type::Directory && m_entries[i].size > 0)
+            faults.emplace_back(i, QStringLiteral("An entry with data is called a folder."));
+    }
+    for (const auto &[entry, fault] : faults) {
+        if (extraction.wanted[entry] && !extraction.isOver())
+            failEntry(extraction, entry, XADErrorCode::Damaged, fault);
     }
 }
 
@@ -510,7 +441,7 @@ void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
     qint64 total = 0;
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         if (extraction.wanted[i])
-            total += std::max<qint64>(0, m_entries[i].size);
+            addSize(total, m_entries[i].size);
     }
     const bool isParallel =
         (byBlock || isZip()) && m_archive->formats().size() == 1 && total >= minimumParallelBytes;
@@ -530,7 +461,7 @@ void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
                 block = own;
                 blocks.emplace_back(i, 0);
             }
-            blocks.back().second += size;
+            addSize(blocks.back().second, size);
         }
     }
     std::size_t nextBlock = 0;
@@ -547,15 +478,14 @@ void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
         if (!extraction.wanted[i])
             continue;
         if (!tooLarge.isEmpty() && m_entries[i].size > 0) {
-            extraction.wanted[i] = 0;
-            extraction.follow(extraction.sink.entryFailed(int(i), XADErrorCode::NotSupported, tooLarge));
+            failEntry(extraction, i, XADErrorCode::NotSupported, tooLarge);
             continue;
         }
         if (isParallel && !byBlock &&
             (shares.back().bytes >= shareBytes || shares.back().items.size() >= shareItems))
             shares.emplace_back();
         shares.back().items.push_back(m_itemOfEntry[i]);
-        shares.back().bytes += std::max<qint64>(0, m_entries[i].size);
+        addSize(shares.back().bytes, m_entries[i].size);
     }
     // The longest first, so that no worker begins a large block when the others have finished.
     if (byBlock)

@@ -29,7 +29,9 @@ struct Rating
 /// 60: disk images, which must not win over an archive found at the same place.
 /// 40: iso, where libarchive gets the names right more often.
 /// 30: it reads them, as the second choice behind libarchive.
-/// A format of the module that is not listed gets no bid: it cannot be unpacked here (rar), a person
+/// 55: rar, above unar, where the module's methods for it are installed; libarchive comes first, and leaves
+/// to the others what is encrypted, solid over volumes or older.
+/// A format of the module that is not listed gets no bid: it cannot be unpacked here, a person
 /// does not think of it as an archive (programs, films, firmware), or the module passes over what is
 /// missing without a word (tar and compress cut short, the first member of a deb).
 constexpr std::array ratings{
@@ -74,6 +76,8 @@ constexpr std::array ratings{
     Rating{"lzma86", 30, "LZMA86", true},
     Rating{"Ppmd", 30, "PPMd", true},
     Rating{"MsLZ", 30, "MS LZ", true},
+    Rating{"Rar", 55, "RAR"},
+    Rating{"Rar5", 55, "RAR 5"},
 };
 
 const Rating *ratingOf(const QByteArray &format)
@@ -223,13 +227,22 @@ private:
                                                      std::size_t(head.size())) != CVSevenZipLibrary::No;
     }
 
+    /// The module lists rar, whose methods come in a module of their own, if at all.
+    bool hasMethods(const QByteArray &format) const
+    {
+        constexpr std::uint64_t rar3 = 0x40303;
+        constexpr std::uint64_t rar5 = 0x40305;
+        return (format != "Rar" || m_library.codecs()->has(rar3)) &&
+               (format != "Rar5" || m_library.codecs()->has(rar5));
+    }
+
     void atTheBeginning()
     {
         const auto formats = m_library.formats();
         bool isIso = false;
         for (const auto &format : formats) {
             const Rating *rating = ratingOf(format.name);
-            if (!rating || !matches(format))
+            if (!rating || !matches(format) || !hasMethods(format.name))
                 continue;
             int bid = rating->bid;
             if (format.name == "Lzh" && usesLh4(m_bytes.head))

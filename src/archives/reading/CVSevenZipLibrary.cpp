@@ -1,6 +1,7 @@
 #include "archives/reading/CVSevenZipLibrary.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QLoggingCategory>
 
 #include <dlfcn.h>
@@ -122,17 +123,24 @@ QString CVSevenZipLibrary::loadFrom(const QString &path)
         !resolve(m_handle, "VariantClear", m_clearVariant))
         return QStringLiteral("not a 7-Zip module");
 
-    // Before the first virtual call: type 1 has two more functions in every table.
-    Variant value;
-    if (moduleProperty(modulePropertyInterfaceType, &value) != Ok || value.type != VariantU4 || value.u4 != 0)
+    if (!speaksOurInterface(moduleProperty))
         return QStringLiteral("its interfaces have another layout");
-    value = {};
+    Variant value;
     if (moduleProperty(modulePropertyVersion, &value) == Ok && value.type == VariantU4)
         m_version = value.u4;
 
     m_path = path;
+    m_codecs = std::make_unique<CVSevenZipCodecs>(*this);
+    m_codecs->loadModules(QFileInfo(path).absolutePath() + QStringLiteral("/Codecs"));
     readFormats();
     return m_formats.empty() ? QStringLiteral("it knows no format") : QString();
+}
+
+bool CVSevenZipLibrary::speaksOurInterface(Result (*moduleProperty)(std::uint32_t, Variant *))
+{
+    Variant value;
+    return moduleProperty(modulePropertyInterfaceType, &value) == Ok && value.type == VariantU4 &&
+           value.u4 == 0;
 }
 
 QByteArray CVSevenZipLibrary::handlerBytes(HandlerProperty property, std::uint32_t index,
@@ -201,5 +209,11 @@ InArchive *CVSevenZipLibrary::createArchive(const Format &format) const
     void *object = nullptr;
     if (m_createObject(&format.classId, &InArchive::id, &object) != Ok)
         return nullptr;
-    return static_cast<InArchive *>(object);
+    auto *const archive = static_cast<InArchive *>(object);
+    void *found = nullptr;
+    if (archive->QueryInterface(SetCompressCodecsInfo::id, &found) == Ok) {
+        const CVSevenZipPointer<SetCompressCodecsInfo> user(static_cast<SetCompressCodecsInfo *>(found));
+        (void)user->SetCodecs(m_codecs.get());
+    }
+    return archive;
 }

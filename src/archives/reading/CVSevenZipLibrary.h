@@ -1,5 +1,6 @@
 #pragma once
 
+#include "archives/reading/CVSevenZipCodecs.h"
 #include "archives/reading/SevenZipInterfaces.h"
 
 #include <QByteArray>
@@ -48,6 +49,11 @@ public:
     /// Major version in the high, minor in the low 16 bits.
     std::uint32_t version() const { return m_version; }
     std::span<const Format> formats() const { return m_formats; }
+    /// Methods from outside of the module; null before loading.
+    const CVSevenZipCodecs *codecs() const { return m_codecs.get(); }
+    /// Whether the interfaces of a module have the layout that we know, by what it says of itself. To be
+    /// asked before the first virtual call: the other layout has two more functions in every table.
+    static bool speaksOurInterface(sevenzip::Result (*moduleProperty)(std::uint32_t, sevenzip::Variant *));
     /// Position in formats(), or -1.
     int indexOfFormat(const char *name) const;
 
@@ -69,6 +75,7 @@ private:
     void *m_handle = nullptr;
     std::uint32_t m_version = 0;
     std::vector<Format> m_formats;
+    std::unique_ptr<CVSevenZipCodecs> m_codecs;
     sevenzip::Result (*m_createObject)(const sevenzip::Guid *, const sevenzip::Guid *, void **) = nullptr;
     sevenzip::ModuleString (*m_allocateString)(const wchar_t *) = nullptr;
     void (*m_freeString)(sevenzip::ModuleString) = nullptr;

@@ -286,8 +286,15 @@ qsizetype afterSkippableFrames(QByteArrayView head)
 } // namespace
 
 CVDecoderInput::CVDecoderInput(const CVArchiveSource &source, qint64 offset)
-    : m_source(source)
-    , m_offset(offset)
+    : CVDecoderInput([&source, offset](char *to, qint64 bytes) mutable {
+        const qint64 got = source.readAt(offset, to, bytes);
+        offset += std::max<qint64>(0, got);
+        return got;
+    })
+{}
+
+CVDecoderInput::CVDecoderInput(Read read)
+    : m_read(std::move(read))
     , m_buffer(inputBytes)
 {}
 
@@ -300,13 +307,12 @@ bool CVDecoderInput::fill()
         m_filled -= m_used;
         m_used = 0;
     }
-    const qint64 n = m_source.readAt(m_offset, reinterpret_cast<char *>(m_buffer.data() + m_filled),
-                                     static_cast<qint64>(m_buffer.size() - m_filled));
+    const qint64 n = m_read(reinterpret_cast<char *>(m_buffer.data() + m_filled),
+                            static_cast<qint64>(m_buffer.size() - m_filled));
     if (n < 0) {
         m_failed = true;
         return false;
     }
-    m_offset += n;
     m_filled += static_cast<std::size_t>(n);
     return n > 0;
 }

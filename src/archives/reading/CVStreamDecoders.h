@@ -6,6 +6,7 @@
 #include <QString>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -48,6 +49,10 @@ class CVDecoderInput
 public:
     CVDecoderInput(const CVArchiveSource &source, qint64 offset);
 
+    /// From a function that reads on: bytes given, 0 at the end, below zero when reading failed.
+    using Read = std::function<qint64(char *to, qint64 bytes)>;
+    explicit CVDecoderInput(Read read);
+
     /// What is buffered, read on when that is nothing; empty only at the end or after an error.
     std::span<const unsigned char> available();
     void consume(std::size_t bytes) { m_used += bytes; }
@@ -67,8 +72,7 @@ public:
 private:
     bool fill();
 
-    const CVArchiveSource &m_source;
-    qint64 m_offset;
+    Read m_read;
     std::vector<unsigned char> m_buffer;
     std::size_t m_used = 0;
     std::size_t m_filled = 0;

@@ -240,6 +240,64 @@ protected:
     ~ExtractCallback() = default;
 };
 
+struct CompressProgress : Unknown
+{
+    static constexpr Guid id = interfaceGuid(4, 4);
+    virtual Result SetRatioInfo(const std::uint64_t *in, const std::uint64_t *out) = 0;
+
+protected:
+    ~CompressProgress() = default;
+};
+
+struct CompressCoder : Unknown
+{
+    static constexpr Guid id = interfaceGuid(4, 5);
+    /// Sizes may be null; `outSize` is what is wanted, which may be less than there is.
+    virtual Result Code(SequentialInStream *in, SequentialOutStream *out, const std::uint64_t *inSize,
+                        const std::uint64_t *outSize, CompressProgress *progress) = 0;
+
+protected:
+    ~CompressCoder() = default;
+};
+
+struct SetDecoderProperties : Unknown
+{
+    static constexpr Guid id = interfaceGuid(4, 0x22);
+    virtual Result SetDecoderProperties2(const std::uint8_t *data, std::uint32_t size) = 0;
+
+protected:
+    ~SetDecoderProperties() = default;
+};
+
+enum MethodProperty : std::uint32_t {
+    MethodId = 0,
+    MethodName = 1,
+    MethodEncoderIsAssigned = 8,
+};
+
+/// Methods from outside of the module.
+struct CompressCodecsInfo : Unknown
+{
+    static constexpr Guid id = interfaceGuid(4, 0x60);
+    virtual Result GetNumMethods(std::uint32_t *count) = 0;
+    virtual Result GetProperty(std::uint32_t index, std::uint32_t property, Variant *value) = 0;
+    virtual Result CreateDecoder(std::uint32_t index, const Guid *iid, void **coder) = 0;
+    virtual Result CreateEncoder(std::uint32_t index, const Guid *iid, void **coder) = 0;
+
+protected:
+    ~CompressCodecsInfo() = default;
+};
+
+/// Archive objects that use them.
+struct SetCompressCodecsInfo : Unknown
+{
+    static constexpr Guid id = interfaceGuid(4, 0x61);
+    virtual Result SetCodecs(CompressCodecsInfo *codecs) = 0;
+
+protected:
+    ~SetCompressCodecsInfo() = default;
+};
+
 struct InArchive : Unknown
 {
     static constexpr Guid id = interfaceGuid(6, 0x60);
