@@ -8,6 +8,7 @@
 #include "archives/reading/CVSevenZipHeader.h"
 #include "archives/reading/CVSevenZipPeek.h"
 #include "archives/reading/CVZipLocalHeader.h"
+#include "util/LXSaturatingSum.h"
 
 #include <QLoggingCategory>
 
@@ -60,13 +61,6 @@ private:
     locale_t m_locale;
     locale_t m_previous = nullptr;
 };
-
-/// Declared sizes may add up to anything.
-void addSize(qint64 &sum, qint64 size)
-{
-    if (size > 0 && __builtin_add_overflow(sum, size, &sum))
-        sum = std::numeric_limits<qint64>::max();
-}
 
 /// What a decoder may take. More than the least only for archives that carry something to fill it
 /// with: a few kilobytes that ask for gigabytes are an attack.
@@ -195,7 +189,8 @@ CVSevenZipFailure SevenZipEngine::open(const CVSevenZipGuess &guess)
     if (callback.passwordMissing())
         return {XADErrorCode::PasswordMissing, QStringLiteral("The names in the archive are encrypted.")};
     if (result != Ok && callback.passwordAsked())
-        return {XADErrorCode::PasswordWrongOpening, QStringLiteral("The password does not fit.")};
+        return {XADErrorCode::PasswordOrDamage,
+                QStringLiteral("The password is wrong, or the archive is damaged.")};
     if (result == OutOfMemory)
         return {XADErrorCode::NotSupported,
                 QStringLiteral("There is not enough memory to open the archive.")};
@@ -441,7 +436,7 @@ void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
     qint64 total = 0;
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         if (extraction.wanted[i])
-            addSize(total, m_entries[i].size);
+            total = saturatingSum(total, std::max<qint64>(0, m_entries[i].size));
     }
     const bool isParallel =
         (byBlock || isZip()) && m_archive->formats().size() == 1 && total >= minimumParallelBytes;
@@ -461,7 +456,7 @@ void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
                 block = own;
                 blocks.emplace_back(i, 0);
             }
-            addSize(blocks.back().second, size);
+            blocks.back().second = saturatingSum(blocks.back().second, size);
         }
     }
     std::size_t nextBlock = 0;
@@ -485,7 +480,7 @@ void SevenZipEngine::makeShares(CVSevenZipRun &extraction)
             (shares.back().bytes >= shareBytes || shares.back().items.size() >= shareItems))
             shares.emplace_back();
         shares.back().items.push_back(m_itemOfEntry[i]);
-        addSize(shares.back().bytes, m_entries[i].size);
+        shares.back().bytes = saturatingSum(shares.back().bytes, std::max<qint64>(0, m_entries[i].size));
     }
     // The longest first, so that no worker begins a large block when the others have finished.
     if (byBlock)
@@ -554,6 +549,7 @@ CVSevenZipBytes bytesOf(const CVArchiveProbe &probe)
 }
 
 constexpr int bidForParts = 95; ///< nobody else joins them
+constexpr int bidForZip = 80;   ///< less for what only ends in one
 
 int bid(const CVArchiveProbe &probe)
 {
@@ -626,16 +622,19 @@ CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &
                 return {std::move(engine), XADErrorCode::None, {}};
             case XADErrorCode::Stopped:
             case XADErrorCode::PasswordMissing:
-            case XADErrorCode::PasswordWrongOpening:
                 return {nullptr, failure.code, failure.text};
+            case XADErrorCode::PasswordOrDamage: // no other reader knows more
+                return {nullptr, failure.code, failure.text, true};
             default:
                 break;
             }
             if (first.code == XADErrorCode::None)
                 first = failure;
-            // The checksums of a 7z leave no doubt, and a reader that looks at fewer of them makes of the
-            // rest what it can: an entry of another kind, or parts that are merely joined.
-            if (failure.code == XADErrorCode::Damaged && formatOf(guess) == "7z")
+            // The checksums of a 7z leave no doubt, and neither does a zip that the module, which forgives
+            // much, gives up. A reader that looks at less makes of the rest what it can: an entry of another
+            // kind, or parts that are merely joined.
+            const bool isZip = formatOf(guess) == "zip" && guess.bid >= bidForZip;
+            if (failure.code == XADErrorCode::Damaged && (isZip || formatOf(guess) == "7z"))
                 return {nullptr, failure.code, failure.text, true};
         }
         if (first.code == XADErrorCode::None)

@@ -144,6 +144,8 @@ CVSevenZipFailure CVSevenZipExtraction::failureOf(std::int32_t result)
     case OperationUnsupportedMethod:
         return {XADErrorCode::NotSupported, QStringLiteral("The compression method is not supported.")};
     case OperationWrongPassword:
+        if (m_run.passwordFits)
+            return {XADErrorCode::Damaged, QStringLiteral("The data is damaged.")};
         return {XADErrorCode::Password, QStringLiteral("The password is wrong.")};
     case OperationMemoryError:
         return {XADErrorCode::NotSupported,
@@ -152,7 +154,8 @@ CVSevenZipFailure CVSevenZipExtraction::failureOf(std::int32_t result)
     case OperationCrcError:
         if (m_run.entries[std::size_t(m_index)].encrypted && !m_run.headersAreEncrypted &&
             !m_run.passwordFits && !passwordWasChecked())
-            return {XADErrorCode::Password, QStringLiteral("The password is wrong, or the data is damaged.")};
+            return {XADErrorCode::PasswordOrDamage,
+                    QStringLiteral("The password is wrong, or the data is damaged.")};
         return {XADErrorCode::Damaged, result == OperationCrcError
                                            ? QStringLiteral("The checksum does not fit.")
                                            : QStringLiteral("The data is damaged.")};

@@ -304,11 +304,19 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("options");
         QTest::addColumn<QString>("name");
         QTest::addColumn<bool>("namesEncrypted");
-        QTest::newRow("7z data") << QStringList{} << "p1.7z" << false;
-        QTest::newRow("7z data, copied") << QStringList{QStringLiteral("-mx=0")} << "p2.7z" << false;
-        QTest::newRow("7z names") << QStringList{QStringLiteral("-mhe=on")} << "p3.7z" << true;
-        QTest::newRow("zip aes") << QStringList{QStringLiteral("-mem=AES256")} << "p4.zip" << false;
-        QTest::newRow("zip zipcrypto") << QStringList{} << "p5.zip" << false;
+        QTest::addColumn<XADErrorCode>("wrong");
+        QTest::addColumn<XADErrorCode>("damaged");
+        const auto unknown = XADErrorCode::PasswordOrDamage;
+        const auto wrong = XADErrorCode::Password;
+        const auto damaged = XADErrorCode::Damaged;
+        QTest::newRow("7z data") << QStringList{} << "p1.7z" << false << unknown << unknown;
+        QTest::newRow("7z data, copied")
+            << QStringList{QStringLiteral("-mx=0")} << "p2.7z" << false << unknown << unknown;
+        QTest::newRow("7z names") << QStringList{QStringLiteral("-mhe=on")} << "p3.7z" << true << unknown
+                                  << damaged;
+        QTest::newRow("zip aes") << QStringList{QStringLiteral("-mem=AES256")} << "p4.zip" << false << wrong
+                                 << damaged;
+        QTest::newRow("zip zipcrypto") << QStringList{} << "p5.zip" << false << wrong << unknown;
     }
 
     void tellsAWrongPasswordFromNone()
@@ -316,25 +324,44 @@ private Q_SLOTS:
         QFETCH(QStringList, options);
         QFETCH(QString, name);
         QFETCH(bool, namesEncrypted);
-        const QString path = archiveOf(name, options + QStringList{QStringLiteral("-pright")}, m_tree);
+        QFETCH(XADErrorCode, wrong);
+        QString path = archiveOf(name, options + QStringList{QStringLiteral("-pright")}, m_tree);
         QVERIFY(!path.isEmpty());
 
         for (const std::optional<QString> &given :
              {std::optional<QString>(), std::optional(QStringLiteral("wr0ng-secret"))}) {
             Reading reading(path, given);
             if (namesEncrypted) {
-                QCOMPARE(reading.opened.code,
-                         given ? XADErrorCode::PasswordWrongOpening : XADErrorCode::PasswordMissing);
+                QCOMPARE(reading.opened.code, given ? wrong : XADErrorCode::PasswordMissing);
                 QVERIFY(reading.host.asked);
             } else {
                 QVERIFY(reading.opened.engine);
                 QVERIFY(reading.opened.engine->isEncrypted());
                 QVERIFY(!reading.host.asked); // listing needs none
                 reading.extractAll();
-                QCOMPARE(reading.codesOfEncrypted(), std::set<XADErrorCode>{XADErrorCode::Password});
+                std::set<XADErrorCode> codes = reading.codesOfEncrypted();
+                const XADErrorCode expected = given ? wrong : XADErrorCode::Password;
+                QVERIFY(codes.contains(expected));
+                // The one byte that zip compares fits many a wrong password.
+                codes.erase(XADErrorCode::PasswordOrDamage);
+                codes.erase(expected);
+                QVERIFY(codes.empty());
             }
             QVERIFY(!reading.allTexts().contains(QStringLiteral("wr0ng-secret")));
         }
+
+        // The right one, and the only entry that it is for is damaged.
+        const QString folder = m_folder.filePath(QStringLiteral("single"));
+        QVERIFY(writeFile(folder + QStringLiteral("/noise.bin"), noise(5000, 4)));
+        QFile::remove(path);
+        path = archiveOf(name, options + QStringList{QStringLiteral("-pright")}, folder);
+        Bytes bytes = readFile(path);
+        bytes[2000] ^= 1;
+        QVERIFY(writeFile(path, bytes));
+        Reading reading(path, QStringLiteral("right"));
+        QVERIFY2(reading.opened.engine, qPrintable(reading.opened.detail));
+        reading.extractAll();
+        QTEST(*reading.codesOfEncrypted().begin(), "damaged");
     }
 
     void joinsVolumes_data()
@@ -519,6 +546,22 @@ private Q_SLOTS:
         QVERIFY2(reading.opened.engine, qPrintable(reading.opened.detail));
         reading.extractAll();
         QVERIFY(!reading.isWhole());
+    }
+
+    void leavesNoContradictoryZipToOthers()
+    {
+        const QString path = m_folder.filePath(QStringLiteral("contradictory.zip"));
+        QProcess process;
+        process.start(QStringLiteral("zip"), {QStringLiteral("-q"), path, QStringLiteral("-")});
+        process.write(noise(1000, 2));
+        process.closeWriteChannel();
+        QVERIFY(process.waitForFinished(60000) && process.exitCode() == 0);
+        Bytes bytes = readFile(path);
+        bytes[bytes.lastIndexOf("PK\x01\x02") + 63] ^= 0x42; // the packed size in the wide fields
+        QVERIFY(writeFile(path, bytes));
+        Reading reading(path);
+        QCOMPARE(reading.opened.code, XADErrorCode::Damaged);
+        QVERIFY(reading.opened.damageIsCertain);
     }
 
     void decodesMethodsOfOtherPackers_data()
@@ -748,7 +791,7 @@ private Q_SLOTS:
         row("rar 5", {rar5({plain})}, XADErrorCode::None);
         row("rar 4, checksum", {rar4({{.name = "a", .data = data, .crc = 1}})}, XADErrorCode::Damaged);
         row("rar 5, checksum", {rar5({{.name = "a", .data = data, .crc = 1}})}, XADErrorCode::Damaged);
-        row("rar 5, another hash", {rar5({{.name = "a", .data = data, .blake2Only = true}})},
+        row("rar 5, another hash", {rar5({{.name = "a", .data = data, .blake2sp = Bytes(32, 'x')}})},
             XADErrorCode::Damaged);
         row("rar 5, volumes",
             {rar5({first}, {.volume = true, .more = true}), rar5({second}, {.volume = true, .number = 1})},
