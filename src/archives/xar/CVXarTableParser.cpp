@@ -207,7 +207,7 @@ bool CVXarTableParser::Private::end()
     const Place place = places.back();
     places.pop_back();
     if (place == Place::File) {
-        if (open.back()->name.isEmpty())
+        if (open.back()->name.isNull())
             return fail("An entry in its table of contents has no name.");
         open.pop_back();
     }
@@ -225,9 +225,12 @@ bool CVXarTableParser::Private::end()
 bool CVXarTableParser::Private::takeFileValue(xar_file &file)
 {
     if (element == "name"_L1) {
-        if (!file.name.isEmpty())
+        if (!file.name.isNull())
             return fail("An entry in its table of contents has two names.");
+        // Nothing can be delivered under an empty name; that costs this entry, not all the others.
         file.name = name();
+        if (file.name.isNull())
+            file.name = QByteArrayLiteral("");
     } else if (element == "type"_L1) {
         const QStringView type = QStringView(value).trimmed();
         using Type = xar_file::Type;
