@@ -3,6 +3,7 @@
 #include "archives/CVToolPaths.h"
 #include "archives/CVToolRules.h"
 #include "archives/reading/CVDestination.h"
+#include "archives/reading/XADArchive.h"
 #include "archives/shell_line.h"
 #include "archives/xar/CVXarListing.h"
 #include "archives/xar/xar.h"
@@ -82,7 +83,7 @@ void CVCorvaneArchive::threadedCreateCommand()
 
 LXResult<void> CVCorvaneArchive::write()
 {
-    auto opened = xar_open(bytesOfFileName(destination), xar_mode::write);
+    auto opened = xar_create(bytesOfFileName(destination));
     if (!opened)
         return opened.error();
     const xar_t archive = std::move(opened).value();
@@ -170,18 +171,14 @@ void CVCorvaneArchive::extractCommand()
 
 std::optional<double> CVCorvaneArchive::countEntries()
 {
-    const auto archive = xar_open(bytesOfFileName(extractFile), xar_mode::read);
-    if (!archive) {
-        LX_DEBUG(lcCorvaneArchive, "%s: %s", qUtf8Printable(extractFile),
-                 qUtf8Printable(archive.error().reason));
+    XADErrorCode code = XADErrorCode::None;
+    QString detail;
+    const auto archive = XADArchive::openFile(extractFile, nullptr, &code, &detail);
+    if (!archive || archive->formatName() != QLatin1StringView("XAR")) {
+        LX_DEBUG(lcCorvaneArchive, "%s: %s", qUtf8Printable(extractFile), qUtf8Printable(detail));
         return std::nullopt;
     }
-    double count = 0;
-    const xar_iter_t iterator = xar_iter_new();
-    for (xar_file_t file = xar_file_first(*archive.value(), *iterator); file && !m_isCancelled;
-         file = xar_file_next(*archive.value(), *iterator))
-        ++count;
-    return count;
+    return archive->numberOfEntries();
 }
 
 CVCorvaneArchive::ToolResult CVCorvaneArchive::extractWithTool()

@@ -98,6 +98,17 @@ LXResult<LXConfinement> LXConfinement::prepare(LXConfinementRules rules, const c
     return result;
 }
 
+LXResult<LXConfinement> LXConfinement::prepare(const LXConfinementRules &rules)
+{
+    LXConfinement result;
+    result.m_ruleset = LXLandlock::prepared(rules);
+    result.m_landlock = std::min(LXLandlock::version(), rules.newestLandlock);
+    result.m_filter = LXSystemCallFilter::prepared(rules, {.own = 0, .program = nullptr});
+    if (!result.m_filter)
+        return failure(ENOTSUP);
+    return result;
+}
+
 bool LXConfinement::apply() const noexcept
 {
     LXProtection protection;

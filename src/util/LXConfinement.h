@@ -71,6 +71,9 @@ public:
     /// one that passes.
     static LXResult<LXConfinement> prepare(LXConfinementRules rules, const char *program);
 
+    /// The same for a child that goes on without exec.
+    static LXResult<LXConfinement> prepare(const LXConfinementRules &rules);
+
     /// In the child. Safe in a signal handler. False with errno.
     bool apply() const noexcept;
 

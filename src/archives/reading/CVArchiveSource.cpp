@@ -1,8 +1,6 @@
 #include "archives/reading/CVArchiveSource.h"
 
-#include "util/LXFileName.h"
-
-#include <QFile>
+#include "archives/reading/CVArchiveFiles.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,10 +13,9 @@ std::shared_ptr<const CVArchiveSource> CVArchiveSource::open(const QStringList &
 {
     auto source = std::make_shared<CVArchiveSource>();
     for (const QString &path : paths) {
-        Part part{path, LXFileDescriptor(
-                            ::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))};
+        Part part{path, CVArchiveFiles::open(path)};
         struct stat info;
-        if (!part.fd.isOpen() || ::fstat(part.fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        if (!part.fd.isOpen() || ::fstat(part.fd.get(), &info) != 0) {
             if (error)
                 *error = path + QLatin1StringView(": ") + QString::fromLocal8Bit(std::strerror(errno));
             return nullptr;
@@ -26,6 +23,8 @@ std::shared_ptr<const CVArchiveSource> CVArchiveSource::open(const QStringList &
         part.start = source->m_size;
         part.size = info.st_size;
         source->m_size += part.size;
+        if (source->m_parts.empty())
+            source->m_modified = qint64(info.st_mtim.tv_sec) * 1'000 + info.st_mtim.tv_nsec / 1'000'000;
         ::posix_fadvise(part.fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
         source->m_parts.push_back(std::move(part));
     }

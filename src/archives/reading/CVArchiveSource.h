@@ -19,6 +19,8 @@ public:
 
     qint64 size() const { return m_size; }
     QStringList paths() const;
+    /// When the first file was changed last, in milliseconds since 1970 UTC.
+    qint64 modified() const { return m_modified; }
 
     /// Where each file begins.
     std::vector<qint64> starts() const;
@@ -41,5 +43,6 @@ private:
 
     std::vector<Part> m_parts;
     qint64 m_size = 0;
+    qint64 m_modified = 0;
     mutable std::atomic<qint64> m_position = 0;
 };

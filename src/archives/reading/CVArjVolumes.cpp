@@ -1,5 +1,7 @@
 #include "archives/reading/CVArjVolumes.h"
 
+#include "archives/reading/CVArchiveFiles.h"
+
 #include <QFileInfo>
 #include <QtEndian>
 
@@ -83,7 +85,7 @@ QStringList cvArjVolumePaths(const QString &path)
     const QChar letter = extension.at(0);
     while (paths.size() < maximumVolumes) {
         const QString next = stem + u'.' + letter + QStringLiteral("%1").arg(++number, 2, 10, QChar(u'0'));
-        if (!QFileInfo(next).isFile())
+        if (!CVArchiveFiles::exists(next))
             break;
         paths << next;
     }

@@ -1,7 +1,6 @@
 #include "archives/reading/CVLibarchiveEngine.h"
 #include "archives/reading/CVReadingEngine.h"
 #include "archives/reading/CVSevenZipEngine.h"
-#include "archives/reading/CVUnarEngine.h"
 #include "archives/reading/CVZipEngine.h"
 #include "archives/xar/CVXarEngine.h"
 
@@ -10,8 +9,10 @@
 std::span<const CVEngineDescriptor> cvReadingEngines()
 {
     static const std::array engines{
-        cvSevenZipEngineDescriptor(),   cvZipEngineDescriptor(),  cvXarEngineDescriptor(),
-        cvLibarchiveEngineDescriptor(), cvUnarEngineDescriptor(),
+        cvSevenZipEngineDescriptor(),
+        cvZipEngineDescriptor(),
+        cvXarEngineDescriptor(),
+        cvLibarchiveEngineDescriptor(),
     };
     return engines;
 }

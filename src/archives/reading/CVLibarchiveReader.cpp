@@ -1,7 +1,6 @@
 #include "archives/reading/CVLibarchiveReader.h"
 
 #include "archives/reading/CVReadingText.h"
-#include "util/LXFileName.h"
 
 #include <QFile>
 
@@ -190,9 +189,8 @@ bool CVLibarchiveReader::open()
     if (!a || archive_read_support_filter_none(a) != ARCHIVE_OK ||
         supportFormat(a, m_input.format) < ARCHIVE_WARN)
         return false;
-    const QStringList paths = m_input.source->paths();
-    if (m_input.format == CVLibarchiveFormat::Rar5 && paths.size() > 1)
-        return openVolumes(paths);
+    if (m_input.format == CVLibarchiveFormat::Rar5 && m_input.source->paths().size() > 1)
+        return openVolumes();
     archive_read_set_callback_data(a, this);
     archive_read_set_read_callback(a, readCallback);
     // Bytes that are summed have to be seen.
@@ -203,20 +201,60 @@ bool CVLibarchiveReader::open()
     return archive_read_open1(a) == ARCHIVE_OK;
 }
 
-bool CVLibarchiveReader::openVolumes(const QStringList &paths)
+bool CVLibarchiveReader::openVolumes()
 {
     // The rar 5 reader loses a block that is cut by the end of a short volume unless the volumes are
     // files of their own and their sizes are known, which the look of the zip reader at the end brings about.
     archive *a = m_archive.get();
     archive_read_support_format_zip_seekable(a);
-    std::vector<QByteArray> names;
-    std::vector<const char *> pointers;
-    for (const QString &path : paths)
-        names.push_back(bytesOfFileName(path));
-    for (const QByteArray &name : names)
-        pointers.push_back(name.constData());
-    pointers.push_back(nullptr);
-    return archive_read_open_filenames(a, pointers.data(), volumeBlockBytes) == ARCHIVE_OK;
+    const std::vector<qint64> starts = m_input.source->starts();
+    m_volumes.reserve(starts.size()); // libarchive keeps the addresses
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        const qint64 end = i + 1 < starts.size() ? starts[i + 1] : m_input.source->size();
+        m_volumes.push_back({this, starts[i], end - starts[i], 0});
+        if (archive_read_append_callback_data(a, &m_volumes.back()) != ARCHIVE_OK)
+            return false;
+    }
+    m_buffer.resize(volumeBlockBytes);
+    archive_read_set_read_callback(a, Volume::read);
+    archive_read_set_seek_callback(a, Volume::seek);
+    archive_read_set_switch_callback(a, Volume::enter);
+    return archive_read_open1(a) == ARCHIVE_OK;
+}
+
+ssize_t CVLibarchiveReader::Volume::read(archive *a, void *self, const void **buffer)
+{
+    auto *const volume = static_cast<Volume *>(self);
+    CVLibarchiveReader &reader = *volume->reader;
+    if (reader.m_shouldStop && reader.m_shouldStop())
+        reader.m_inputCode = XADErrorCode::Stopped;
+    const qint64 wanted = std::min<qint64>(volume->size - volume->position, qint64(reader.m_buffer.size()));
+    const qint64 n =
+        reader.m_inputCode != XADErrorCode::None
+            ? -1
+            : reader.m_input.source->readAt(volume->start + volume->position, reader.m_buffer.data(), wanted);
+    if (n < 0) {
+        archive_set_error(a, EIO, "%s", "input ended");
+        return -1;
+    }
+    volume->position += n;
+    *buffer = reader.m_buffer.data();
+    return static_cast<ssize_t>(n);
+}
+
+std::int64_t CVLibarchiveReader::Volume::seek(archive *, void *self, std::int64_t offset, int whence)
+{
+    auto *const volume = static_cast<Volume *>(self);
+    const qint64 base = whence == SEEK_CUR ? volume->position : whence == SEEK_END ? volume->size : 0;
+    if (offset < -base || offset > volume->size - base)
+        return ARCHIVE_FATAL;
+    return volume->position = base + offset;
+}
+
+int CVLibarchiveReader::Volume::enter(archive *, void *, void *next)
+{
+    static_cast<Volume *>(next)->position = 0;
+    return ARCHIVE_OK;
 }
 
 std::span<const char> CVLibarchiveReader::fetch()

@@ -71,8 +71,21 @@ private:
         void operator()(archive *a) const noexcept;
     };
 
+    /// One file of a set that libarchive has to see as files.
+    struct Volume
+    {
+        CVLibarchiveReader *reader;
+        qint64 start;
+        qint64 size;
+        qint64 position;
+
+        static ssize_t read(archive *a, void *self, const void **buffer);
+        static std::int64_t seek(archive *a, void *self, std::int64_t offset, int whence);
+        static int enter(archive *a, void *before, void *next);
+    };
+
     bool open();
-    bool openVolumes(const QStringList &paths);
+    bool openVolumes();
     Step failed(Step step);
     Step failedWith(XADErrorCode code, const QString &detail);
     std::span<const char> fetch();
@@ -84,6 +97,7 @@ private:
     std::function<bool()> m_shouldStop;
     std::unique_ptr<CVDecodePipeline> m_pipeline;
     std::vector<char> m_buffer;
+    std::vector<Volume> m_volumes;
     std::unique_ptr<archive, Closer> m_archive;
     std::optional<CVCpioSums> m_sums;
     qint64 m_position = 0; ///< in the container: end of what libarchive was given

@@ -1,6 +1,7 @@
 #include "archives/reading/CVRarVolumes.h"
 
-#include <QFileInfo>
+#include "archives/reading/CVArchiveFiles.h"
+
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -38,10 +39,11 @@ QString partName(const QRegularExpressionMatch &match, int number)
 /// The parts of a set whose first one is a program end in .rar.
 QString existing(const QString &path)
 {
-    if (QFileInfo::exists(path))
+    if (CVArchiveFiles::exists(path))
         return path;
     for (const QString &extension : {u".rar"_s, u".RAR"_s})
-        if (const QString other = path.left(path.lastIndexOf(u'.')) + extension; QFileInfo::exists(other))
+        if (const QString other = path.left(path.lastIndexOf(u'.')) + extension;
+            CVArchiveFiles::exists(other))
             return other;
     return {};
 }
@@ -94,16 +96,16 @@ QString cvFirstRarVolume(const QString &path, bool usesPartNumbers)
 {
     if (const auto match = partPattern().match(path); usesPartNumbers && match.hasMatch()) {
         const QString first = partName(match, 1);
-        if (QFileInfo::exists(first))
+        if (CVArchiveFiles::exists(first))
             return first;
         const QString program = first.left(first.lastIndexOf(u'.')) + u".exe"_s;
-        return QFileInfo::exists(program) ? program : first;
+        return CVArchiveFiles::exists(program) ? program : first;
     }
     static const QRegularExpression old(u"\\.[r-z]\\d\\d$"_s, QRegularExpression::CaseInsensitiveOption);
     if (!usesPartNumbers && old.match(path).hasMatch()) {
         const QString stem = path.chopped(4);
         for (const QString &extension : {u".rar"_s, u".RAR"_s})
-            if (QFileInfo::exists(stem + extension))
+            if (CVArchiveFiles::exists(stem + extension))
                 return stem + extension;
     }
     return path;
@@ -124,7 +126,7 @@ QStringList cvRarVolumes(const QString &firstVolume, bool usesPartNumbers)
             break;
         const QString next = usesPartNumbers ? existing(partName(match, firstNumber + i))
                                              : firstVolume.left(dot + 1) + oldVolumeSuffix(style, i);
-        if (next.isEmpty() || !QFileInfo::exists(next))
+        if (next.isEmpty() || !CVArchiveFiles::exists(next))
             break;
         volumes << next;
     }

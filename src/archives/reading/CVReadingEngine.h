@@ -161,5 +161,6 @@ struct CVEngineDescriptor
     OpenOutcome (*open)(const CVArchiveProbe &probe, CVEngineHost &host);
 };
 
-/// All engines, in no order that matters.
+/// All engines of a reader, in no order that matters: they run in a process of its own for each archive, see
+/// cage/.
 std::span<const CVEngineDescriptor> cvReadingEngines();

@@ -1,8 +1,9 @@
 #include "archives/reading/CVSevenZipArchive.h"
 
+#include "archives/reading/CVArchiveFiles.h"
+
 #include "archives/reading/CVSevenZipFormats.h"
 
-#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -31,23 +32,14 @@ bool isDiskImage(const QByteArray &format)
     return std::any_of(images.begin(), images.end(), [&](const char *image) { return format == image; });
 }
 
-/// The file in `folder` that a volume's name means; empty when there is none.
-QString findVolume(const QDir &folder, const QString &name)
+/// The names that a volume may have of which the module asks for `name`.
+QStringList volumeNames(const QString &name)
 {
     QStringList names{name};
     // The volumes of a zipx are x.zx01, x.zx02, …; the module asks for x.z01.
     if (const qsizetype mark = name.lastIndexOf(QLatin1String(".z")); mark >= 0)
         names << QStringView(name).left(mark) + QStringLiteral(".zx") + QStringView(name).mid(mark + 2);
-    for (const QString &exact : std::as_const(names)) {
-        if (QFileInfo(folder.filePath(exact)).isFile())
-            return folder.filePath(exact);
-    }
-    // Written where case does not matter.
-    const QStringList files = folder.entryList(QDir::Files);
-    const auto same = std::find_if(files.begin(), files.end(), [&](const QString &other) {
-        return names.contains(other, Qt::CaseInsensitive);
-    });
-    return same == files.end() ? QString() : folder.filePath(*same);
+    return names;
 }
 
 QByteArray readStream(InStream &stream, qint64 offset, qint64 size)
@@ -161,7 +153,7 @@ Result CVSevenZipOpenCallback::GetStream(const wchar_t *name, InStream **stream)
         m_missingVolume = wanted;
         return False;
     }
-    const QString path = findVolume(QFileInfo(m_source->paths().first()).dir(), wanted);
+    const QString path = CVArchiveFiles::findBeside(m_source->paths().first(), volumeNames(wanted));
     const auto source = path.isEmpty() ? nullptr : CVSevenZipSource::open({path});
     if (!source) {
         m_missingVolume = wanted;

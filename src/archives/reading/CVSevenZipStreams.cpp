@@ -1,14 +1,10 @@
 #include "archives/reading/CVSevenZipStreams.h"
 
-#include "util/LXFileName.h"
-
-#include <QFile>
-#include <QFileInfo>
+#include "archives/reading/CVArchiveFiles.h"
 
 #include <algorithm>
 #include <cerrno>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 using namespace sevenzip;
@@ -44,7 +40,7 @@ QStringList CVSevenZipSource::numberedParts(const QString &path)
     for (int next = 2; next <= maximumParts; ++next) {
         const QString part =
             QStringView(path).left(dot + 1) + QStringLiteral("%1").arg(next, width, 10, QChar(u'0'));
-        if (!QFileInfo(part).isFile())
+        if (!CVArchiveFiles::exists(part))
             break;
         paths << part;
     }
@@ -55,9 +51,9 @@ std::shared_ptr<const CVSevenZipSource> CVSevenZipSource::open(const QStringList
 {
     auto source = std::make_shared<CVSevenZipSource>();
     for (const QString &path : paths) {
-        LXFileDescriptor file(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        LXFileDescriptor file = CVArchiveFiles::open(path);
         struct stat status = {};
-        if (!file.isOpen() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
             return nullptr;
         source->m_parts.push_back({std::move(file), source->m_size, status.st_size});
         source->m_size += status.st_size;

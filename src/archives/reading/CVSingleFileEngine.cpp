@@ -3,7 +3,6 @@
 #include "archives/reading/CVDecodePipeline.h"
 #include "archives/reading/CVReadingText.h"
 
-#include <QDateTime>
 #include <QFileInfo>
 
 using namespace Qt::StringLiterals;
@@ -16,7 +15,7 @@ CVSingleFileEngine::CVSingleFileEngine(std::shared_ptr<const CVArchiveSource> so
     entry.name = outputName(m_source->paths().value(0)).toUtf8();
     entry.nameEncoding = CVNameEncoding::Utf8;
     // As the unpackers of these formats do.
-    entry.modified = QFileInfo(m_source->paths().value(0)).lastModified().toMSecsSinceEpoch() * 1'000'000;
+    entry.modified = m_source->modified() * 1'000'000;
     m_entries.push_back(std::move(entry));
 }
 

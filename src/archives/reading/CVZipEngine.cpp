@@ -1,17 +1,15 @@
 #include "archives/reading/CVZipEngine.h"
 
+#include "archives/reading/CVArchiveFiles.h"
 #include "archives/reading/CVZipBytes.h"
 #include "archives/reading/CVZipDirectory.h"
 #include "archives/reading/CVZipExtractor.h"
 #include "util/LXFileDescriptor.h"
-#include "util/LXFileName.h"
 
-#include <QFile>
 #include <QLoggingCategory>
 
 #include <new>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 using namespace CVZipBytes;
@@ -72,9 +70,9 @@ int bid(const CVArchiveProbe &probe)
 
 CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &)
 {
-    LXFileDescriptor file(::open(bytesOfFileName(probe.path).constData(), O_RDONLY | O_CLOEXEC));
+    LXFileDescriptor file = CVArchiveFiles::open(probe.path);
     struct stat status = {};
-    if (!file.isOpen() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
         return {nullptr, XADErrorCode::Damaged, QStringLiteral("The file could not be opened.")};
     try {
         auto directory = std::make_unique<CVZipDirectory>();

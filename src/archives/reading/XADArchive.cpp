@@ -1,7 +1,11 @@
 #include "archives/reading/XADArchive.h"
 
+#include "archives/reading/CVArchiveFiles.h"
 #include "archives/reading/CVNameDecoder.h"
 #include "archives/reading/CVSafeWriter.h"
+#include "archives/reading/CVUnarEngine.h"
+#include "archives/reading/cage/CVCagedEngine.h"
+#include "archives/reading/cage/CVReaderSession.h"
 #include "util/LXFileName.h"
 #include "util/LXSaturatingSum.h"
 #include "util/path_parts.h"
@@ -38,17 +42,13 @@ QString text(const char *source)
     return QCoreApplication::translate("XADArchive", source);
 }
 
-bool readProbe(const QString &path, CVArchiveProbe &probe)
+LXFileDescriptor readProbe(const QString &path, CVArchiveProbe &probe)
 {
     probe.path = path;
-    const LXFileDescriptor fd(::open(bytesOfFileName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    LXFileDescriptor fd = CVArchiveFiles::open(path);
     struct stat info;
     if (!fd.isOpen() || ::fstat(fd.get(), &info) != 0)
-        return false;
-    if (!S_ISREG(info.st_mode)) {
-        errno = EISDIR;
-        return false;
-    }
+        return LXFileDescriptor();
     probe.fileSize = info.st_size;
     const auto readAt = [&fd](qint64 offset, qint64 size) {
         QByteArray bytes(static_cast<qsizetype>(size), Qt::Uninitialized);
@@ -66,8 +66,17 @@ bool readProbe(const QString &path, CVArchiveProbe &probe)
     probe.head = readAt(0, std::min(probe.fileSize, probeHeadBytes));
     const qint64 tail = std::min(probe.fileSize, probeTailBytes);
     probe.tail = tail == probe.head.size() ? probe.head : readAt(probe.fileSize - tail, tail);
-    return true;
+    return fd;
 }
+
+/// An engine that could open the archive: one of the reader's, by its number, or the one that works here by
+/// starting programs.
+struct Candidate
+{
+    static constexpr int unar = -1;
+    int bid;
+    int number;
+};
 
 CVNameDecoder::Family nameFamily(const QString &format)
 {
@@ -95,8 +104,9 @@ struct XADArchive::Private : CVEngineHost
     XADArchive *q = nullptr;
     XADArchiveDelegate *delegate = nullptr;
     CVArchiveProbe probe;
+    std::shared_ptr<CVReaderSession> session;
     std::unique_ptr<CVReadingEngine> engine;
-    std::vector<const CVEngineDescriptor *> others; // not tried so far, best first
+    std::vector<Candidate> others; // not tried so far, best first
 
     std::unique_ptr<CVNameDecoder> decoder;
     bool namesObserved = false; ///< every name went through the decoder
@@ -140,17 +150,19 @@ XADErrorCode XADArchive::Private::openNext()
     XADErrorCode first = XADErrorCode::None;
     QString firstText;
     while (!others.empty()) {
-        const CVEngineDescriptor *descriptor = others.front();
+        const int number = others.front().number;
         others.erase(others.begin());
-        CVEngineDescriptor::OpenOutcome outcome = descriptor->open(probe, *this);
+        CVEngineDescriptor::OpenOutcome outcome = number == Candidate::unar
+                                                      ? cvUnarEngineDescriptor().open(probe, *this)
+                                                      : cvOpenCaged(session, number);
         if (outcome.engine) {
-            qCDebug(lcReading) << descriptor->name << "reads" << probe.path << "as"
+            qCDebug(lcReading) << "engine" << number << "reads" << probe.path << "as"
                                << outcome.engine->formatName();
             engine = std::move(outcome.engine);
             resetDecoder();
             return XADErrorCode::None;
         }
-        qCDebug(lcReading) << descriptor->name << "cannot open" << probe.path << int(outcome.code)
+        qCDebug(lcReading) << "engine" << number << "cannot open" << probe.path << int(outcome.code)
                            << outcome.detail;
         if (outcome.code == XADErrorCode::None)
             outcome.code = XADErrorCode::NotSupported;
@@ -210,19 +222,23 @@ std::unique_ptr<XADArchive> XADArchive::openFile(const QString &path, XADArchive
     };
     auto p = std::make_unique<Private>();
     p->delegate = delegate;
-    if (!readProbe(path, p->probe))
+    LXFileDescriptor file = readProbe(path, p->probe);
+    if (!file.isOpen())
         return fail(XADErrorCode::Damaged, QString::fromLocal8Bit(std::strerror(errno)));
     if (p->probe.fileSize == 0)
         return fail(XADErrorCode::Damaged, text("The file is empty."));
 
-    std::vector<std::pair<int, const CVEngineDescriptor *>> bids;
-    for (const CVEngineDescriptor &descriptor : cvReadingEngines())
-        if (const int bid = descriptor.bid(p->probe); bid > 0)
-            bids.emplace_back(bid, &descriptor);
-    std::stable_sort(bids.begin(), bids.end(),
-                     [](const auto &a, const auto &b) { return a.first > b.first; });
-    for (const auto &[bid, descriptor] : bids)
-        p->others.push_back(descriptor);
+    p->session = std::make_shared<CVReaderSession>(path, std::move(file), p->probe.fileSize, *p);
+    int number = 0;
+    for (const int bid : p->session->bids())
+        p->others.push_back({bid, number++});
+    if (!p->session->isRunning())
+        return p->session->hasFailed() ? fail(XADErrorCode::Damaged, p->session->failureText())
+                                       : fail(XADErrorCode::Stopped, {});
+    p->others.push_back({cvUnarEngineDescriptor().bid(p->probe), Candidate::unar});
+    std::erase_if(p->others, [](const Candidate &candidate) { return candidate.bid <= 0; });
+    std::stable_sort(p->others.begin(), p->others.end(),
+                     [](const Candidate &a, const Candidate &b) { return a.bid > b.bid; });
     if (p->others.empty())
         return fail(XADErrorCode::NotSupported,
                     text("It is not an archive that any installed reader knows."));
@@ -533,9 +549,9 @@ XADArchive::Attempt XADArchive::attemptExtraction(const std::vector<int> &indice
     const bool othersLeft = ownsContents && (isRetry || !d->others.empty());
     // A method that this reader does not know says nothing about the others, whoever has the last word on
     // damage.
-    const auto mayDoBetter = [othersLeft, isFinal = engine.isDamageFinal()](XADErrorCode code) {
-        return othersLeft &&
-               (code == XADErrorCode::NotSupported || (code == XADErrorCode::Damaged && !isFinal));
+    const auto mayDoBetter = [othersLeft, &engine](XADErrorCode code) {
+        return othersLeft && (code == XADErrorCode::NotSupported ||
+                              (code == XADErrorCode::Damaged && !engine.isDamageFinal()));
     };
     callbacks.entryDidFail = [this, &attempt, mayDoBetter](int index, XADErrorCode code) {
         if (attempt.needsAllNames)

@@ -1,7 +1,7 @@
 #include "archives/xar/CVXarEngine.h"
 
+#include "archives/reading/CVArchiveFiles.h"
 #include "archives/reading/CVSafePath.h"
-#include "util/LXFileName.h"
 
 #include <QLoggingCategory>
 
@@ -52,7 +52,10 @@ int bid(const CVArchiveProbe &probe)
 
 CVEngineDescriptor::OpenOutcome open(const CVArchiveProbe &probe, CVEngineHost &)
 {
-    auto opened = xar_open(bytesOfFileName(probe.path), xar_mode::read);
+    LXFileDescriptor file = CVArchiveFiles::open(probe.path);
+    if (!file.isOpen())
+        return {nullptr, XADErrorCode::Damaged, QStringLiteral("The file could not be opened.")};
+    auto opened = xar_read(std::move(file));
     if (!opened) {
         qCDebug(lcXarEngine) << "cannot be read:" << opened.error().reason;
         // Final: the other readers check less, and one of them can be made to loop.

@@ -55,15 +55,15 @@ LXResult<void> compare(CVXarDigest &digest, const xar_checksum &expected)
 
 } // namespace
 
-LXResult<std::unique_ptr<CVXarReader>> CVXarReader::open(const QByteArray &path)
+LXResult<std::unique_ptr<CVXarReader>> CVXarReader::open(LXFileDescriptor file)
 {
     auto reader = std::make_unique<CVXarReader>();
-    reader->m_fd = LXFileDescriptor(::open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    reader->m_fd = std::move(file);
     struct stat info;
     if (!reader->m_fd.isOpen() || ::fstat(reader->m_fd.get(), &info) != 0)
-        return system(errno, path);
+        return system(errno, {});
     if (!S_ISREG(info.st_mode))
-        return system(EINVAL, path);
+        return system(EINVAL, {});
     reader->m_fileBytes = static_cast<std::uint64_t>(info.st_size);
     if (auto result = reader->readTable(); !result)
         return result.error();

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "archives/xar/xar.h"
+#include "archives/xar/xar_private.h"
 #include "util/LXFileDescriptor.h"
 
 #include <deque>
 #include <span>
 
-/// An archive that is read. See xar_open(), xar_extract().
-class CVXarReader
+/// An archive that is read. See xar_read(), xar_extract().
+class CVXarReader final : public xar_reading
 {
 public:
     /// Compressed; a table of two million entries stays far below.
@@ -15,10 +15,10 @@ public:
     /// What a decoder may use: the largest windows of the usual tools fit, 64 MiB at xz -9.
     static constexpr std::uint64_t decoderMemoryLimit = std::uint64_t(160) << 20;
 
-    static LXResult<std::unique_ptr<CVXarReader>> open(const QByteArray &path);
+    static LXResult<std::unique_ptr<CVXarReader>> open(LXFileDescriptor file);
 
-    const std::deque<xar_file> &files() const { return m_files; }
-    LXResult<void> extract(const xar_file &file, const xar_receiver &receiver) const;
+    const std::deque<xar_file> &files() const override { return m_files; }
+    LXResult<void> extract(const xar_file &file, const xar_receiver &receiver) const override;
 
 private:
     LXResult<void> readTable();

@@ -1,8 +1,7 @@
 #include "archives/xar/xar.h"
 
 #include "archives/xar/CVXarErrors.h"
-#include "archives/xar/CVXarReader.h"
-#include "archives/xar/CVXarWriter.h"
+#include "archives/xar/xar_private.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,14 +9,6 @@
 #include <vector>
 
 #include <dirent.h>
-
-struct xar_archive::Private
-{
-    std::unique_ptr<CVXarReader> reader; // one of the two
-    std::unique_ptr<CVXarWriter> writer;
-
-    const std::deque<xar_file> &files() const { return reader ? reader->files() : writer->files(); }
-};
 
 namespace {
 
@@ -52,20 +43,13 @@ xar_archive::xar_archive(std::unique_ptr<Private> p)
 
 xar_archive::~xar_archive() = default;
 
-LXResult<xar_t> xar_open(const QByteArray &path, xar_mode mode)
+LXResult<xar_t> xar_create(const QByteArray &path)
 {
+    auto writer = CVXarWriter::open(path);
+    if (!writer)
+        return writer.error();
     auto d = std::make_unique<xar_archive::Private>();
-    if (mode == xar_mode::read) {
-        auto reader = CVXarReader::open(path);
-        if (!reader)
-            return reader.error();
-        d->reader = std::move(reader).value();
-    } else {
-        auto writer = CVXarWriter::open(path);
-        if (!writer)
-            return writer.error();
-        d->writer = std::move(writer).value();
-    }
+    d->writer = std::move(writer).value();
     return std::make_unique<xar_archive>(std::move(d));
 }
 
@@ -147,7 +131,5 @@ xar_file_t xar_file_next(const xar_archive &archive, xar_iter &iterator)
 
 LXResult<void> xar_extract(const xar_archive &archive, const xar_file &file, const xar_receiver &receiver)
 {
-    if (!archive.d->reader)
-        return CVXarErrors::notSupported({});
-    return archive.d->reader->extract(file, receiver);
+    return archive.d->reader ? archive.d->reader->extract(file, receiver) : CVXarErrors::notSupported({});
 }

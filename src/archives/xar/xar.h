@@ -1,5 +1,6 @@
 #pragma once
 
+#include "util/LXFileDescriptor.h"
 #include "util/LXResult.h"
 
 #include <QByteArray>
@@ -79,6 +80,9 @@ using xar_t = std::unique_ptr<xar_archive>;
 /// Reading checks the header and the table of contents. Writing replaces a file of that name (but never
 /// writes through a link), needs about 100 MiB of memory however large the files are, and uses all cores.
 LXResult<xar_t> xar_open(const QByteArray &path, xar_mode mode);
+/// The two halves of it, of which a program may link one alone.
+LXResult<xar_t> xar_create(const QByteArray &path);
+LXResult<xar_t> xar_read(LXFileDescriptor file);
 
 /// Adds the item at `path` below `parent` (null: at the top) as `name`, without what a folder holds.
 /// A file's data is read later, at the latest by xar_close(), and not beyond the size it has now; the table
