@@ -1,6 +1,7 @@
 #include "archives/CVXArchive.h"
 
 #include "archives/reading/CVPasswordValidator.h"
+#include "util/LXDisplay.h"
 #include "util/LXReleaseInBackground.h"
 #include "util/path_parts.h"
 
@@ -215,6 +216,7 @@ void CVXArchive::extractIndividualFiles()
         const QString clean = componentsOf(path).join(u'/');
         everything = everything || clean.isEmpty();
         requested.insert(clean);
+        requested.insert(LXDisplay::fromEscaped(clean)); // as a listing shows it
     }
     std::vector<int> wanted;
     const int count = m_xadarchive->numberOfEntries();

@@ -5,6 +5,7 @@
 #include "engine/model/CVOperationHelper.h"
 #include "jobs/CVJobFolders.h"
 #include "util/LXDirectory.h"
+#include "util/LXDisplay.h"
 #include "util/LXFileDescriptor.h"
 #include "util/LXFileName.h"
 #include "util/path_parts.h"
@@ -130,7 +131,9 @@ LXResult<void> CVExtractionDelivery::deliverEntries(const QStringList &entries)
     std::vector<std::vector<QByteArray>> items;
     QSet<QByteArray> chosen;
     for (const QString &entry : entries) {
-        const CVSafePath path = CVSafePath::fromName(entry, false);
+        CVSafePath path = CVSafePath::fromName(entry, false);
+        if (path.verdict == CVSafePath::Verdict::Write && !isReachable(folder, path.components))
+            path = CVSafePath::fromName(LXDisplay::fromEscaped(entry), false); // as a listing shows it
         if (path.verdict != CVSafePath::Verdict::Write)
             return CVJobFolders::deliveryError(u"“%1”: %2"_s.arg(entry, path.reason));
         if (!isReachable(folder, path.components))

@@ -33,7 +33,7 @@ QString identity(const struct stat &facts)
 LXResult<QByteArray> LXPathBookmarks::create(const QString &folder)
 {
     struct stat facts;
-    if (::stat(QFile::encodeName(folder).constData(), &facts) != 0)
+    if (::stat(bytesOfFileName(folder).constData(), &facts) != 0)
         return bookmarkError(folder, errno);
     if (!S_ISDIR(facts.st_mode))
         return bookmarkError(folder, ENOTDIR);
@@ -48,7 +48,7 @@ LXResult<LXFolderBookmarks::Resolved> LXPathBookmarks::resolve(const QByteArray 
     struct stat facts;
     if (!path.startsWith(u'/'))
         return bookmarkError(path, EINVAL);
-    if (::stat(QFile::encodeName(path).constData(), &facts) != 0)
+    if (::stat(bytesOfFileName(path).constData(), &facts) != 0)
         return bookmarkError(path, errno);
     return Resolved{path, object.value("identity"_L1).toString() != identity(facts)};
 }

@@ -63,6 +63,37 @@ QString LXDisplay::displayEscaped(QStringView text)
     return result;
 }
 
+QString LXDisplay::fromEscaped(const QString &text)
+{
+    if (!text.contains(u"\\x") && !text.contains(u"\\u{"))
+        return text;
+    QString result;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QStringView rest = QStringView(text).sliced(i);
+        bool isCode = false;
+        if (rest.startsWith(u"\\x") && rest.size() >= 4) {
+            const uint code = rest.sliced(2, 2).toUInt(&isCode, 16);
+            if (isCode && code < 0x100) {
+                result += QChar(code);
+                i += 3;
+                continue;
+            }
+        } else if (const qsizetype end = rest.indexOf(u'}'); rest.startsWith(u"\\u{") && end > 3) {
+            const uint code = rest.sliced(3, end - 3).toUInt(&isCode, 16);
+            if (isCode && code <= 0x10ffff) {
+                if (code >= 0x10000)
+                    result += QString::fromUcs4(reinterpret_cast<const char32_t *>(&code), 1);
+                else
+                    result += QChar(static_cast<char16_t>(code));
+                i += end;
+                continue;
+            }
+        }
+        result += text.at(i);
+    }
+    return result;
+}
+
 QString LXDisplay::displayName(const QString &path)
 {
     QStringView view(path);

@@ -11,6 +11,10 @@ namespace LXDisplay {
 /// a name can neither steer a terminal nor look like another name. Everything else stays.
 QString displayEscaped(QStringView text);
 
+/// The name that was shown as this, for names that a person copies from there: its \xNN and \u{NNNN} are
+/// characters again, bytes that are no text (\u{dcff}) among them. A text without any is itself.
+QString fromEscaped(const QString &text);
+
 /// The last component of the path, escaped.
 QString displayName(const QString &path);
 

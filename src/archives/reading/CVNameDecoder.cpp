@@ -2,9 +2,11 @@
 
 #include "archives/reading/CVNameCharset.h"
 #include "archives/reading/CVNameDetection.h"
+#include "util/LXFileName.h"
 
 #include <QSet>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -13,6 +15,10 @@ namespace {
 
 /// Kept of names that are not UTF-8: enough to be sure, little enough not to matter.
 constexpr qsizetype keptBytesLimit = 1024 * 1024;
+
+/// Bytes beyond ASCII that tell a charset: one German word of Windows has two of them, and so has any name
+/// that is no text at all. Where the maker's system is likely to use UTF-8, fewer say nothing.
+constexpr qsizetype leastOddBytes = 4;
 
 /// Kept of names that are UTF-8 only by a few bytes and might as well be something else.
 constexpr qsizetype weakBytesLimit = 64 * 1024;
@@ -127,6 +133,7 @@ struct CVNameDecoder::Private
     Pool odd;  ///< names that are not UTF-8
     Pool weak; ///< names that may be UTF-8 by chance
     bool allUtf8 = true;
+    bool keepsBytes = false; ///< names that are not UTF-8 are no text
     std::unique_ptr<CVNameCharset> charset;
     QSet<QByteArray> weakInCharset; ///< names that are UTF-8 by chance
     QSet<QString> taken;            ///< texts of observed names that are not UTF-8
@@ -175,6 +182,10 @@ void CVNameDecoder::decide()
         return;
     }
     const std::vector<QByteArrayView> names = d->odd.views();
+    qsizetype oddBytes = 0;
+    for (const QByteArrayView raw : names)
+        oddBytes += std::count_if(raw.begin(), raw.end(), [](char c) { return (c & 0x80) != 0; });
+    d->keepsBytes = d->family == Family::Tar && oddBytes > 0 && oddBytes < leastOddBytes;
     if (auto found = cvDetectNameCharset(names, d->family))
         d->charset = std::move(found);
     for (const QByteArrayView raw : d->weak.views()) {
@@ -182,7 +193,8 @@ void CVNameDecoder::decide()
             d->weakInCharset.insert(raw.toByteArray());
     }
     for (const QByteArrayView raw : names)
-        d->taken.insert(d->charset->decode(raw));
+        if (!d->keepsBytes)
+            d->taken.insert(d->charset->decode(raw));
     for (const QByteArray &raw : std::as_const(d->weakInCharset))
         d->taken.insert(d->charset->decode(raw));
     d->odd.clear();
@@ -201,7 +213,8 @@ QString CVNameDecoder::decode(QByteArrayView raw, CVNameEncoding encoding) const
         return sevenBitCharset && hasEscapeSequence(raw) ? d->charset->decode(raw) : QString::fromLatin1(raw);
     }
     if (!raw.isValidUtf8())
-        return d->charset->decode(raw);
+        return d->keepsBytes || encoding == CVNameEncoding::Utf8 ? fileNameFromBytes(raw)
+                                                                 : d->charset->decode(raw);
     if (encoding == CVNameEncoding::Unmarked && !d->weakInCharset.isEmpty() &&
         d->weakInCharset.contains(QByteArray::fromRawData(raw.data(), raw.size())))
         return d->charset->decode(raw);

@@ -13,6 +13,10 @@
 /// names of an archive come from one maker, so they are looked at together and one charset is chosen
 /// for all; names that carry a mark, or that are valid UTF-8, are read as UTF-8.
 ///
+/// Not every name is text. Where the format says UTF-8 and the bytes are something else, and where tar and
+/// its like, which store what the system gave them, have too few odd bytes to tell a charset from, the bytes
+/// stay what they are (fileNameFromBytes()) and come back so.
+///
 /// Use: observe() every name, decide() once, then decode(). Thread: observe() and decide() on one
 /// thread; afterwards decode() and charsetName() from any number at once.
 class CVNameDecoder final

@@ -58,10 +58,9 @@ std::optional<XADEntry> CVSevenZipEntryReader::read(std::uint32_t item)
         name.bytes = nameOfUnnamed();
     entry.name = std::move(name.bytes);
     entry.nameEncoding = CVNameEncoding::Utf8;
-    if (name.raw)
-        entry.nameEncoding = CVNameEncoding::Unmarked;
-    else if (!isSingle && cvSevenZipKeepsNamesAsBytes(m_format)) {
-        const bool marked = m_format == "zip" && property(PropertyCharacteristics) &&
+    // Single bytes in a name of a format that has Unicode are what the maker's system could not read.
+    if (!isSingle && cvSevenZipKeepsNamesAsBytes(m_format)) {
+        const bool marked = !name.raw && m_format == "zip" && property(PropertyCharacteristics) &&
                             value.string().contains(QLatin1String("UTF8"));
         entry.nameEncoding = marked ? CVNameEncoding::Utf8 : CVNameEncoding::Unmarked;
     }

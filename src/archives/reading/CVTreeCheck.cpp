@@ -167,7 +167,7 @@ bool Walk::lookAtLinks()
 QString Walk::run(const QString &folder)
 {
     m_root = LXFileDescriptor(
-        ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        ::open(bytesOfFileName(folder).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat info;
     if (!m_root.isOpen() || ::fstat(m_root.get(), &info) != 0)
         return QStringLiteral("the folder cannot be read");

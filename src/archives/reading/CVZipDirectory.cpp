@@ -392,6 +392,11 @@ CVZipDirectory::Outcome CVZipDirectory::takeRecord(const char *record, const Pla
     if (flags & flagUtf8)
         entry.nameEncoding = entry.name.isValidUtf8() ? CVNameEncoding::Utf8 : CVNameEncoding::Unmarked;
 
+    // 7-Zip on Unix (nobody else stores such times there) marks what is text. The rest is what its system
+    // could not read.
+    if (host == hostUnix && extras.ntfsTime != XADEntry::unknownTime && !entry.name.isValidUtf8())
+        entry.nameEncoding = CVNameEncoding::Utf8;
+
     const QByteArray storedName = entry.name;
     if (extras.unicodePathSize > 5 && extras.unicodePath[0] == 1 && !(flags & flagUtf8)) {
         // The checksum tells whether a tool that ignores this field has renamed the entry since. Readers

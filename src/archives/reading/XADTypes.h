@@ -28,7 +28,8 @@ enum class XADAction : int { Abort = 0, Retry = 1, Skip = 2 };
 /// How the bytes of a name are to be read.
 enum class CVNameEncoding : std::uint8_t {
     Unmarked, ///< bytes without a mark: decoded together with all others of the archive
-    Utf8,     ///< the format says UTF-8, or the engine converted from UTF-16
+    Utf8, ///< the format says UTF-8, or the engine converted from UTF-16; bytes that are not are no text at
+          ///< all
 };
 
 /// One entry as its engine found it; nothing here is made safe or decoded.

@@ -139,8 +139,7 @@ std::unique_ptr<CVXarEngine> CVXarEngine::create(xar_t archive)
         if (pathBytes > maxPathBytes)
             return nullptr;
         // The format knows no other encoding; what does not fit was kept byte by byte.
-        if (entry.name.isValidUtf8())
-            entry.nameEncoding = CVNameEncoding::Utf8;
+        entry.nameEncoding = CVNameEncoding::Utf8;
         entry.type = typeOf(file->type);
         entry.mode = file->mode;
         entry.hasMode = file->hasMode;
