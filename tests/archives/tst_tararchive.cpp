@@ -114,6 +114,7 @@ private Q_SLOTS:
     void hostileArchives();
     void damagedArchives_data();
     void damagedArchives();
+    void previewMakesUpFolders();
     void fullFolderIsNeverEmptied();
     void cancelEndsOnce();
     void creates_data();
@@ -387,6 +388,22 @@ void TestTarArchive::damagedArchives()
     const auto tar = extract(path("x.tgz"));
     QCOMPARE(m_recorder->events, QStringList{QStringLiteral("failed 4")});
     QCOMPARE(tar->status(), std::int32_t(CVArchive::InvalidFile));
+}
+
+void TestTarArchive::previewMakesUpFolders()
+{
+    runShell("mkdir -p a/b/c; touch a/b/c/f a/b/g top\n"
+             "tar -cf x.tar --no-recursion . ./a/b/c/f ./a/b ./a/b/g ./top",
+             m_folder->path());
+    const auto tar = CVArchive::archiveForPreviewing(path("x.tar"));
+    tar->setDelegate(m_recorder.get());
+    tar->openForPreview(path("x.tar"));
+    QCOMPARE(m_recorder->events, QStringList{QStringLiteral("finished")});
+    QStringList paths;
+    for (const auto &node : tar->filePreviewsNode()->preorder())
+        paths << node->path() + QString(node->isPreviewableFolder() ? "/" : "");
+    QVERIFY(paths.removeOne(QStringLiteral("/")) || paths.removeOne(QString()));
+    QCOMPARE(paths, (QStringList{"a/", "a/b/", "a/b/c/", "a/b/c/f", "a/b/g", "top"}));
 }
 
 void TestTarArchive::fullFolderIsNeverEmptied()

@@ -356,6 +356,14 @@ void tst_extractoperation::wholeArchives_data()
         << QStringList{u"Opening “x.zip” (1 of 2)"_s, u"Opening “y.zip” (2 of 2)"_s,
                        u"completed many: ~/out/docs, ~/out/docs 2"_s}
         << QStringList{u"docs 2/"_s, u"docs 2/a.txt"_s, u"docs/"_s, u"docs/a.txt"_s};
+    QTest::newRow("a taken name that its links need")
+        << QStringList{u"a.zip"_s, u"b.zip"_s}
+        << Scripts{{u"a.zip"_s, {.items = {u"d/x"_s}}},
+                   {u"b.zip"_s, {.items = {u"d/x"_s, u"d/e/l -> ../../d/x"_s}}}}
+        << QStringList{u"Opening “a.zip” (1 of 2)"_s, u"Opening “b.zip” (2 of 2)"_s,
+                       u"completed many: ~/out/d, ~/out/d 2"_s}
+        << QStringList{u"d 2/"_s,    u"d 2/d/"_s, u"d 2/d/e/"_s, u"d 2/d/e/l"_s,
+                       u"d 2/d/x"_s, u"d/"_s,     u"d/x"_s};
     QTest::newRow("wrong password, then the right one")
         << QStringList{u"wrong then right.zip"_s} << Scripts{{u"wrong then right.zip"_s, locked}}
         << QStringList{u"Opening “wrong then right.zip”"_s, u"password? wrong then right.zip"_s,
