@@ -1,6 +1,7 @@
 #include "sandbox/LXSandboxServices.h"
 
-#include <QFile>
+#include "util/LXFileName.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 
