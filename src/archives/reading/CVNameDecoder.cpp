@@ -90,6 +90,27 @@ bool isWeakUtf8(QByteArrayView raw)
     return odd <= 4;
 }
 
+/// Bytes beyond ASCII in all names of files and folders, each of which counts once however often it occurs:
+/// one odd folder is in the path of everything beneath it.
+qsizetype oddBytesIn(const std::vector<QByteArrayView> &paths)
+{
+    QSet<QByteArrayView> seen;
+    qsizetype count = 0;
+    for (const QByteArrayView path : paths) {
+        for (qsizetype begin = 0; begin < path.size() && count < leastOddBytes;) {
+            const qsizetype slash = path.indexOf('/', begin);
+            const qsizetype end = slash < 0 ? path.size() : slash;
+            const QByteArrayView name = path.sliced(begin, end - begin);
+            if (!seen.contains(name)) {
+                seen.insert(name);
+                count += std::count_if(name.begin(), name.end(), [](char c) { return (c & 0x80) != 0; });
+            }
+            begin = end + 1;
+        }
+    }
+    return count;
+}
+
 /// Byte strings one after the other, without an allocation for each.
 class Pool
 {
@@ -182,10 +203,7 @@ void CVNameDecoder::decide()
         return;
     }
     const std::vector<QByteArrayView> names = d->odd.views();
-    qsizetype oddBytes = 0;
-    for (const QByteArrayView raw : names)
-        oddBytes += std::count_if(raw.begin(), raw.end(), [](char c) { return (c & 0x80) != 0; });
-    d->keepsBytes = d->family == Family::Tar && oddBytes > 0 && oddBytes < leastOddBytes;
+    d->keepsBytes = d->family == Family::Tar && oddBytesIn(names) < leastOddBytes;
     if (auto found = cvDetectNameCharset(names, d->family))
         d->charset = std::move(found);
     for (const QByteArrayView raw : d->weak.views()) {

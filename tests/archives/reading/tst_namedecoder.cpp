@@ -33,6 +33,7 @@ private Q_SLOTS:
     void findsCharset();
     void fallsBackWhereNothingIsSaid();
     void readsTheRestOfADamagedSet();
+    void keepsBytesThatSayNothing();
     void doubtsShortUtf8();
     void decodesOnManyThreads();
     void showsWhatCannotBeRead();
@@ -155,6 +156,16 @@ void TestNameDecoder::readsTheRestOfADamagedSet()
     decoder.decide();
     QCOMPARE(decoder.decode(whole, CVNameEncoding::Unmarked), QStringLiteral("表計算ソフト"));
     QCOMPARE(decoder.decode(whole.chopped(1), CVNameEncoding::Unmarked), QStringLiteral("表計算ソフ‰83"));
+}
+
+void TestNameDecoder::keepsBytesThatSayNothing()
+{
+    const QByteArray odd = "\xff\xfe.bin";
+    CVNameDecoder tar(Family::Tar);
+    for (const QByteArray &name : {odd, odd, QByteArray(odd + "/a"), QByteArray(odd + "/b")})
+        tar.observe(name); // one name, however often it occurs
+    tar.decide();
+    QCOMPARE(bytesOfFileName(tar.decode(odd, CVNameEncoding::Unmarked)), odd);
 }
 
 void TestNameDecoder::doubtsShortUtf8()
