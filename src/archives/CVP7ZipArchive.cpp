@@ -128,10 +128,10 @@ void CVP7ZipArchive::runTool(const QString &tool)
         options.workingFolder = sourcePath;
     if (password)
         options.environment = {{QStringLiteral("CORVANE_PASSWORD"), *password}};
-    options.confinement =
-        CVToolRules::line({tool, QStringLiteral("7za"), QStringLiteral("7zz"), QStringLiteral("7z"),
-                           QStringLiteral("/usr/lib/p7zip"), QStringLiteral("/usr/lib/7zip"),
-                           qEnvironmentVariable("CORVANE_REAL_7ZA", QStringLiteral("7za"))});
+    options.confinement = CVToolRules::line(
+        {tool, CVToolPaths::resourcesFolder() + QStringLiteral("/corvane-zip"), QStringLiteral("7za"),
+         QStringLiteral("7zz"), QStringLiteral("7z"), QStringLiteral("/usr/lib/p7zip"),
+         QStringLiteral("/usr/lib/7zip"), qEnvironmentVariable("CORVANE_REAL_7ZA", QStringLiteral("7za"))});
     options.confinement->readable = {QStringLiteral("/")}; // it follows links, out of the folder too
     options.confinement->writable = {parentPath(destination)};
     options.confinement->changes = LXConfinementRules::Changes::ByDescriptor;

@@ -1,136 +1,44 @@
 #include "archives/xar/CVXarDeflater.h"
 
 #include <libdeflate.h>
-#include <zlib.h>
 
-#include <algorithm>
-#include <cstring>
-#include <new>
+#include <iterator>
 
 namespace {
 
 // The usual middle; above it time grows much faster than what is gained.
 constexpr int level = 6;
-// How much a stored block can hold.
-constexpr std::size_t maxStoredBytes = 65535;
 
-const Bytef *bytes(const char *data)
+void appendChecksum(std::uint32_t checksum, std::vector<char> &to)
 {
-    return reinterpret_cast<const Bytef *>(data);
-}
-
-bool isZeros(std::span<const char> data)
-{
-    return data.empty() || (data[0] == 0 && std::memcmp(data.data(), data.data() + 1, data.size() - 1) == 0);
-}
-
-void appendStored(std::span<const char> plain, std::vector<char> &to)
-{
-    for (std::size_t at = 0; at < plain.size();) {
-        const std::size_t size = std::min(maxStoredBytes, plain.size() - at);
-        const auto low = static_cast<char>(size & 0xff);
-        const auto high = static_cast<char>(size >> 8);
-        const char header[5] = {0, low, high, static_cast<char>(~low), static_cast<char>(~high)};
-        to.insert(to.end(), header, header + sizeof header);
-        to.insert(to.end(), plain.begin() + static_cast<std::ptrdiff_t>(at),
-                  plain.begin() + static_cast<std::ptrdiff_t>(at + size));
-        at += size;
-    }
+    for (int shift = 24; shift >= 0; shift -= 8)
+        to.push_back(static_cast<char>(checksum >> shift));
 }
 
 } // namespace
 
-void CVXarDeflater::Free::operator()(libdeflate_compressor *compressor) const
-{
-    libdeflate_free_compressor(compressor);
-}
-
 CVXarDeflater::CVXarDeflater()
-    : m_compressor(libdeflate_alloc_compressor(level))
-    , m_inflater(std::make_unique<z_stream>())
-{
-    if (!m_compressor || inflateInit2(m_inflater.get(), -MAX_WBITS) != Z_OK)
-        throw std::bad_alloc();
-}
-
-CVXarDeflater::~CVXarDeflater()
-{
-    inflateEnd(m_inflater.get());
-}
+    : m_deflater(level)
+{}
 
 void CVXarDeflater::whole(std::span<const char> plain, std::vector<char> &to)
 {
-    to.resize(libdeflate_zlib_compress_bound(m_compressor.get(), plain.size()));
-    to.resize(libdeflate_zlib_compress(m_compressor.get(), plain.data(), plain.size(), to.data(), to.size()));
+    to = head();
+    const std::size_t begin = to.size();
+    to.resize(begin + m_deflater.bound(plain.size()));
+    to.resize(begin + m_deflater.whole(plain, to.data() + begin, to.size() - begin));
+    appendChecksum(checksum(initialChecksum, plain), to);
 }
 
 void CVXarDeflater::piece(std::span<const char> plain, std::vector<char> &to)
 {
-    const bool zeros = plain.size() > maxStoredBytes && isZeros(plain);
-    if (zeros && plain.size() == m_zeroSize) {
-        to = m_zeros;
-        return;
-    }
-    to.resize(libdeflate_deflate_compress_bound(m_compressor.get(), plain.size()));
-    to.resize(
-        libdeflate_deflate_compress(m_compressor.get(), plain.data(), plain.size(), to.data(), to.size()));
-    if (to.empty() || to.size() >= plain.size() || !openEnd(to)) {
-        to.clear();
-        appendStored(plain, to);
-    }
-    if (zeros) {
-        m_zeros = to;
-        m_zeroSize = plain.size();
-    }
-}
-
-/// The library marks the last block of what it makes as the last of the stream. Only a decoder knows where
-/// that block begins, so one is run over it; zlib stops at every block if asked to.
-bool CVXarDeflater::openEnd(std::vector<char> &deflated)
-{
-    constexpr std::size_t scratchBytes = std::size_t(256) << 10;
-    m_scratch.resize(scratchBytes);
-    z_stream &stream = *m_inflater;
-    if (inflateReset(&stream) != Z_OK)
-        return false;
-    stream.next_in = const_cast<Bytef *>(bytes(deflated.data()));
-    stream.avail_in = static_cast<uInt>(deflated.size());
-    std::size_t lastBlock = 0; // in bits
-    std::size_t unused = 0;    // bits behind the end
-    for (;;) {
-        stream.next_out = reinterpret_cast<Bytef *>(m_scratch.data());
-        stream.avail_out = static_cast<uInt>(scratchBytes);
-        const int result = inflate(&stream, Z_BLOCK);
-        if (result == Z_STREAM_END)
-            break;
-        if (result != Z_OK)
-            return false;
-        // 128: at the end of a block; 64: that was the last one.
-        if ((stream.data_type & 128) == 0)
-            continue;
-        unused = static_cast<std::size_t>(stream.data_type) & 7U;
-        if ((stream.data_type & 64) == 0)
-            lastBlock = (deflated.size() - stream.avail_in) * 8 - unused;
-    }
-    if (stream.avail_in != 0)
-        return false;
-    char &mark = deflated[lastBlock / 8];
-    const int bit = 1 << (lastBlock % 8);
-    if ((mark & bit) == 0)
-        return false;
-    mark = static_cast<char>(mark & ~bit);
-    // An empty stored block takes the stream to a byte's end: three zero bits, the rest of the byte, a length
-    // of zero and its complement. The bits behind the end are zero already.
-    if (unused < 3)
-        deflated.push_back(0);
-    deflated.insert(deflated.end(), {0, 0, '\xff', '\xff'});
-    return true;
+    m_deflater.piece(plain, to);
 }
 
 std::vector<char> CVXarDeflater::stored(std::span<const char> plain)
 {
     std::vector<char> out;
-    appendStored(plain, out);
+    LXDeflater::appendStored(plain, out);
     return out;
 }
 
@@ -141,10 +49,8 @@ std::vector<char> CVXarDeflater::head()
 
 std::vector<char> CVXarDeflater::end(std::uint32_t checksum)
 {
-    // An empty last block, then the checksum.
-    std::vector<char> out{'\x03', '\0'};
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.push_back(static_cast<char>(checksum >> shift));
+    std::vector<char> out(std::begin(LXDeflater::endOfPieces), std::end(LXDeflater::endOfPieces));
+    appendChecksum(checksum, out);
     return out;
 }
 

@@ -1,13 +1,10 @@
 #pragma once
 
-#include <cstddef>
+#include "util/LXDeflater.h"
+
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <vector>
-
-struct libdeflate_compressor;
-struct z_stream_s;
 
 /// Compresses to zlib streams, whole or out of pieces that are compressed apart from each other, so that
 /// several threads can work on one file. The result depends on the data alone.
@@ -17,9 +14,6 @@ class CVXarDeflater
 {
 public:
     CVXarDeflater();
-    ~CVXarDeflater();
-    CVXarDeflater(const CVXarDeflater &) = delete;
-    CVXarDeflater &operator=(const CVXarDeflater &) = delete;
 
     /// A whole zlib stream. Replaces what `to` held, as all of these.
     void whole(std::span<const char> plain, std::vector<char> &to);
@@ -37,15 +31,5 @@ public:
     static constexpr std::uint32_t initialChecksum = 1;
 
 private:
-    bool openEnd(std::vector<char> &deflated);
-
-    struct Free
-    {
-        void operator()(libdeflate_compressor *compressor) const;
-    };
-    std::unique_ptr<libdeflate_compressor, Free> m_compressor;
-    std::unique_ptr<z_stream_s> m_inflater;
-    std::vector<char> m_scratch;
-    std::vector<char> m_zeros; ///< piece() of m_zeroSize zero bytes
-    std::size_t m_zeroSize = 0;
+    LXDeflater m_deflater;
 };
