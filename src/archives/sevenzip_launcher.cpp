@@ -119,8 +119,9 @@ void handOverPassword()
 
 } // namespace
 
-/// `stack` is what the kernel left: the count of arguments, then their pointers.
-extern "C" [[gnu::used]] void corvaneTakePassword(unsigned long *stack)
+/// `stack` is what the kernel left: the count of arguments, then their pointers. The stack is not guarded
+/// yet.
+extern "C" [[gnu::used, gnu::no_stack_protector]] void corvaneTakePassword(unsigned long *stack)
 {
     taken = true;
     const unsigned long count = *stack;
